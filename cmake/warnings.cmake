@@ -1,0 +1,12 @@
+# Warnings and sanitizers for our own code. Link qxtools_warnings to every target of ours.
+add_library(qxtools_warnings INTERFACE)
+target_compile_options(qxtools_warnings INTERFACE -Wall -Wextra -Wpedantic -Wconversion)
+if(QXTOOLS_WERROR)
+  target_compile_options(qxtools_warnings INTERFACE -Werror)
+endif()
+
+set(QXTOOLS_SANITIZE "" CACHE STRING "Sanitizers for -fsanitize=, for example address,undefined")
+if(QXTOOLS_SANITIZE)
+  add_compile_options(-fsanitize=${QXTOOLS_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
+  add_link_options(-fsanitize=${QXTOOLS_SANITIZE})
+endif()

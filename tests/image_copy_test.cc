@@ -1,0 +1,136 @@
+#include "qxtools/image_copy.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <stdexcept>
+#include <vector>
+
+#include "tests/testing/log_capture.h"
+
+namespace qx {
+namespace utils {
+namespace image {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+struct Geometry {
+  std::size_t w_stride;
+  std::size_t h_stride;
+};
+
+// Runs CopyImage over buffers with a known pattern and compares every destination byte.
+void ExpectCopied(const Geometry& dst, const Geometry& src, QXPixelFormat format,
+                  std::size_t bytes_per_row, std::size_t rows) {
+  std::vector<std::uint8_t> from(src.w_stride * src.h_stride * 3 / 2 + 1);
+  for (std::size_t i = 0; i < from.size(); ++i) from[i] = static_cast<std::uint8_t>(i % 251);
+  std::vector<std::uint8_t> to(dst.w_stride * dst.h_stride * 3 / 2 + 1, 0xEE);
+  std::vector<std::uint8_t> expected = to;
+  for (std::size_t r = 0; r < rows; ++r) {
+    for (std::size_t x = 0; x < bytes_per_row; ++x) {
+      expected[r * dst.w_stride + x] = from[r * src.w_stride + x];
+    }
+  }
+  EXPECT_EQ(CopyImage(to.data(), dst.w_stride, dst.h_stride, from.data(), src.w_stride,
+                      src.h_stride, format),
+            0);
+  EXPECT_EQ(to, expected);
+}
+
+TEST(CopyImage, CopiesTheOverlapAndNothingElse) {
+  for (const QXPixelFormat format : {kQXPixelFormatNV12, kQXPixelFormatNV21}) {
+    ExpectCopied({768, 48}, {640, 48}, format, 640, 72);
+    ExpectCopied({640, 30}, {768, 48}, format, 640, 45);
+    ExpectCopied({16, 2}, {16, 2}, format, 16, 3);
+    ExpectCopied({16, 0}, {16, 2}, format, 0, 0);
+  }
+  for (const int format : {1, 3, 12, 13, 14, 15}) {
+    ExpectCopied({767, 47}, {641, 51}, static_cast<QXPixelFormat>(format), 641, 47);
+    ExpectCopied({5, 3}, {9, 2}, static_cast<QXPixelFormat>(format), 5, 2);
+  }
+}
+
+TEST(CopyImage, CallsTheCopierOncePerRowWithTheDestinationsPitch) {
+  std::vector<std::uint8_t> from(640 * 720), to(768 * 720);
+  std::size_t calls = 0;
+  const auto copier = [&](void* dst, std::size_t dst_size, void* src, std::size_t src_size) {
+    EXPECT_EQ(dst, to.data() + calls * 768);
+    EXPECT_EQ(src, from.data() + calls * 640);
+    EXPECT_EQ(dst_size, 768U);
+    EXPECT_EQ(src_size, 640U);
+    ++calls;
+  };
+  EXPECT_EQ(CopyImage(to.data(), 768, 480, from.data(), 640, 480, kQXPixelFormatNV12, copier), 0);
+  EXPECT_EQ(calls, 720U);
+}
+
+TEST(CopyImage, RefusesWithOneErrorLineAndCopiesNothing) {
+  std::uint8_t a[64] = {}, b[64] = {};
+  const struct {
+    void* dst;
+    void* src;
+    std::size_t w, h;
+    int format;
+    const char* message;
+  } cases[] = {
+      {nullptr, nullptr, 4, 4, 7, "dst address is nullptr"},
+      {a, nullptr, 4, 4, 7, "src address is nullptr"},
+      {a, b, 4, 4, 7, "not support format 7"},
+      {a, b, 4, 4, 17, "not support format 17"},
+      {a, b, 4, 4, 0, "not support format 0"},
+      {a, b, 4, 4, 16, "not support format 16"},
+      {a, b, 3, 3, 5, "h_stride % 2 == 0"},
+      {a, b, 3, 4, 6, "w_stride % 2 == 0"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.message);
+    const testing::LogCapture log;
+    const auto never = [](void*, std::size_t, void*, std::size_t) { FAIL() << "a row was copied"; };
+    EXPECT_EQ(
+        CopyImage(c.dst, c.w, c.h, c.src, c.w, c.h, static_cast<QXPixelFormat>(c.format), never),
+        -1);
+    EXPECT_THAT(log.Messages(google::ERROR), ElementsAre(c.message));
+  }
+}
+
+TEST(CopyImage, LeavesTheCopiersExceptionsToTheCaller) {
+  std::uint8_t a[64] = {}, b[64] = {};
+  const auto throwing = [](void*, std::size_t, void*, std::size_t) {
+    throw std::runtime_error("lost device");
+  };
+  EXPECT_THROW(CopyImage(a, 4, 4, b, 4, 4, kQXPixelFormatGray8, throwing), std::runtime_error);
+  EXPECT_THROW(CopyImage(a, 4, 4, b, 4, 4, kQXPixelFormatGray8, nullptr), std::bad_function_call);
+  EXPECT_EQ(CopyImage(a, 4, 0, b, 4, 4, kQXPixelFormatGray8, nullptr), 0);
+}
+
+TEST(MemcpyFunc, ChecksTheCapacity) {
+  std::uint8_t from[4] = {1, 2, 3, 4}, to[4] = {};
+  const testing::LogCapture log;
+  MemcpyFunc(to, 2, from, 3);
+  EXPECT_THAT(to, ElementsAre(0, 0, 0, 0));
+  EXPECT_THAT(log.Messages(google::ERROR), ElementsAre("dst_size >= src_size"));
+  MemcpyFunc(to, 3, from, 3);
+  EXPECT_THAT(to, ElementsAre(1, 2, 3, 0));
+  MemcpyFunc(nullptr, 0, nullptr, 0);
+  EXPECT_EQ(log.Messages().size(), 1U);
+}
+
+TEST(AlignmentHelper, RoundsUpIn32Bits) {
+  const struct {
+    unsigned int value, alignment, result;
+  } cases[] = {{1, 16, 16},         {16, 16, 16},
+               {17, 16, 32},        {0, 16, 0},
+               {5, 0, 0},           {7, 3, 9},
+               {0xFFFFFFFF, 16, 0}, {0xFFFFFFF0, 16, 0xFFFFFFF0},
+               {0, 1, 0},           {0xFFFFFFFF, 1, 0xFFFFFFFF}};
+  for (const auto& c : cases) EXPECT_EQ(AlignmentHelper(c.value, c.alignment), c.result);
+  ReleaseResources();
+}
+
+}  // namespace
+}  // namespace image
+}  // namespace utils
+}  // namespace qx
