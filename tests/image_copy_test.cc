@@ -15,7 +15,6 @@ namespace image {
 namespace {
 
 using ::testing::ElementsAre;
-using ::testing::IsEmpty;
 
 struct Geometry {
   std::size_t w_stride;

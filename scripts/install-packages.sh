@@ -1,0 +1,55 @@
+#!/usr/bin/env bash
+# Installs the packages that the project needs and that are missing.
+#
+# usage: install-packages.sh [demo|test|bench]...
+#   demo   what building and running the command takes (the default)
+#   test   demo, and what scripts/test.sh takes
+#   bench  demo, and the rivals that the benchmarks measure against
+# Written for Debian and Ubuntu; needs root or sudo only when something is missing.
+. "$(dirname "${BASH_SOURCE[0]}")/common.sh"
+
+demo_packages=(
+  g++ cmake ninja-build pkg-config
+  libavformat-dev libavcodec-dev libavutil-dev libswscale-dev libgoogle-glog-dev
+  libcli11-dev nlohmann-json3-dev libpng-dev
+  ffmpeg
+)
+test_packages=(
+  clang-14 clang-format-14 clang-tidy-14 libclang-rt-14-dev llvm-14 libomp-14-dev
+  libgtest-dev libgmock-dev libbenchmark-dev
+  python3 python3-gi gir1.2-gst-rtsp-server-1.0
+  gstreamer1.0-plugins-base gstreamer1.0-plugins-good gstreamer1.0-plugins-bad
+)
+bench_packages=(libbenchmark-dev libyuv-dev libdnnl-dev)
+
+wanted=("${demo_packages[@]}")
+for group in "$@"; do
+  case $group in
+    demo) ;;
+    test) wanted+=("${test_packages[@]}") ;;
+    bench) wanted+=("${bench_packages[@]}") ;;
+    *) die "unknown group '$group'; known are demo, test and bench" ;;
+  esac
+done
+
+missing=()
+for package in "${wanted[@]}"; do
+  state=$(dpkg-query -W -f '${db:Status-Status}' "$package" 2>/dev/null || true)
+  [ "$state" = installed ] || missing+=("$package")
+done
+[ ${#missing[@]} -gt 0 ] || exit 0
+
+as_root=()
+if [ "$(id -u)" -ne 0 ]; then
+  command -v sudo >/dev/null || die "needs root or sudo to install: ${missing[*]}"
+  as_root=(sudo)
+fi
+say "Installing ${#missing[@]} packages: ${missing[*]}"
+log=$(mktemp)
+trap 'rm -f "$log"' EXIT
+if ! { "${as_root[@]}" apt-get update -q &&
+  "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -y -q --no-install-recommends \
+    "${missing[@]}"; } >"$log" 2>&1; then
+  tail -n 20 "$log" >&2
+  die "the packages could not be installed; the last lines of the package manager stand above"
+fi
