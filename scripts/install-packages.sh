@@ -1,10 +1,11 @@
 #!/usr/bin/env bash
 # Installs the packages that the project needs and that are missing.
 #
-# usage: install-packages.sh [demo|test|bench]...
+# usage: install-packages.sh [demo|test|bench|package]...
 #   demo   what building and running the command takes (the default)
 #   test   demo, and what scripts/test.sh takes
 #   bench  demo, and the rivals that the benchmarks measure against
+#   package  demo, and what scripts/build-packages.sh takes
 # Written for Debian and Ubuntu; needs root or sudo only when something is missing.
 . "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 
@@ -21,6 +22,7 @@ test_packages=(
   gstreamer1.0-plugins-base gstreamer1.0-plugins-good gstreamer1.0-plugins-bad
 )
 bench_packages=(libbenchmark-dev libyuv-dev libdnnl-dev)
+package_packages=(dpkg-dev lintian help2man file)
 
 wanted=("${demo_packages[@]}")
 for group in "$@"; do
@@ -28,7 +30,8 @@ for group in "$@"; do
     demo) ;;
     test) wanted+=("${test_packages[@]}") ;;
     bench) wanted+=("${bench_packages[@]}") ;;
-    *) die "unknown group '$group'; known are demo, test and bench" ;;
+    package) wanted+=("${package_packages[@]}") ;;
+    *) die "unknown group '$group'; known are demo, test, bench and package" ;;
   esac
 done
 
