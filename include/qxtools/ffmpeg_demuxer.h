@@ -1,0 +1,108 @@
+// The demuxer for everything FFmpeg can open: files and network streams, RTSP cameras above all.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "qxtools/export.h"
+#include "qxtools/video.h"
+
+struct AVFormatContext;
+
+namespace qx {
+namespace utils {
+namespace internal {
+class InputWatch;
+}  // namespace internal
+
+namespace video {
+
+// Why a call of FfmpegDemuxer gave nothing.
+enum class DemuxerFault {
+  kNone,           // the last call succeeded
+  kRefused,        // connection refused, no such file, no permission, or an error reply
+  kTimedOut,       // no data in time, or the limit of SetTimeLimit() passed
+  kClosedByPeer,   // the network peer ended or reset the connection
+  kEndOfStream,    // the file is at its end
+  kMalformed,      // the input is not media, or damaged beyond reading
+  kCancelled,      // Cancel() is in force
+  kNoVideoStream,  // the input has no H.264 or H.265 stream
+  kNotOpen,        // ReadFrame() without an input
+  kOther,          // none of the above; the log holds FFmpeg's code
+};
+
+// Hands out the packets of the first H.264 or H.265 stream of an input, without copying them.
+//
+// Threads: one demuxer is used by one thread at a time; Cancel() and ClearCancel() alone may be
+//          called from any other. Packets are released on any thread and may outlive the demuxer.
+// Cost:    two small allocations per packet.
+class QXTOOLS_EXPORT FfmpegDemuxer : public Demuxer {
+ public:
+  // No input open; no time limit.
+  FfmpegDemuxer();
+  FfmpegDemuxer(const FfmpegDemuxer&) = delete;
+  FfmpegDemuxer& operator=(const FfmpegDemuxer&) = delete;
+
+  // Closes the input.
+  ~FfmpegDemuxer() override;
+
+  // Opens a file path or stream URL in place of the present input and chooses its first H.264 or
+  // H.265 stream; streams of other kinds that come before it are named in the log at ERROR. RTSP
+  // media travel over the control connection (TCP); a wait of more than 3 s for the camera fails.
+  //
+  // Returns: 0; -1 when the input cannot be opened or read (no input is open then), or has no such
+  //          stream (the input stays open and ReadFrame() finds nothing in it). The demuxer can be
+  //          opened again after either.
+  // Cost:    within 8 s for RTSP, plus the time to look up the host's name.
+  int Open(const std::string& url, const Config& config) override;
+
+  // Reads on to the next packet of the chosen stream. Failed reads and empty packets are logged
+  // at ERROR and counted; a failed read is followed by a pause of 1 ms.
+  //
+  // Output:  the packet with the container's own framing: Annex B from raw streams, MPEG-TS and
+  //          RTSP, length-prefixed from MP4 and MKV (see annexb_filter.h).
+  // Returns: empty at the third failure of one call, which is also the sign of the end of a file.
+  //          The demuxer stays usable: a later call tries again.
+  // Cost:    within 10 s for RTSP, whatever the camera does.
+  std::shared_ptr<StreamPacket> ReadFrame() override;
+
+  // Opens and probes `url`. Returns: the input, closed with the last copy of the pointer; it may
+  // outlive the demuxer. Empty on failure, with the reason in the log at ERROR.
+  std::shared_ptr<AVFormatContext> CreateFormatContext(std::string url);
+
+  // Chooses the first H.264 or H.265 stream of `ctx`; the packets read later carry its codec.
+  // Output:  stream_index  its index; -1 when there is none; untouched when `ctx` is empty.
+  // Returns: 0; -1 when there is none or `ctx` is empty.
+  int GetStreamInfo(std::shared_ptr<AVFormatContext> ctx, int& stream_index);
+
+  // Returns: the chosen stream's index in the container; -1 before the first successful Open().
+  int VideoStreamIndex() const { return video_stream_index_; }
+
+  // Returns: the cause of the last Open() or ReadFrame(). FFmpeg's codes cannot tell a dead camera
+  // from the end of a file; this does.
+  DemuxerFault LastFault() const;
+
+  // Limits each later Open() and ReadFrame() as a whole; zero, the default, removes the limit.
+  // Applies where FFmpeg waits for a network; a read of a local file or pipe is not interrupted.
+  // After a limit has passed within ReadFrame(), inputs other than RTSP have to be opened again.
+  void SetTimeLimit(std::chrono::milliseconds limit);
+
+  // Makes the call in progress return within 0.2 s, and later ones at once, with nothing and
+  // kCancelled, until ClearCancel(). Safe from any thread; not to be called by a signal handler.
+  void Cancel();
+  void ClearCancel();
+
+ private:
+  friend class AnnexBFilter;
+
+  std::shared_ptr<AVFormatContext> avformat_cxt_;
+  VideoCodec codec_ = kVideoCodecH264;
+  std::int32_t video_stream_index_ = -1;
+  std::shared_ptr<internal::InputWatch> watch_;  // shared with the input, which it may outlive
+};
+
+}  // namespace video
+}  // namespace utils
+}  // namespace qx

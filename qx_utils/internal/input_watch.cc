@@ -1,0 +1,90 @@
+#include "qx_utils/internal/input_watch.h"
+
+#include <algorithm>
+
+#include "qx_utils/internal/ffmpeg_options.h"
+
+namespace qx {
+namespace utils {
+namespace internal {
+namespace {
+
+using video::DemuxerFault;
+
+// `now` + `limit` without overflow.
+InputWatch::Clock::time_point After(InputWatch::Clock::time_point now,
+                                    InputWatch::Clock::duration limit) {
+  const auto left = InputWatch::Clock::time_point::max() - now;
+  return limit < left ? now + limit : InputWatch::Clock::time_point::max();
+}
+
+DemuxerFault FaultOf(int code, bool rtsp) {
+  switch (code) {
+    case AVERROR(ETIMEDOUT):
+      return DemuxerFault::kTimedOut;
+    case AVERROR_EOF:
+      return rtsp ? DemuxerFault::kClosedByPeer : DemuxerFault::kEndOfStream;
+    case AVERROR(EPIPE):
+    case AVERROR(ECONNRESET):
+      return DemuxerFault::kClosedByPeer;
+    case AVERROR(EIO):
+      return rtsp ? DemuxerFault::kClosedByPeer : DemuxerFault::kOther;
+    case AVERROR_INVALIDDATA:
+      return DemuxerFault::kMalformed;
+    case AVERROR(ECONNREFUSED):
+    case AVERROR(EHOSTUNREACH):
+    case AVERROR(ENETUNREACH):
+    case AVERROR(ENOENT):
+    case AVERROR(EACCES):
+    case AVERROR(EISDIR):
+    case AVERROR_HTTP_BAD_REQUEST:
+    case AVERROR_HTTP_UNAUTHORIZED:
+    case AVERROR_HTTP_FORBIDDEN:
+    case AVERROR_HTTP_NOT_FOUND:
+    case AVERROR_HTTP_OTHER_4XX:
+    case AVERROR_HTTP_SERVER_ERROR:
+      return DemuxerFault::kRefused;
+    default:
+      return DemuxerFault::kOther;
+  }
+}
+
+}  // namespace
+
+InputWatch::Call::Call(InputWatch& watch, Clock::duration wait_limit)
+    : watch_(watch), wait_limit_(wait_limit), end_(Clock::time_point::max()) {
+  watch_.fault_ = DemuxerFault::kNone;
+  if (watch_.limit_ != kNoLimit) end_ = After(Clock::now(), watch_.limit_);
+  Restart();
+}
+
+InputWatch::Call::~Call() { watch_.deadline_ = kNoLimit.count(); }
+
+void InputWatch::Call::Restart() {
+  auto deadline = end_;
+  if (wait_limit_ != kNoLimit) deadline = std::min(deadline, After(Clock::now(), wait_limit_));
+  watch_.deadline_ = deadline.time_since_epoch().count();
+}
+
+void InputWatch::SetFault(int code, const char* url) {
+  if (Cancelled()) {
+    fault_ = DemuxerFault::kCancelled;
+  } else if (Late()) {
+    fault_ = DemuxerFault::kTimedOut;
+  } else {
+    fault_ = FaultOf(code, IsRtsp(url));
+  }
+}
+
+AVIOInterruptCB InputWatch::InterruptCallback() {
+  return {[](void* watch) { return static_cast<InputWatch*>(watch)->Interrupted() ? 1 : 0; }, this};
+}
+
+bool InputWatch::Late() const {
+  const Clock::rep deadline = deadline_;
+  return deadline != kNoLimit.count() && Clock::now().time_since_epoch().count() >= deadline;
+}
+
+}  // namespace internal
+}  // namespace utils
+}  // namespace qx

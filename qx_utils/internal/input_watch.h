@@ -1,0 +1,67 @@
+// Ends FFmpeg's waiting when a deadline has passed or another thread cancels, and remembers why the
+// last call failed.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+
+#include "qx_utils/internal/ffmpeg_handles.h"
+#include "qxtools/ffmpeg_demuxer.h"
+
+namespace qx {
+namespace utils {
+namespace internal {
+
+// Threads: Cancel(), ClearCancel() and the interrupt callback from any; the rest from the thread
+//          that uses the demuxer.
+class InputWatch {
+ public:
+  using Clock = std::chrono::steady_clock;
+  static constexpr Clock::duration kNoLimit = Clock::duration::max();
+
+  // One call of the demuxer: while it is alive, FFmpeg's waits end at its deadline.
+  class Call {
+   public:
+    // `wait_limit` bounds what passes until the next Restart(), the limit of SetLimit() the whole.
+    Call(InputWatch& watch, Clock::duration wait_limit);
+    Call(const Call&) = delete;
+    Call& operator=(const Call&) = delete;
+    // Without a deadline, so that closing the input can still tell the peer.
+    ~Call();
+
+    // Grants another `wait_limit`.
+    void Restart();
+
+   private:
+    InputWatch& watch_;
+    const Clock::duration wait_limit_;
+    Clock::time_point end_;  // of the call as a whole
+  };
+
+  void SetLimit(Clock::duration limit) { limit_ = limit; }
+  void Cancel() { cancelled_ = true; }
+  void ClearCancel() { cancelled_ = false; }
+
+  video::DemuxerFault fault() const { return fault_; }
+  void set_fault(video::DemuxerFault fault) { fault_ = fault; }
+  // Records the cause of a failure that FFmpeg reports as `code` on an input opened from `url`.
+  void SetFault(int code, const char* url);
+
+  bool Cancelled() const { return cancelled_; }
+  bool Interrupted() const { return Cancelled() || Late(); }
+
+  // For AVFormatContext::interrupt_callback. The watch must outlive the context.
+  AVIOInterruptCB InterruptCallback();
+
+ private:
+  bool Late() const;
+
+  std::atomic<bool> cancelled_{false};
+  std::atomic<Clock::rep> deadline_{kNoLimit.count()};  // on Clock
+  Clock::duration limit_ = kNoLimit;
+  video::DemuxerFault fault_ = video::DemuxerFault::kNone;
+};
+
+}  // namespace internal
+}  // namespace utils
+}  // namespace qx

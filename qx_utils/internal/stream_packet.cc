@@ -1,0 +1,44 @@
+#include "qx_utils/internal/stream_packet.h"
+
+namespace qx {
+namespace utils {
+namespace internal {
+namespace {
+
+// Holds the AVPacket by value: a third allocation for each packet is saved.
+struct PacketDeleter {
+  AVPacket packet;
+
+  void operator()(video::StreamPacket* record) {
+    delete record;
+    av_packet_unref(&packet);
+  }
+};
+
+// Releases the packet if the record cannot be allocated.
+struct PacketUnref {
+  void operator()(AVPacket* packet) const { av_packet_unref(packet); }
+};
+
+}  // namespace
+
+std::shared_ptr<video::StreamPacket> WrapPacket(AVPacket& packet, video::VideoCodec codec) {
+  std::unique_ptr<AVPacket, PacketUnref> guard(&packet);
+  auto record = std::make_unique<video::StreamPacket>();
+  record->data = packet.data;
+  record->size = static_cast<std::uint64_t>(packet.size);
+  record->codec = codec;
+  PacketDeleter deleter{packet};
+  InitPacket(*guard.release());
+  // From here on the deleter owns the payload: it runs even if the control block is not allocated.
+  return {record.release(), deleter};
+}
+
+const AVPacket* WrappedPacket(const std::shared_ptr<video::StreamPacket>& packet) {
+  const auto* deleter = std::get_deleter<PacketDeleter>(packet);
+  return deleter == nullptr ? nullptr : &deleter->packet;
+}
+
+}  // namespace internal
+}  // namespace utils
+}  // namespace qx
