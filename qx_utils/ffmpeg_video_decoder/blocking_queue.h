@@ -1,0 +1,64 @@
+// The hand-over from the threads that produce to the one that consumes.
+#pragma once
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <mutex>
+#include <utility>
+
+namespace qx {
+namespace utils {
+namespace ffmpeg {
+
+// An unbounded first-in first-out queue whose reader waits while it is empty.
+//
+// Threads: any thread may call any operation at any time.
+template <typename T>
+class BlockingQueue {
+ public:
+  // Errors: std::bad_alloc; the queue is unchanged then.
+  void Push(T element) {
+    {
+      const std::lock_guard<std::mutex> lock(mutex_);
+      elements_.push_back(std::move(element));
+      size_ = elements_.size();
+    }
+    not_empty_.notify_one();
+  }
+
+  // Returns: the oldest element, as soon as there is one.
+  T Pop() {
+    std::unique_lock<std::mutex> lock(mutex_);
+    not_empty_.wait(lock, [this] { return !elements_.empty(); });
+    T element = std::move(elements_.front());
+    elements_.pop_front();
+    size_ = elements_.size();
+    return element;
+  }
+
+  // Puts `elements`, prepared beforehand, in place of all that wait; it holds those afterwards.
+  // Unlike Push() it needs no memory, so it can always end the reader's wait.
+  void Replace(std::deque<T>& elements) noexcept {
+    {
+      const std::lock_guard<std::mutex> lock(mutex_);
+      elements_.swap(elements);
+      size_ = elements_.size();
+    }
+    not_empty_.notify_one();
+  }
+
+  // Number of elements that wait, read without the lock.
+  std::uint64_t Size() const { return size_; }
+
+ private:
+  std::deque<T> elements_;
+  std::atomic<std::uint64_t> size_{0};
+  std::mutex mutex_;
+  std::condition_variable not_empty_;
+};
+
+}  // namespace ffmpeg
+}  // namespace utils
+}  // namespace qx

@@ -1,0 +1,61 @@
+// The delivery of frames: what a decoder and its worker thread co-own, and the worker's loop.
+#pragma once
+
+#include <atomic>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <utility>
+
+#include "qx_utils/ffmpeg_video_decoder/blocking_queue.h"
+#include "qxtools/image_frame.h"
+#include "qxtools/video.h"
+
+namespace qx {
+namespace utils {
+namespace ffmpeg {
+
+// A frame on its way to the callback. Both fields are null in the element that only wakes the
+// worker up.
+struct QueuedFrame {
+  std::shared_ptr<velkar::vision::ImageFrame> frame;
+  void* user_data = nullptr;
+};
+
+// The callback in force. Whoever runs it shares it, so replacing it never destroys a running
+// target.
+class CallbackSlot {
+ public:
+  using Target = std::shared_ptr<const video::FrameCallback>;
+
+  // Returns: the callback to run, or empty when none is set.
+  Target Get() const {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return target_;
+  }
+
+  // Returns: the previous callback, for the caller to release outside the lock: its target's
+  //          destructor is the application's code and may come back here.
+  Target Exchange(Target target) noexcept {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    target_.swap(target);
+    return target;
+  }
+
+ private:
+  mutable std::mutex mutex_;
+  Target target_;
+};
+
+struct Delivery {
+  std::atomic<bool> stop{false};
+  CallbackSlot callback;
+  BlockingQueue<QueuedFrame> queue;
+};
+
+// Hands queued frames to the callback until `stop` is set. Touches nothing but its argument.
+void Deliver(const std::shared_ptr<Delivery>& delivery);
+
+}  // namespace ffmpeg
+}  // namespace utils
+}  // namespace qx

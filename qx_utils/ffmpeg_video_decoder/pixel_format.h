@@ -1,0 +1,25 @@
+// The one place where an FFmpeg pixel format becomes one of the library's.
+#pragma once
+
+extern "C" {
+#include <libavutil/pixfmt.h>
+}
+
+#include "qxtools/image_frame.h"
+
+namespace qx {
+namespace utils {
+namespace ffmpeg {
+
+// The library's format for the three 4:2:0 layouts that the decoder passes on: planar, NV12, NV21.
+// Errors: ends the process through a fatal log line for any other format.
+// Threads: reentrant.
+QXPixelFormat ConvertAvPixelFormat(AVPixelFormat av_format);
+
+// Returns: the format that ConvertAvPixelFormat() knows for pictures laid out as `av_format`, which
+//          may differ in colour range; AV_PIX_FMT_NONE when it knows none.
+AVPixelFormat WithoutColourRange(AVPixelFormat av_format);
+
+}  // namespace ffmpeg
+}  // namespace utils
+}  // namespace qx
