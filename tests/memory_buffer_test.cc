@@ -1,0 +1,51 @@
+#include "qxtools/memory_buffer.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cstring>
+
+#include "tests/testing/log_capture.h"
+
+namespace qx {
+namespace utils {
+namespace {
+
+TEST(MemoryBuffer, AllocMemGivesAnEmptyBufferOfTheRequestedKind) {
+  for (const MemType type : {kMemTypeHost, kMemTypeDevice, static_cast<MemType>(77)}) {
+    MemoryBuffer buffer;
+    std::memset(&buffer, 0xEE, sizeof(buffer));
+    buffer = AllocMem(4096, type, 3);
+    EXPECT_EQ(buffer.data, nullptr);
+    EXPECT_EQ(buffer.reserved, 0U);
+    EXPECT_EQ(buffer.size, 0U);
+    EXPECT_EQ(buffer.mem_type, type);
+    EXPECT_EQ(buffer.device, 0);
+  }
+}
+
+TEST(MemoryBuffer, NoCopyIsPossibleAndNoByteChanges) {
+  const testing::LogCapture log;
+  char from[] = "source", to[] = "target";
+  MemoryBuffer dst{to, 1, sizeof(to), kMemTypeHost, 0};
+  const MemoryBuffer src{from, 2, sizeof(from), kMemTypeHost, 0};
+  EXPECT_EQ(MemCpy(dst, src), -1002);
+  EXPECT_EQ(MemCpy(to, sizeof(to), kMemTypeHost, 0, from, sizeof(from), kMemTypeDevice, 1), -1002);
+  EXPECT_EQ(MemCpy(nullptr, 8, kMemTypeDevice, -1, nullptr, 8, kMemTypeHost, 0), -1002);
+  EXPECT_STREQ(from, "source");
+  EXPECT_STREQ(to, "target");
+  EXPECT_THAT(log.Messages(), ::testing::IsEmpty());
+}
+
+// Device layers outside the library fill the record, so its layout is an interface.
+TEST(MemoryBuffer, FieldsKeepTheirPlaces) {
+  EXPECT_EQ(offsetof(MemoryBuffer, reserved), 8U);
+  EXPECT_EQ(offsetof(MemoryBuffer, size), 16U);
+  EXPECT_EQ(offsetof(MemoryBuffer, mem_type), 24U);
+  EXPECT_EQ(offsetof(MemoryBuffer, device), 28U);
+  EXPECT_EQ(sizeof(MemoryBuffer), 32U);
+}
+
+}  // namespace
+}  // namespace utils
+}  // namespace qx
