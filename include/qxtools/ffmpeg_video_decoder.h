@@ -85,6 +85,9 @@ struct FrameLayout {
 QXTOOLS_EXPORT const FrameLayout* LayoutOf(
     const std::shared_ptr<velkar::vision::ImageFrame>& frame);
 
+// The deepest reordering that H.264 knows is 16 pictures; one of them is the current one.
+constexpr int kMaxReorderDepth = 15;
+
 // The decoder: Init(), SetCallback(), SendFrame() once per packet, then destroy.
 //
 // Threads: Init(), SendFrame() and the destructor are called by one thread at a time; from inside
@@ -112,6 +115,17 @@ class QXTOOLS_EXPORT FfmpegDecoder : public video::Decoder {
   // Returns: 0; -1 when there is no decoder or it does not open ("Could not open codec" on standard
   //          output).
   int Init() override;
+
+  // Chooses between the least delay and every picture. A stream whose parameter sets do not tell
+  // how far its pictures are reordered makes FFmpeg learn the depth as it goes: at first nothing is
+  // held back, and a picture that turns out to be late is dropped. For recordings, where a delay of
+  // some pictures costs nothing, hold back kMaxReorderDepth.
+  //
+  // Inputs:  pictures  0 .. kMaxReorderDepth to hold back at least. Call it after Init(), which
+  //                    starts at 0, and before the first SendFrame().
+  // Returns: 0, or a negative DecodeStatus: kDecodeNotInitialised, or kDecodeFailed when `pictures`
+  //          is out of range.
+  int SetReorderDepth(int pictures);
 
   // Sets the receiver of frames; an empty one lets frames be dropped. Without a receiver frames are
   // taken from the queue and released.

@@ -27,6 +27,8 @@ bool IsPayload(const StreamPacket& packet) {
          packet.size <= static_cast<std::uint64_t>(std::numeric_limits<int>::max());
 }
 
+bool IsOpen(AVCodecContext* context) { return context != nullptr && avcodec_is_open(context) != 0; }
+
 // Gives the packet to FFmpeg, which copies the payload because the packet owns no buffer.
 DecodeStatus Submit(AVCodecContext* context, const StreamPacket& stream_packet) {
   AVPacket packet;
@@ -96,6 +98,13 @@ int FfmpegDecoder::Init() {
   return 0;
 }
 
+int FfmpegDecoder::SetReorderDepth(int pictures) {
+  if (!IsOpen(p_avcodec_ctx_.get())) return kDecodeNotInitialised;
+  if (pictures < 0 || pictures > kMaxReorderDepth) return kDecodeFailed;
+  p_avcodec_ctx_->has_b_frames = pictures;
+  return kDecodeOk;
+}
+
 int FfmpegDecoder::SetCallback(video::FrameCallback callback) {
   CallbackSlot::Target target;
   if (callback) target = std::make_shared<const video::FrameCallback>(std::move(callback));
@@ -106,9 +115,7 @@ int FfmpegDecoder::SetCallback(video::FrameCallback callback) {
 
 int FfmpegDecoder::SendFrame(std::shared_ptr<StreamPacket> packet, void* user_data) {
   if (packet == nullptr) return kDecodeNullPacket;
-  if (p_avcodec_ctx_ == nullptr || avcodec_is_open(p_avcodec_ctx_.get()) == 0) {
-    return kDecodeNotInitialised;
-  }
+  if (!IsOpen(p_avcodec_ctx_.get())) return kDecodeNotInitialised;
   if (!IsDrain(*packet) && !IsPayload(*packet)) return kDecodeInvalidPacket;
   const internal::FfmpegPtr<AVFrame> ptFrame(av_frame_alloc());
   if (ptFrame == nullptr) {
