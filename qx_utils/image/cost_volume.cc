@@ -1,0 +1,173 @@
+#include "qxtools/cost_volume.h"
+
+#include <glog/logging.h>
+#include <omp.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <cstring>
+#include <limits>
+#include <memory>
+
+#include "qx_utils/image/kernels/cost_volume.h"
+#include "qx_utils/internal/cpu_features.h"
+
+namespace qx {
+namespace utils {
+namespace image {
+namespace {
+
+using velkar::vision::ImageFrame;
+
+// A frame's answers, asked for once: frames of other components may change theirs between calls.
+struct FrameView {
+  explicit FrameView(const ImageFrame& frame)
+      : pixel_format(frame.pixel_format),
+        scale(frame.scale),
+        data(frame.Data()),
+        data_size(frame.DataSize()),
+        height(frame.Height()),
+        width(frame.Width()),
+        channels(frame.Channel()) {}
+
+  std::uint32_t DataSize() const { return data_size; }
+  // Elements, or more than 32 bits hold when the product does not fit.
+  std::uint64_t Elements() const {
+    constexpr std::uint64_t kTooMany = std::numeric_limits<std::uint64_t>::max();
+    const std::uint64_t pixels = std::uint64_t{height} * width;
+    if (channels != 0 && pixels > std::numeric_limits<std::uint32_t>::max()) return kTooMany;
+    return pixels * channels;
+  }
+
+  QXPixelFormat pixel_format;
+  float scale;
+  std::uint8_t* data;
+  std::uint32_t data_size;
+  std::uint32_t height;
+  std::uint32_t width;
+  std::uint32_t channels;
+};
+
+std::ostream& operator<<(std::ostream& out, const FrameView& view) {
+  return out << "(" << view.height << ", " << view.width << ", " << view.channels << ") ";
+}
+
+// What makes the frames unusable together, or null.
+const char* GeometryError(const FrameView& left, const FrameView& right, const FrameView& output) {
+  if (left.height != right.height || left.width != right.width || left.channels != right.channels) {
+    return "the two inputs differ in shape";
+  }
+  if (output.height != left.height || output.width != left.width) {
+    return "the output's height and width are not the inputs'";
+  }
+  for (const FrameView* view : {&left, &right, &output}) {
+    if (view->Elements() > std::numeric_limits<std::uint32_t>::max()) {
+      return "height x width x channels does not fit 32 bits";
+    }
+    if (view->Elements() > view->data_size) return "DataSize() is below height x width x channels";
+    if (view->data == nullptr && view->Elements() != 0) return "Data() is null";
+  }
+  return nullptr;
+}
+
+bool Overlap(const FrameView& a, const FrameView& b) {
+  const auto a_first = reinterpret_cast<std::uintptr_t>(a.data);
+  const auto b_first = reinterpret_cast<std::uintptr_t>(b.data);
+  return a_first < b_first + b.Elements() && b_first < a_first + a.Elements();
+}
+
+float CombinedScale(const FrameView& left, const FrameView& right, const FrameView& output) {
+  const auto per_channel = static_cast<float>(1.0 / left.channels);
+  return right.scale * left.scale * output.scale * per_channel;
+}
+
+// Thread `thread` of `threads` takes a contiguous share; the first ones take one row more.
+void RunShare(const CostVolumeVariant& variant, const CostVolumeJob& job, std::size_t rows,
+              std::size_t thread, std::size_t threads, std::uint8_t* scratch) {
+  const std::size_t share = rows / threads;
+  const std::size_t longer = rows % threads;
+  const std::size_t first = thread * share + std::min(thread, longer);
+  variant.rows(job, first, first + share + (thread < longer ? 1 : 0), scratch);
+}
+
+void RunRows(const CostVolumeVariant& variant, const CostVolumeJob& job, std::size_t rows) {
+  const auto most = static_cast<std::size_t>(std::max(1, omp_get_max_threads()));
+  const auto threads = static_cast<int>(std::min(most, rows));
+  constexpr std::size_t kAlign = kCostVolumeAlignment;
+  const std::size_t per_thread = (variant.scratch_bytes(job) + kAlign - 1) / kAlign * kAlign;
+  // All memory of the call, before the threads start: nothing below can fail.
+  const std::unique_ptr<std::uint8_t[]> block(
+      new std::uint8_t[per_thread * static_cast<std::size_t>(threads) + kAlign]);
+  std::uint8_t* const scratch =
+      block.get() + (kAlign - reinterpret_cast<std::uintptr_t>(block.get()) % kAlign) % kAlign;
+#pragma omp parallel num_threads(threads)
+  {
+    const auto thread = static_cast<std::size_t>(omp_get_thread_num());
+    const auto team = static_cast<std::size_t>(omp_get_num_threads());
+    RunShare(variant, job, rows, thread, team, scratch + thread * per_thread);
+  }
+}
+
+// Bytes are read while costs are written, so a volume laid over an input is computed elsewhere.
+void RunAnywhere(const FrameView& left, const FrameView& right, const FrameView& output) {
+  const std::size_t bytes = static_cast<std::size_t>(output.Elements());
+  const bool shared = Overlap(left, output) || Overlap(right, output);
+  const std::unique_ptr<std::int8_t[]> copy(shared ? new std::int8_t[bytes] : nullptr);
+  const CostVolumeJob job{reinterpret_cast<const std::int8_t*>(left.data),
+                          reinterpret_cast<const std::int8_t*>(right.data),
+                          shared ? copy.get() : reinterpret_cast<std::int8_t*>(output.data),
+                          left.width,
+                          left.channels,
+                          output.channels,
+                          CombinedScale(left, right, output)};
+  std::size_t count = 0;
+  const CostVolumeVariant* table = CostVolumeVariants(&count);
+  RunRows(internal::BestVariant(table, count, internal::ActiveFeatures()), job, left.height);
+  if (shared) std::memcpy(output.data, copy.get(), bytes);
+}
+
+void Compute(const FrameView* input_l, const FrameView* input_r, const FrameView* output) {
+  CHECK(QXPixelFormat::kQXPixelFormatUint8 == input_l->pixel_format &&
+        QXPixelFormat::kQXPixelFormatUint8 == input_r->pixel_format &&
+        QXPixelFormat::kQXPixelFormatUint8 == output->pixel_format)
+      << "input_l, input_r, output pixel format must be Uint8 "
+      << QXPixelFormat::kQXPixelFormatUint8;
+  CHECK_EQ(input_l->DataSize(), input_r->DataSize())
+      << "The two inputs' size not same, please check.";
+  LOG(INFO) << "cost_volume inputs shape: " << std::endl
+            << "left: " << *input_l << "right: " << *input_r;
+  if (const char* error = GeometryError(*input_l, *input_r, *output)) {
+    LOG(ERROR) << "cost_volume leaves the output untouched: " << error << "; left " << *input_l
+               << input_l->data_size << " bytes, right " << *input_r << input_r->data_size
+               << " bytes, output " << *output << output->data_size << " bytes";
+    return;
+  }
+  const auto bytes = static_cast<std::size_t>(output->Elements());
+  if (bytes == 0) return;
+  if (input_l->channels < kCostVolumeBlock) {
+    std::memset(output->data, 0, bytes);  // no whole block of channels: every sum is empty
+    return;
+  }
+  RunAnywhere(*input_l, *input_r, *output);
+}
+
+}  // namespace
+
+void CostVolume(ImageFrame* input_l, ImageFrame* input_r, ImageFrame* output) {
+  if (input_l == nullptr || input_r == nullptr || output == nullptr) {
+    LOG(ERROR) << "cost_volume: "
+               << (input_l == nullptr   ? "input_l"
+                   : input_r == nullptr ? "input_r"
+                                        : "output")
+               << " is a null frame; nothing is computed";
+    return;
+  }
+  const FrameView left(*input_l);
+  const FrameView right(*input_r);
+  const FrameView volume(*output);
+  Compute(&left, &right, &volume);
+}
+
+}  // namespace image
+}  // namespace utils
+}  // namespace qx

@@ -1,0 +1,53 @@
+// The kernels of the cost volume: their arguments and the table of variants.
+//
+// A kernel is a single-threaded function over a range of rows. It allocates, logs and throws
+// nothing. Every variant writes the same bytes as `scalar`, which is the definition.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+namespace qx {
+namespace utils {
+namespace image {
+
+// Two feature maps of int8 values and the volume of their costs; the rows follow without gaps.
+struct CostVolumeJob {
+  const std::int8_t* left;   // rows x width x channels
+  const std::int8_t* right;  // the same shape
+  std::int8_t* cost;         // rows x width x disparities; overlaps neither input
+  std::size_t width;
+  std::size_t channels;
+  std::size_t disparities;
+  float scale;  // factor from the sum of products to the cost before quantisation
+};
+
+// Computes rows first_row .. end_row - 1.
+// `scratch` holds the variant's scratch_bytes() for this job, aligned to kCostVolumeAlignment.
+using CostVolumeRows = void (*)(const CostVolumeJob& job, std::size_t first_row,
+                                std::size_t end_row, std::uint8_t* scratch);
+
+constexpr std::size_t kCostVolumeAlignment = 64;  // one cache line, the widest vector
+
+// Channels enter the sums in whole blocks of this many; a remainder contributes nothing.
+constexpr std::size_t kCostVolumeBlock = 32;
+
+// The slope of the quantisation below zero.
+constexpr float kCostVolumeLeak = 0.1015625F;  // 13 / 128
+
+struct CostVolumeVariant {
+  const char* name;
+  std::uint32_t required;  // processor features, see internal/cpu_features.h
+  CostVolumeRows rows;
+  std::size_t (*scratch_bytes)(const CostVolumeJob& job);  // for one thread; bounded in width
+};
+
+// All variants of this build, best first, `scalar` last.
+const CostVolumeVariant* CostVolumeVariants(std::size_t* count);
+
+void CostVolumeRowsScalar(const CostVolumeJob& job, std::size_t first_row, std::size_t end_row,
+                          std::uint8_t* scratch);
+
+}  // namespace image
+}  // namespace utils
+}  // namespace qx

@@ -1,0 +1,24 @@
+#include "qx_utils/image/kernels/cost_volume.h"
+#include "qx_utils/internal/cpu_features.h"
+
+namespace qx {
+namespace utils {
+namespace image {
+namespace {
+
+std::size_t NoScratch(const CostVolumeJob& /*job*/) { return 0; }
+
+constexpr CostVolumeVariant kVariants[] = {
+    {"scalar", 0, CostVolumeRowsScalar, NoScratch},
+};
+
+}  // namespace
+
+const CostVolumeVariant* CostVolumeVariants(std::size_t* count) {
+  *count = sizeof(kVariants) / sizeof(kVariants[0]);
+  return kVariants;
+}
+
+}  // namespace image
+}  // namespace utils
+}  // namespace qx

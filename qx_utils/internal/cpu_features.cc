@@ -1,0 +1,102 @@
+#include "qx_utils/internal/cpu_features.h"
+
+#include <glog/logging.h>
+
+#include <cstdlib>
+#include <string>
+
+#if defined(__aarch64__)
+#include <sys/auxv.h>
+#endif
+
+namespace qx {
+namespace utils {
+namespace internal {
+namespace {
+
+std::string NamesOf(const std::vector<Isa>& isas, std::uint32_t supported) {
+  std::string names;
+  for (const Isa& isa : isas) {
+    if ((isa.features & ~supported) == 0)
+      names += std::string(names.empty() ? "" : ", ") + isa.name;
+  }
+  return names;
+}
+
+}  // namespace
+
+#if defined(__x86_64__)
+
+const std::vector<Isa>& CompiledIsas() {
+  static const std::vector<Isa> isas = {
+      {"avx512vnni", kCpuAvx512Vnni | kCpuAvx2}, {"avx2", kCpuAvx2}, {"scalar", 0}};
+  return isas;
+}
+
+std::uint32_t SupportedFeatures() {
+  // These builtins ask the operating system too: wide registers count only when it saves them.
+  std::uint32_t features = 0;
+  if (__builtin_cpu_supports("avx2")) features |= kCpuAvx2;
+  if (__builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw") &&
+      __builtin_cpu_supports("avx512vl") && __builtin_cpu_supports("avx512vnni")) {
+    features |= kCpuAvx512Vnni;
+  }
+  return features;
+}
+
+#elif defined(__aarch64__)
+
+const std::vector<Isa>& CompiledIsas() {
+  static const std::vector<Isa> isas = {{"neon_i8mm", kCpuNeonI8mm | kCpuNeonDotprod | kCpuNeon},
+                                        {"neon_dotprod", kCpuNeonDotprod | kCpuNeon},
+                                        {"neon", kCpuNeon},
+                                        {"scalar", 0}};
+  return isas;
+}
+
+std::uint32_t SupportedFeatures() {
+  // Bits of the kernel's interface; headers of older C libraries lack the second.
+  constexpr unsigned long kHwcapAsimd = 1UL << 1;
+  constexpr unsigned long kHwcapAsimdDotprod = 1UL << 20;
+  constexpr unsigned long kHwcap2I8mm = 1UL << 13;
+  std::uint32_t features = 0;
+  if ((getauxval(AT_HWCAP) & kHwcapAsimd) != 0) features |= kCpuNeon;
+  if ((getauxval(AT_HWCAP) & kHwcapAsimdDotprod) != 0) features |= kCpuNeonDotprod;
+  if ((getauxval(AT_HWCAP2) & kHwcap2I8mm) != 0) features |= kCpuNeonI8mm;
+  return features;
+}
+
+#else
+
+const std::vector<Isa>& CompiledIsas() {
+  static const std::vector<Isa> isas = {{"scalar", 0}};
+  return isas;
+}
+
+std::uint32_t SupportedFeatures() { return 0; }
+
+#endif
+
+std::uint32_t ChooseFeatures(const char* forced, std::uint32_t supported) {
+  if (forced == nullptr || *forced == '\0') return supported;
+  for (const Isa& isa : CompiledIsas()) {
+    if (std::string(forced) != isa.name) continue;
+    if ((isa.features & ~supported) == 0) return isa.features;
+    LOG(ERROR) << "QXTOOLS_FORCE_ISA=" << forced << " is ignored: this processor does not have it"
+               << "; it has " << NamesOf(CompiledIsas(), supported);
+    return supported;
+  }
+  LOG(ERROR) << "QXTOOLS_FORCE_ISA=" << forced << " is ignored: no such instruction set here"
+             << "; use one of " << NamesOf(CompiledIsas(), supported);
+  return supported;
+}
+
+std::uint32_t ActiveFeatures() {
+  static const std::uint32_t features =
+      ChooseFeatures(std::getenv("QXTOOLS_FORCE_ISA"), SupportedFeatures());
+  return features;
+}
+
+}  // namespace internal
+}  // namespace utils
+}  // namespace qx

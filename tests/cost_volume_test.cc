@@ -1,0 +1,233 @@
+#include "qxtools/cost_volume.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <omp.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+#include <limits>
+#include <random>
+#include <vector>
+
+#include "qx_utils/internal/cpu_features.h"
+#include "tests/testing/log_capture.h"
+
+namespace qx {
+namespace utils {
+namespace image {
+namespace {
+
+using ::testing::Each;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::SizeIs;
+
+// A frame of somebody else's making: every answer can be set on its own.
+class LooseFrame : public velkar::vision::ImageFrame {
+ public:
+  LooseFrame(std::uint32_t height, std::uint32_t width, std::uint32_t channels, std::uint8_t fill)
+      : bytes(std::size_t{height} * width * channels, fill),
+        data(bytes.data()),
+        size(static_cast<std::uint32_t>(bytes.size())),
+        h(height),
+        w(width),
+        c(channels) {
+    pixel_format = kQXPixelFormatUint8;
+  }
+  std::uint8_t* Data() const override { return data; }
+  std::uint32_t DataSize() const override { return size; }
+  std::uint32_t Height() const override { return h; }
+  std::uint32_t Width() const override { return w; }
+  std::uint32_t Channel() const override { return c; }
+
+  std::vector<std::uint8_t> bytes;
+  std::uint8_t* data;
+  std::uint32_t size, h, w, c;
+};
+
+struct Frames {
+  Frames(std::uint32_t height, std::uint32_t width, std::uint32_t channels, std::uint32_t d)
+      : left(height, width, channels, 1),
+        right(height, width, channels, 1),
+        out(height, width, d, 0xEE) {}
+  void Run() { CostVolume(&left, &right, &out); }
+  LooseFrame left, right, out;
+};
+
+TEST(CostVolume, OneDisparityComparesEveryPixelWithItself) {
+  Frames f(3, 5, 32, 1);
+  testing::LogCapture log;
+  f.Run();
+  EXPECT_THAT(f.out.bytes, Each(1));
+  EXPECT_THAT(log.Messages(),
+              ElementsAre("cost_volume inputs shape: \nleft: (3, 5, 32) right: (3, 5, 32) "));
+}
+
+// Every sum is 32 x 1, so the right frame's scale alone makes the cost.
+TEST(CostVolume, QuantisesWithALeakAndTiesUpwards) {
+  const float inf = std::numeric_limits<float>::infinity();
+  const struct {
+    float cost;
+    int byte;
+  } cases[] = {{2.5F, 3},        {0.49999997F, 0},     {0.5F, 1},      {127.0F, 127},
+               {130.0F, 0x82},   {300.0F, 0x2C},       {-10.0F, 0xFF}, {-64.0F, 0xFA},
+               {-64.1F, 0xF9},   {-4.923077F, 0},      {-5.0F, 0xFF},  {8388609.0F, 1},
+               {3e9F, 0xFF},     {2147483520.F, 0x80}, {inf, 0xFF},    {-inf, 0},
+               {-3e10F, 0},      {std::nanf(""), 0},   {0.0F, 0},      {1e-40F, 0},
+               {16777217.0F, 0}, {-1e-30F, 0}};
+  for (const auto& c : cases) {
+    Frames f(1, 20, 32, 17);
+    f.right.scale = c.cost;
+    f.Run();
+    for (std::size_t x = 0; x < 20; ++x) {
+      for (std::size_t d = 0; d < 17; ++d) {
+        ASSERT_EQ(f.out.bytes[x * 17 + d], d <= x ? c.byte : 0)
+            << c.cost << " at " << x << "," << d;
+      }
+    }
+  }
+}
+
+TEST(CostVolume, CountsWholeBlocksOfChannels) {
+  const struct {
+    std::uint32_t channels;
+    int byte;
+  } cases[] = {{0, 0}, {1, 0}, {31, 0}, {32, 32}, {33, 31}, {48, 21}, {96, 32}};
+  for (const auto& c : cases) {
+    Frames f(2, 7, c.channels, 3);
+    f.left.scale = 32.0F;  // 32 x whole blocks / channels
+    f.Run();
+    EXPECT_EQ(f.out.bytes[3 * 6 + 1], c.byte) << c.channels;
+  }
+}
+
+TEST(CostVolume, ScalesMultiplyInTheirOrder) {
+  Frames f(1, 1, 32, 1);
+  f.right.scale = 1e30F;
+  f.left.scale = 1e30F;  // right x left overflows before the output's scale can help
+  f.out.scale = 1e-38F;
+  f.Run();
+  EXPECT_EQ(f.out.bytes[0], 0xFF);
+}
+
+TEST(CostVolume, SameBytesForAnyNumberOfThreads) {
+  std::mt19937 random(7);
+  Frames f(5, 33, 64, 19);
+  for (auto* bytes : {&f.left.bytes, &f.right.bytes}) {
+    for (auto& byte : *bytes) byte = static_cast<std::uint8_t>(random());
+  }
+  const int before = omp_get_max_threads();
+  omp_set_num_threads(1);
+  f.Run();
+  const std::vector<std::uint8_t> one = f.out.bytes;
+  for (const int threads : {2, 7}) {
+    omp_set_num_threads(threads);
+    std::fill(f.out.bytes.begin(), f.out.bytes.end(), std::uint8_t{0xEE});
+    f.Run();
+    EXPECT_EQ(f.out.bytes, one) << threads;
+  }
+  omp_set_num_threads(before);
+  Frames shared = f;
+  shared.left.data = f.left.bytes.data();
+  shared.right.data = f.right.bytes.data();
+  shared.out.data = f.left.bytes.data();  // 19 disparities fit into the 64 channels
+  shared.Run();
+  f.left.bytes.resize(one.size());
+  EXPECT_EQ(f.left.bytes, one) << "an output laid over an input";
+}
+
+TEST(CostVolume, RefusesFramesThatDoNotFit) {
+  constexpr std::uint32_t kHuge = 1U << 16;
+  const struct {
+    const char* reason;
+    void (*spoil)(Frames&);
+  } cases[] = {
+      {"differ in shape", [](Frames& f) { f.right.w = 2, f.right.h = 8; }},
+      {"differ in shape", [](Frames& f) { f.right.c = 64; }},
+      {"height and width", [](Frames& f) { f.out.h = 5; }},
+      {"height and width", [](Frames& f) { f.out.w = 3; }},
+      {"DataSize()", [](Frames& f) { f.out.size -= 1; }},
+      {"DataSize()", [](Frames& f) { f.out.c = 6; }},
+      {"DataSize()", [](Frames& f) { f.left.size = f.right.size = 511; }},
+      {"32 bits", [](Frames& f) { f.out.c = 1U << 28; }},
+      {"32 bits",
+       [](Frames& f) {
+         f.left.h = f.right.h = f.out.h = f.left.w = f.right.w = f.out.w = kHuge;
+         f.left.c = f.right.c = kHuge;
+       }},
+      {"Data() is null", [](Frames& f) { f.left.data = nullptr; }},
+      {"Data() is null", [](Frames& f) { f.right.data = nullptr; }},
+      {"Data() is null", [](Frames& f) { f.out.data = nullptr; }},
+  };
+  for (const auto& c : cases) {
+    Frames f(4, 4, 32, 5);
+    c.spoil(f);
+    testing::LogCapture log;
+    f.Run();
+    EXPECT_THAT(log.Messages(google::ERROR), ElementsAre(HasSubstr(c.reason)));
+    EXPECT_THAT(f.out.bytes, Each(0xEE)) << c.reason;
+  }
+  Frames f(4, 4, 32, 5);
+  testing::LogCapture log;
+  CostVolume(nullptr, &f.right, &f.out);
+  CostVolume(&f.left, nullptr, &f.out);
+  CostVolume(&f.left, &f.right, nullptr);
+  EXPECT_THAT(log.Messages(google::ERROR), SizeIs(3));
+  EXPECT_THAT(f.out.bytes, Each(0xEE));
+}
+
+TEST(CostVolume, EmptyFramesAndSpareBytesAreFine) {
+  testing::LogCapture log;
+  for (auto shape : {std::vector<std::uint32_t>{0, 4, 32, 3}, {4, 0, 32, 3}, {4, 4, 32, 0}}) {
+    Frames(shape[0], shape[1], shape[2], shape[3]).Run();
+  }
+  Frames f(2, 2, 32, 2);
+  f.out.bytes.assign(11, 0xEE);
+  f.out.data = f.out.bytes.data();
+  f.out.size = 11;
+  f.Run();
+  EXPECT_THAT(f.out.bytes, ElementsAre(1, 0, 1, 1, 1, 0, 1, 1, 0xEE, 0xEE, 0xEE));
+  EXPECT_THAT(log.Messages(google::ERROR), IsEmpty());
+}
+
+TEST(CostVolumeDeathTest, WrongFormatsAndSizesEndTheProcess) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  for (int i = 0; i < 3; ++i) {
+    Frames f(1, 1, 32, 1);
+    (i == 0 ? f.left : i == 1 ? f.right : f.out).pixel_format = kQXPixelFormatGray8;
+    EXPECT_DEATH(f.Run(),
+                 "Check failed: QXPixelFormat::kQXPixelFormatUint8 == input_l->pixel_format && "
+                 "QXPixelFormat::kQXPixelFormatUint8 == input_r->pixel_format && "
+                 "QXPixelFormat::kQXPixelFormatUint8 == output->pixel_format "
+                 "input_l, input_r, output pixel format must be Uint8 17");
+  }
+  Frames f(1, 1, 32, 1);
+  f.right.size = 33;
+  EXPECT_DEATH(f.Run(),
+               "Check failed: input_l->DataSize\\(\\) == input_r->DataSize\\(\\) \\(32 vs. 33\\) "
+               "The two inputs' size not same, please check.");
+}
+
+TEST(CpuFeatures, ForcedNamesAreObeyedOrReported) {
+  using internal::ChooseFeatures;
+  const auto& isas = internal::CompiledIsas();
+  const std::uint32_t all = isas.front().features;
+  testing::LogCapture log;
+  EXPECT_EQ(ChooseFeatures(nullptr, all), all);
+  EXPECT_EQ(ChooseFeatures("", all), all);
+  for (const auto& isa : isas) EXPECT_EQ(ChooseFeatures(isa.name, all), isa.features);
+  EXPECT_THAT(log.Messages(google::ERROR), IsEmpty());
+  EXPECT_EQ(ChooseFeatures(isas.front().name, 0), 0U);
+  EXPECT_EQ(ChooseFeatures("sse9", all), all);
+  EXPECT_THAT(log.Messages(google::ERROR),
+              ElementsAre(HasSubstr("does not have it; it has scalar"),
+                          HasSubstr("QXTOOLS_FORCE_ISA=sse9 is ignored")));
+}
+
+}  // namespace
+}  // namespace image
+}  // namespace utils
+}  // namespace qx
