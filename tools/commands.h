@@ -1,0 +1,13 @@
+// The subcommands of `qxtools`. Each lives in its own file, which exposes one function that adds it
+// to the command; its callback does the work.
+//
+// A callback that returns means success. It reports a failure by throwing any std::exception: the
+// text becomes the one line on standard error, the exit status is 1. Arguments that turn out to be
+// wrong are reported by CLI::ValidationError: exit status 2.
+#pragma once
+
+#include <CLI/CLI.hpp>
+
+namespace qx {
+namespace tools {}  // namespace tools
+}  // namespace qx
