@@ -1,0 +1,8 @@
+# The target `docs`: the reference site from the public headers, README and docs/, in docs/html of
+# the build folder. A warning is an error.
+find_package(Doxygen QUIET)
+if(DOXYGEN_FOUND)
+  configure_file(docs/Doxyfile.in ${PROJECT_BINARY_DIR}/Doxyfile @ONLY)
+  add_custom_target(docs COMMAND Doxygen::doxygen ${PROJECT_BINARY_DIR}/Doxyfile VERBATIM
+                    WORKING_DIRECTORY ${PROJECT_BINARY_DIR})
+endif()
