@@ -22,3 +22,10 @@ configure_and_build() {
     cmake --build --preset "$preset"
   fi
 }
+
+# The address of the package mirror that this machine uses.
+debian_mirror() {
+  sed -n 's/^URIs: *//p' /etc/apt/sources.list.d/*.sources 2>/dev/null | head -n 1 | grep . ||
+    sed -n 's/^deb \(\[[^]]*\] \)\?\([^ ]*\) .*/\2/p' /etc/apt/sources.list | head -n 1 | grep . ||
+    die "no package source found below /etc/apt"
+}

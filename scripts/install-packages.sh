@@ -1,11 +1,12 @@
 #!/usr/bin/env bash
 # Installs the packages that the project needs and that are missing.
 #
-# usage: install-packages.sh [demo|test|bench|package]...
-#   demo   what building and running the command takes (the default)
-#   test   demo, and what scripts/test.sh takes
-#   bench  demo, and the rivals that the benchmarks measure against
+# usage: install-packages.sh [demo|test|bench|package|roots]...
+#   demo     what building and running the command takes (the default)
+#   test     demo, and what scripts/test.sh takes
+#   bench    demo, and the rivals that the benchmarks measure against
 #   package  demo, and what scripts/build-packages.sh takes
+#   roots    demo, and what the scripts take that test for boards
 # Written for Debian and Ubuntu; needs root or sudo only when something is missing.
 . "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 
@@ -23,6 +24,7 @@ test_packages=(
 )
 bench_packages=(libbenchmark-dev libyuv-dev libdnnl-dev)
 package_packages=(dpkg-dev lintian help2man file)
+roots_packages=(mmdebstrap qemu-user lld-14)
 
 wanted=("${demo_packages[@]}")
 for group in "$@"; do
@@ -31,7 +33,8 @@ for group in "$@"; do
     test) wanted+=("${test_packages[@]}") ;;
     bench) wanted+=("${bench_packages[@]}") ;;
     package) wanted+=("${package_packages[@]}") ;;
-    *) die "unknown group '$group'; known are demo, test, bench and package" ;;
+    roots) wanted+=("${roots_packages[@]}") ;;
+    *) die "unknown group '$group'; known are demo, test, bench, package and roots" ;;
   esac
 done
 
