@@ -194,7 +194,7 @@ TEST(CostVolume, EmptyFramesAndSpareBytesAreFine) {
 }
 
 TEST(CostVolumeDeathTest, WrongFormatsAndSizesEndTheProcess) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  ::testing::FLAGS_gtest_death_test_style = "threadsafe";
   for (int i = 0; i < 3; ++i) {
     Frames f(1, 1, 32, 1);
     (i == 0 ? f.left : i == 1 ? f.right : f.out).pixel_format = kQXPixelFormatGray8;

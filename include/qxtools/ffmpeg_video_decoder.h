@@ -163,6 +163,11 @@ class QXTOOLS_EXPORT FfmpegDecoder : public video::Decoder {
   int SendFrame(std::shared_ptr<video::StreamPacket> packet, void* user_data) override;
 
  private:
+  struct Reserved {  // not used
+    std::uint64_t before = 0;
+    std::int32_t value = 5;
+    std::uint64_t after = 0;
+  };
   struct CodecContextDeleter {
     void operator()(AVCodecContext* context) const;
   };
@@ -173,9 +178,7 @@ class QXTOOLS_EXPORT FfmpegDecoder : public video::Decoder {
   // The worker co-owns what stop_, callback_ and queue_ point to: it can outlive the decoder.
   velkar::vision::ImageFrameImpl frame_;  // not used
   std::shared_ptr<std::atomic<bool>> stop_;
-  [[maybe_unused]] std::uint64_t reserved0_ = 0;
-  [[maybe_unused]] std::int32_t reserved1_ = 5;
-  [[maybe_unused]] std::uint64_t reserved2_ = 0;
+  Reserved reserved_;
   const AVCodec* p_avcodec_ = nullptr;
   std::unique_ptr<AVCodecContext, CodecContextDeleter> p_avcodec_ctx_;
   std::shared_ptr<CallbackSlot> callback_;
