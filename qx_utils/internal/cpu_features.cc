@@ -29,17 +29,26 @@ std::string NamesOf(const std::vector<Isa>& isas, std::uint32_t supported) {
 
 const std::vector<Isa>& CompiledIsas() {
   static const std::vector<Isa> isas = {
-      {"avx512vnni", kCpuAvx512Vnni | kCpuAvx2}, {"avx2", kCpuAvx2}, {"scalar", 0}};
+      {"avx512vbmi", kCpuAvx512Vbmi | kCpuAvx512Vnni | kCpuAvx2 | kCpuSsse3},
+      {"avx512vnni", kCpuAvx512Vnni | kCpuAvx2 | kCpuSsse3},
+      {"avx2", kCpuAvx2 | kCpuSsse3},
+      {"ssse3", kCpuSsse3},
+      {"scalar", 0}};
   return isas;
 }
 
 std::uint32_t SupportedFeatures() {
   // These builtins ask the operating system too: wide registers count only when it saves them.
   std::uint32_t features = 0;
+  if (__builtin_cpu_supports("ssse3")) features |= kCpuSsse3;
   if (__builtin_cpu_supports("avx2")) features |= kCpuAvx2;
   if (__builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw") &&
       __builtin_cpu_supports("avx512vl") && __builtin_cpu_supports("avx512vnni")) {
     features |= kCpuAvx512Vnni;
+  }
+  if (__builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw") &&
+      __builtin_cpu_supports("avx512vbmi")) {
+    features |= kCpuAvx512Vbmi;
   }
   return features;
 }
