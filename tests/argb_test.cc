@@ -1,0 +1,157 @@
+#include "qxtools/argb.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <cstring>
+#include <vector>
+
+#include "qx_utils/image/kernels/argb.h"
+#include "qx_utils/internal/cpu_features.h"
+#include "tests/testing/guarded_buffer.h"
+
+namespace qx {
+namespace utils {
+namespace image {
+namespace {
+
+using ::testing::ElementsAre;
+using testing::GuardedBuffer;
+using Bytes = std::vector<std::uint8_t>;
+
+constexpr std::size_t kMaxPixels = 400, kShifts = 64, kCanaries = 64;
+
+// `count` bytes of which each differs from its neighbours and no run repeats soon.
+Bytes Pattern(std::size_t count) {
+  Bytes bytes(count);
+  for (std::size_t i = 0; i < count; ++i) {
+    bytes[i] = static_cast<std::uint8_t>(i * 167 + (i >> 8) * 3 + 1);
+  }
+  return bytes;
+}
+
+// The conversion once more, written from the destination's side.
+Bytes Expected(const Bytes& src, bool bgr) {
+  Bytes out(src.size() / 3 * 4);
+  for (std::size_t j = 0; j < out.size(); ++j) {
+    const std::size_t channel = j % 4;  // A, R, G, B
+    if (channel != 0) out[j] = src[j / 4 * 3 + (bgr ? 3 - channel : channel - 1)];
+  }
+  return out;
+}
+
+// Calls visit(variant) for each that this processor runs; others are named in the test record.
+template <typename Visit>
+void ForEachVariant(Visit visit) {
+  std::size_t count = 0;
+  const ArgbVariant* table = ArgbVariants(&count);
+  for (std::size_t i = 0; i < count; ++i) {
+    SCOPED_TRACE(table[i].name);
+    if ((table[i].required & ~internal::SupportedFeatures()) == 0) {
+      visit(table[i]);
+    } else {
+      ::testing::Test::RecordProperty("not_run", table[i].name);
+    }
+  }
+}
+
+// Places for one run: the source ends `gap` bytes before a protected page; the destination starts
+// `shift` bytes behind a multiple of 64, between canaries.
+class Arena {
+ public:
+  Arena() : source_(3 * kMaxPixels + kShifts) {}
+
+  ::testing::AssertionResult IsExact(ArgbRun run, const Bytes& src, std::size_t gap,
+                                     std::size_t shift, const Bytes& expected) {
+    std::uint8_t* in = source_.data() + source_.size() - gap - src.size();
+    std::copy(src.begin(), src.end(), in);
+    std::memset(target_, kCanary, sizeof(target_));
+    std::uint8_t* out = target_ + kShifts + shift;
+    run(in, out, src.size() / 3);
+    const bool same = std::equal(expected.begin(), expected.end(), out);
+    const bool kept =
+        HasCanaries(target_, out) && HasCanaries(out + expected.size(), target_ + sizeof(target_));
+    if (same && kept) return ::testing::AssertionSuccess();
+    return ::testing::AssertionFailure()
+           << src.size() / 3 << " pixels, gap " << gap << ", shift " << shift
+           << (same ? ": bytes around the destination changed" : ": wrong bytes");
+  }
+
+ private:
+  static constexpr std::uint8_t kCanary = 0xA5;
+  static bool HasCanaries(const std::uint8_t* first, const std::uint8_t* end) {
+    return std::all_of(first, end, [](std::uint8_t byte) { return byte == kCanary; });
+  }
+
+  GuardedBuffer source_;
+  alignas(64) std::uint8_t target_[kShifts + kShifts + 4 * kMaxPixels + kCanaries];
+};
+
+TEST(ArgbKernels, AreExactAtEveryLengthAndAlignmentAndStayInTheirBuffers) {
+  Arena arena;
+  for (std::size_t pixels = 0; pixels <= kMaxPixels; ++pixels) {
+    const Bytes src = Pattern(3 * pixels), rgb = Expected(src, false), bgr = Expected(src, true);
+    ForEachVariant([&](const ArgbVariant& variant) {
+      for (std::size_t i = 0; i < kShifts; ++i) {
+        ASSERT_TRUE(arena.IsExact(variant.cached->rgb, src, 0, i, rgb));
+        ASSERT_TRUE(arena.IsExact(variant.cached->bgr, src, 0, i, bgr));
+        ASSERT_TRUE(arena.IsExact(variant.cached->rgb, src, i, kShifts - 1 - i, rgb));
+        if (variant.streaming == nullptr) continue;
+        ASSERT_TRUE(arena.IsExact(variant.streaming->rgb, src, i, 0, rgb));
+        ASSERT_TRUE(arena.IsExact(variant.streaming->bgr, src, i, 0, bgr));
+      }
+    });
+    if (HasFatalFailure()) return;
+  }
+}
+
+TEST(ArgbKernels, LargePicturesAreExactWhereverTheyStart) {
+  const Bytes src = Pattern(3 * (kArgbStreamingBytes / 4 + 37));
+  const Bytes expected = Expected(src, true);
+  const GuardedBuffer target(expected.size() + kShifts, GuardedBuffer::Guard::kStart);
+  ForEachVariant([&](const ArgbVariant& variant) {
+    for (const std::size_t shift : {0U, 1U, 4U, 60U, 64U}) {
+      std::memset(target.data(), 0xEE, target.size());
+      std::uint8_t* out = target.data() + shift;
+      WidenToArgb(variant, &ArgbRuns::bgr, src.data(), out, src.size() / 3);
+      ASSERT_TRUE(std::equal(expected.begin(), expected.end(), out)) << shift;
+      ASSERT_TRUE(shift == 0 || out[-1] == 0xEE);
+      ASSERT_TRUE(shift == 64 || out[expected.size()] == 0xEE);
+    }
+  });
+}
+
+TEST(CvtColorArgb, PutsAnAlphaOfZeroInFront) {
+  unsigned char src[] = {10, 20, 30, 40, 50, 60}, dst[11];
+  std::memset(dst, 7, sizeof(dst));
+  EXPECT_EQ(CvtColorRGB2ARGB(src, 6, dst, 11), 0);
+  EXPECT_THAT(dst, ElementsAre(0, 10, 20, 30, 0, 40, 50, 60, 7, 7, 7));
+  EXPECT_EQ(CvtColorBGR2ARGB(src, 3, dst, 4), 0);
+  EXPECT_THAT(dst, ElementsAre(0, 30, 20, 10, 0, 40, 50, 60, 7, 7, 7));
+  EXPECT_EQ(CvtColorRGB2ARGB(nullptr, 0, nullptr, 0), 0);
+  EXPECT_EQ(CvtColorBGR2ARGB(src, 0, nullptr, 99), 0);
+}
+
+TEST(CvtColorArgbDeathTest, LengthsThatDoNotFitAreFatal) {
+  ::testing::FLAGS_gtest_death_test_style = "threadsafe";
+  const struct {
+    std::size_t src_len, dst_len;
+    const char* text;
+  } cases[] = {
+      {4, 100, "Check failed: src_len % 3 == 0 \\(1 vs\\. 0\\) \n"},
+      {5, 0, "Check failed: src_len % 3 == 0 \\(2 vs\\. 0\\) \n"},
+      {6, 7, "Check failed: dst_len / 4 >= src_len / 3 \\(1 vs\\. 2\\) \n"},
+  };
+  unsigned char src[6] = {}, dst[100];
+  for (const auto& c : cases) {
+    EXPECT_DEATH(CvtColorRGB2ARGB(src, c.src_len, dst, c.dst_len), c.text);
+    EXPECT_DEATH(CvtColorBGR2ARGB(src, c.src_len, dst, c.dst_len), c.text);
+  }
+}
+
+}  // namespace
+}  // namespace image
+}  // namespace utils
+}  // namespace qx
