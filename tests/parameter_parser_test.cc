@@ -1,0 +1,379 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <limits>
+#include <string>
+
+#include "qxtools/h264_h265_info_parse.h"
+#include "tests/testing/guarded_buffer.h"
+#include "tests/testing/log_capture.h"
+#include "tests/testing/sps_writer.h"
+
+namespace qx {
+namespace utils {
+namespace {
+
+using testing::BitWriter;
+using testing::Bytes;
+using ::testing::ElementsAre;
+using testing::Fields;
+using testing::H264Sps;
+using testing::H265Sps;
+using ::testing::IsEmpty;
+
+struct Case {
+  std::string name;
+  Bytes stream;
+  VideoParams expected;
+};
+
+VideoParams H264(std::uint64_t width, std::uint64_t height, std::uint32_t profile = 100,
+                 std::uint32_t level = 40, std::uint32_t chroma = 1) {
+  return {width, height, profile, level, chroma, 7, 0};
+}
+
+VideoParams H265(std::uint64_t width, std::uint64_t height, std::uint32_t profile = 1,
+                 std::uint32_t level = 120, std::uint32_t chroma = 1) {
+  return {width, height, profile, level, chroma, 33, 1};
+}
+
+template <typename Sps, typename Change>
+Bytes With(Change change) {
+  Sps sps;
+  change(sps);
+  return sps.Stream();
+}
+
+Bytes FromHex(const std::string& hex) {
+  Bytes bytes = {0, 0, 0, 1};
+  for (std::size_t i = 0; i < hex.size(); i += 2) {
+    bytes.push_back(static_cast<std::uint8_t>(std::stoi(hex.substr(i, 2), nullptr, 16)));
+  }
+  return bytes;
+}
+
+Bytes Joined(Bytes first, const Bytes& second) {
+  first.insert(first.end(), second.begin(), second.end());
+  return first;
+}
+
+// One flag per list, each set: a full list of deltas, a list that ends at its first code
+// (delta -8), one that ends later, one whose scales wrap modulo 256 to an end.
+BitWriter ScalingLists(unsigned int lists) {
+  BitWriter w;
+  for (unsigned int i = 0; i < lists; ++i) {
+    w.U(1, 1);
+    if (i % 4 == 0) {
+      for (unsigned int k = 0; k < (i < 6 ? 16U : 64U); ++k) w.Se(k % 2 == 0 ? 5 : -4);
+    } else if (i % 4 == 1) {
+      w.Se(-8);
+    } else if (i % 4 == 2) {
+      w.Se(3).Se(0).Se(-11);
+    } else {
+      w.Se(127).Se(121);
+    }
+  }
+  return w;
+}
+
+// Made with: ffmpeg -f lavfi -i testsrc=size=1920x1080 -frames:v 2 -c:v libx264 (interlaced: with
+// -x264-params interlaced=1; 4:2:2: pix_fmt yuv422p10 and interlaced=1; 4:4:4: pix_fmt yuv444p)
+// and, at 1922x1082, -c:v libx265 (main; pix_fmt yuv444p10; -x265-params temporal-layers=1).
+std::vector<Case> EncoderCases() {
+  return {
+      {"x264 high", FromHex("67640028acd940780227e5c044000003000400000300c83c60c658"),
+       H264(1920, 1080)},
+      {"x264 baseline", FromHex("6742c028d900780227e5c044000003000400000300c83c60c920"),
+       H264(1920, 1080, 66)},
+      {"x264 interlaced", FromHex("67640028acd94078044fde0220000003002000000643e2c5b2c0"),
+       H264(1920, 1080)},
+      {"x264 4:4:4", FromHex("67f40028919b280f0044fc4e0220000003002000000641e30632c0"),
+       H264(1920, 1080, 244, 40, 3)},
+      {"x264 4:2:2 interlaced", FromHex("677a0028b6cd94078044fcb8088000000300800000190f8b16cb"),
+       H264(1920, 1080, 122, 40, 2)},
+      {"x265 main",
+       FromHex("420101016000000300900000030000030078a003c480110724996566924caf01680800000300080000"
+               "0300c840"),
+       H265(1928, 1088)},
+      {"x265 4:4:4",
+       FromHex("4201010408000003009c08000003000078900078900220e79db2cacd24995e02d01000000300100000"
+               "03019080"),
+       H265(1928, 1088, 4, 120, 3)},
+      {"x265 temporal layers",
+       FromHex("4201020160000003009000000300000300780000a003c4801107249965662b349265780b4040000003"
+               "004000000642"),
+       H265(1928, 1088)},
+  };
+}
+
+std::vector<Case> WrittenH264Cases() {
+  std::vector<Case> cases = {
+      {"cropped", With<H264Sps>([](auto& s) {
+         s.crop = {0, 0, 0, 4};
+       }),
+       H264(1920, 1080)},
+      {"uncropped", H264Sps().Stream(), H264(1920, 1088)},
+      {"fields", With<H264Sps>([](auto& s) {
+         s.frame_mbs_only = false;
+         s.height_minus1 = 33;
+         s.crop = {3, 5, 1, 1};
+       }),
+       H264(1904, 1080)},
+      {"behind a picture parameter set",
+       Joined({0, 0, 0, 1, 0x68, 0xEE, 0x3C, 0x80}, H264Sps().Stream()), H264(1920, 1088)},
+      {"behind a code without header",
+       Joined({0, 0, 0, 1}, With<H264Sps>([](auto& s) { s.level_idc = 51; })),
+       H264(1920, 1088, 100, 51)},
+      {"order type 1", With<H264Sps>([](auto& s) {
+         s.poc_type = 1;
+         s.poc_cycle = 3;
+         s.ref_frame_offsets = {-1000, 0, 70000};
+       }),
+       H264(1920, 1088)},
+      {"order type 2", With<H264Sps>([](auto& s) { s.poc_type = 2; }), H264(1920, 1088)},
+      {"order type 1 with a damaged count", With<H264Sps>([](auto& s) {
+         s.poc_type = 1;
+         s.poc_cycle = 0xFFFFFFFE;
+       }),
+       H264(16, 32)},
+      {"cropped to nothing", With<H264Sps>([](auto& s) {
+         s.crop = {960, 0, 272, 272};
+       }),
+       H264(0, 0)},
+      {"cropped beyond", With<H264Sps>([](auto& s) {
+         s.crop = {961, 0, 500, 45};
+       }),
+       H264(0, 0)},
+      {"cropped by sums beyond 32 bits", With<H264Sps>([](auto& s) {
+         s.crop = {0x80000000, 0x80000000, 0x80000000, 1};
+       }),
+       H264(0, 0)},
+      {"sizes beyond 32 bits", With<H264Sps>([](auto& s) {
+         s.width_minus1 = 0x10000000;
+         s.height_minus1 = 0xFFFFFFFE;
+       }),
+       H264(16, 0xFFFFFFF0)},
+      {"a level of zeros", With<H264Sps>([](auto& s) { s.level_idc = 0; }),
+       H264(1920, 1088, 100, 0)},
+  };
+  // {chroma format, frames only, what {1, 2, 3, 4} leaves of 1920 x 1088 or 1920 x 2176}
+  const struct {
+    std::uint32_t chroma;
+    bool frame_mbs_only;
+    std::uint64_t width, height;
+  } crops[] = {{0, true, 1917, 1081},  {1, true, 1914, 1074},  {2, true, 1914, 1081},
+               {3, true, 1917, 1081},  {4, true, 1917, 1081},  {0, false, 1917, 2162},
+               {1, false, 1914, 2148}, {2, false, 1914, 2162}, {3, false, 1917, 2162}};
+  for (const auto& c : crops) {
+    for (const bool scaling : {false, true}) {
+      cases.push_back({"chroma format " + std::to_string(c.chroma), With<H264Sps>([&](auto& s) {
+                         s.profile_idc = 244;
+                         s.chroma_format_idc = c.chroma;
+                         s.frame_mbs_only = c.frame_mbs_only;
+                         s.has_scaling_lists = scaling;
+                         if (scaling) s.scaling_lists = ScalingLists(c.chroma == 3 ? 12 : 8);
+                         s.crop = {1, 2, 3, 4};
+                       }),
+                       H264(c.width, c.height, 244, 40, c.chroma)});
+    }
+  }
+  for (const std::uint32_t profile : {110U, 122U, 118U, 128U, 138U, 139U, 134U, 135U, 66U, 77U}) {
+    const std::uint32_t chroma = profile < 100 ? 1 : 2;
+    cases.push_back({"profile " + std::to_string(profile), With<H264Sps>([&](auto& s) {
+                       s.profile_idc = profile;
+                       s.chroma_format_idc = 2;
+                     }),
+                     H264(1920, 1088, profile, 40, chroma)});
+  }
+  return cases;
+}
+
+std::vector<Case> WrittenH265Cases() {
+  const Bytes vps = {0, 0, 0, 1, 0x40, 0x01, 0x0C, 0x01};
+  std::vector<Case> cases = {
+      {"behind a video parameter set", Joined(vps, H265Sps().Stream()), H265(1920, 1088)},
+      {"set id 15", With<H265Sps>([](auto& s) { s.sps_id = 15; }), H265(1920, 1088)},
+      {"set id 16", With<H265Sps>([](auto& s) { s.sps_id = 16; }), H265(0, 0, 1, 120, 0)},
+      {"4:4:4", With<H265Sps>([](auto& s) { s.chroma_format_idc = 3; }),
+       H265(1920, 1088, 1, 120, 3)},
+      {"chroma format 4", With<H265Sps>([](auto& s) { s.chroma_format_idc = 4; }),
+       H265(0, 0, 1, 120, 4)},
+      {"eight sub-layers", With<H265Sps>([](auto& s) { s.max_sub_layers_minus1 = 7; }),
+       H265(1920, 1088, 0, 0)},
+  };
+  for (unsigned int layers = 1; layers <= 6; ++layers) {
+    for (unsigned int flags = 0; flags < 4; ++flags) {
+      cases.push_back({"sub-layers " + std::to_string(layers), With<H265Sps>([&](auto& s) {
+                         s.max_sub_layers_minus1 = layers;
+                         s.sub_layers.assign(layers, {(flags & 1) != 0, true});
+                         s.sub_layers.back() = {true, (flags & 2) != 0};
+                       }),
+                       H265(1920, 1088)});
+    }
+  }
+  return cases;
+}
+
+std::vector<Case> AllCases() {
+  std::vector<Case> all = EncoderCases();
+  for (const auto& more : {WrittenH264Cases(), WrittenH265Cases()}) {
+    all.insert(all.end(), more.begin(), more.end());
+  }
+  return all;
+}
+
+VideoParams Parse(const Case& c, const std::uint8_t* data, std::size_t size) {
+  const char* const bytes = reinterpret_cast<const char*>(data);
+  return c.expected.is_h265 != 0 ? ParseH265Params(bytes, size) : ParseH264Params(bytes, size);
+}
+
+// Parses the first `size` bytes where they end at a protected page, and again where what would
+// complete a cut set lies behind them.
+VideoParams ParseGuarded(const Case& c, const Bytes& stream, std::size_t size,
+                         const testing::GuardedBuffer& buffer) {
+  std::uint8_t* const copy = buffer.data() + buffer.size() - size;
+  std::copy_n(stream.begin(), size, copy);
+  const VideoParams result = Parse(c, copy, size);
+  EXPECT_EQ(Fields(result), Fields(Parse(c, stream.data(), size))) << "read behind the end";
+  return result;
+}
+
+TEST(ParameterParser, ReadsEverySet) {
+  for (const Case& c : AllCases()) {
+    SCOPED_TRACE(c.name);
+    const testing::GuardedBuffer buffer(c.stream.size());
+    EXPECT_EQ(Fields(ParseGuarded(c, c.stream, c.stream.size(), buffer)), Fields(c.expected));
+  }
+}
+
+// Reads that no longer fit take no bits, so later fields may come from the wrong place; the header
+// and the profile are either there or 0.
+TEST(ParameterParser, SurvivesEveryPrefix) {
+  for (const Case& c : AllCases()) {
+    SCOPED_TRACE(c.name);
+    const testing::GuardedBuffer buffer(c.stream.size());
+    for (std::size_t size = 0; size < c.stream.size(); ++size) {
+      const VideoParams result = ParseGuarded(c, c.stream, size, buffer);
+      EXPECT_EQ(result.is_h265, c.expected.is_h265);
+      EXPECT_TRUE(result.profile_idc == 0 || result.profile_idc == c.expected.profile_idc);
+      EXPECT_TRUE(size > 4 || result.nal_unit_type == 0);
+      const bool found = result.nal_unit_type == c.expected.nal_unit_type;
+      EXPECT_TRUE(found || (result.width | result.height | result.profile_idc) == 0);
+    }
+  }
+}
+
+TEST(ParameterParser, SurvivesEveryFlippedBit) {
+  for (const Case& c : AllCases()) {
+    SCOPED_TRACE(c.name);
+    const testing::GuardedBuffer buffer(c.stream.size());
+    const bool sps_first = c.stream[4] == 0x67 || c.stream[4] == 0x42;
+    for (std::size_t bit = 0; bit < 8 * c.stream.size(); ++bit) {
+      Bytes flipped = c.stream;
+      flipped[bit / 8] = static_cast<std::uint8_t>(flipped[bit / 8] ^ (0x80U >> bit % 8));
+      const VideoParams result = ParseGuarded(c, flipped, flipped.size(), buffer);
+      EXPECT_EQ(result.is_h265, c.expected.is_h265);
+      if (bit < 32 && sps_first) {
+        EXPECT_NE(Fields(result), Fields(c.expected)) << "bit " << bit;
+      }
+    }
+  }
+}
+
+TEST(ParameterParser, FindsNothingWhereThereIsNothing) {
+  const struct {
+    const char* why;
+    Bytes stream;
+    std::uint32_t type_as_h264, type_as_h265;
+  } cases[] = {
+      {"nothing", {}, 0, 0},
+      {"3-byte start codes", {1, 0, 0, 1, 0x67, 0x42, 0, 0, 1, 0x42, 1, 1, 1, 0x60}, 0, 0},
+      {"a start code at the end", {9, 9, 0, 0, 0, 1}, 0, 0},
+      {"slices", {0, 0, 0, 1, 0x65, 0x88, 0, 0, 0, 1, 0x02, 1}, 2, 1},
+      {"the header alone", {0, 0, 0, 1, 0x67}, 7, 51},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.why);
+    VideoParams as_h264{}, as_h265{};
+    as_h264.nal_unit_type = c.type_as_h264;
+    as_h265.nal_unit_type = c.type_as_h265;
+    as_h265.is_h265 = 1;
+    const auto* data = reinterpret_cast<const char*>(c.stream.data());
+    if (c.type_as_h264 == 7) {  // a set of nothing but missing bits
+      as_h264.chroma_format_idc = 1;
+      as_h264.width = 16;
+      as_h264.height = 32;
+    }
+    EXPECT_EQ(Fields(ParseH264Params(data, c.stream.size())), Fields(as_h264));
+    EXPECT_EQ(Fields(ParseH265Params(data, c.stream.size())), Fields(as_h265));
+  }
+  EXPECT_EQ(ParseH264Params(nullptr, 100).width, 0U);
+  EXPECT_EQ(ParseH265Params("\0\0\0\1\x42", 5).nal_unit_type, 33U);
+}
+
+// The last header that a 32-bit offset reaches is seen, the parameter set behind it is not. One
+// small file of zeros, mapped many times over, stands for the large buffer.
+TEST(ParameterParser, SearchesTheFirst2GiBOfALargerBuffer) {
+  constexpr std::size_t kLimit = std::numeric_limits<std::int32_t>::max();
+  constexpr std::size_t kPiece = std::size_t{16} << 20, kSize = kLimit + 1 + kPiece;
+  const Bytes stream = Joined({0, 0, 0, 1, 0x68}, H264Sps().Stream());
+  const int file = memfd_create("zeros", 0);
+  ASSERT_EQ(ftruncate(file, kPiece), 0);
+  void* const map = mmap(nullptr, kSize, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  if (map == MAP_FAILED) GTEST_SKIP() << "no 2 GiB of address space";
+  auto* const data = static_cast<char*>(map);
+  for (std::size_t i = 0; i < kSize; i += kPiece) {
+    ASSERT_NE(mmap(data + i, kPiece, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_FIXED, file, 0),
+              MAP_FAILED);
+  }
+  close(file);
+  std::copy(stream.begin(), stream.end(), data + kLimit - 5);
+  const VideoParams result = ParseH264Params(data, kSize);
+  EXPECT_EQ(result.nal_unit_type, 8U);
+  EXPECT_EQ(result.width, 0U);
+  munmap(map, kSize);
+}
+
+TEST(ParameterParser, LogsTheSearch) {
+  const Bytes pps = {0, 0, 0, 1, 0x68, 0xEE, 0x3C, 0x80};
+  const Bytes vps = {0, 0, 0, 1, 0x40, 0x01};
+  const auto messages = [](const Bytes& stream, bool h265, int verbosity) {
+    const testing::LogCapture log(verbosity);
+    const auto* data = reinterpret_cast<const char*>(stream.data());
+    h265 ? ParseH265Params(data, stream.size()) : ParseH264Params(data, stream.size());
+    return log.Messages();
+  };
+  EXPECT_THAT(messages(H264Sps().Stream(), false, 0), IsEmpty());
+  EXPECT_THAT(messages(Joined(pps, H264Sps().Stream()), false, 1),
+              ElementsAre("type code is 8", "si = 0 start_i = 4", "type code is 7",
+                          "found h264 SPS at 12", "si = 4 start_i = 12"));
+  EXPECT_THAT(messages(Joined(vps, Joined(H265Sps().Stream(), pps)), true, 1),
+              ElementsAre("type code is 32", "si = 0 start_i = 4", "type code is 33",
+                          "found h265 SPS at 10", "si = 2 start_i = 10"));
+  EXPECT_THAT(messages(pps, false, 1),
+              ElementsAre("type code is 8", "si = 0 start_i = 4", "not found SPS"));
+  EXPECT_THAT(messages({0, 0, 1, 0x67}, false, 2), ElementsAre("not found SPS"));
+  EXPECT_THAT(messages({9, 0, 0, 0, 1}, false, 2), IsEmpty());
+  EXPECT_THAT(messages({}, true, 2), IsEmpty());
+  EXPECT_THAT(messages(With<H264Sps>([](auto& s) {
+                         s.crop = {1, 2, 3, 4000000000};
+                       }),
+                       false, 2),
+              ElementsAre("type code is 7", "found h264 SPS at 4", "si = 0 start_i = 4",
+                          "chroma_format=1", "crop_unit_x=2, left_offset=1, right_offset=2",
+                          "crop_unit_y=2, top_offset=3, bottom_offset=4000000000"));
+  EXPECT_THAT(messages({0, 0, 0, 1, 0x42, 1, 0x0E}, true, 1),
+              ElementsAre("type code is 33", "found h265 SPS at 4", "si = 0 start_i = 4",
+                          "bit_num=1, exceed bit stream", "bit_num=1, exceed bit stream",
+                          "bit_num=1, exceed bit stream"));
+  EXPECT_THAT(messages({0, 0, 0, 1, 0x42, 1, 0x0E, 0}, true, 1),
+              ElementsAre("type code is 33", "found h265 SPS at 4", "si = 0 start_i = 4",
+                          "bit_num=8, exceed bit stream"));
+}
+
+}  // namespace
+}  // namespace utils
+}  // namespace qx

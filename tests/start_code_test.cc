@@ -1,0 +1,54 @@
+#include "qx_utils/h264_h265_info_parse/start_code.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <random>
+
+#include "tests/testing/guarded_buffer.h"
+
+namespace qx {
+namespace utils {
+namespace {
+
+// Sizes around the vectors and blocks of the search; few byte values, so that near misses abound.
+TEST(FindStartCode, AgreesWithAPlainSearchAndReadsNothingOutside) {
+  constexpr std::uint8_t kCode[] = {0, 0, 0, 1};
+  std::mt19937 random(7);
+  for (std::size_t size = 0; size < 300; ++size) {
+    for (unsigned int kind = 0; kind < 24; ++kind) {
+      const auto guard = kind % 2 == 0 ? testing::GuardedBuffer::Guard::kEnd
+                                       : testing::GuardedBuffer::Guard::kStart;
+      const testing::GuardedBuffer buffer(size, guard);
+      const std::uint8_t* const end = buffer.data() + size;
+      for (std::size_t i = 0; i < size; ++i) {
+        const std::uint64_t draw = random() % (16 + 8 * (kind / 2));
+        buffer.data()[i] = static_cast<std::uint8_t>(draw < 2 ? draw : draw < 6 ? 0 : 0x80 + draw);
+      }
+      const std::uint8_t* from = buffer.data();
+      do {
+        const std::uint8_t* const found = FindStartCode(from, end);
+        ASSERT_EQ(found, std::search(from, end, kCode, kCode + 4)) << size << " kind " << kind;
+        from = found == end ? end : found + 1;
+      } while (from != end);
+    }
+  }
+}
+
+TEST(FindStartCode, FindsOneCodeWhereverItLies) {
+  for (const unsigned int filler : {0x00U, 0x01U, 0xFFU}) {
+    for (std::size_t at = 0; at < 150; ++at) {
+      const testing::GuardedBuffer buffer(at + 4);
+      std::fill_n(buffer.data(), at + 3, static_cast<std::uint8_t>(filler));
+      std::fill_n(buffer.data() + at, 3, std::uint8_t{0});
+      buffer.data()[at + 3] = 1;
+      const std::uint8_t* const end = buffer.data() + at + 4;
+      EXPECT_EQ(FindStartCode(buffer.data(), end), buffer.data() + at);
+      EXPECT_EQ(FindStartCode(buffer.data(), end - 1), end - 1);
+    }
+  }
+}
+
+}  // namespace
+}  // namespace utils
+}  // namespace qx
