@@ -1,0 +1,64 @@
+// What holds for both parameter parsers whatever the bytes are.
+#pragma once
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <vector>
+
+#include "tests/testing/sps_writer.h"
+
+namespace qx {
+namespace fuzzing {
+
+inline void Require(bool holds) {
+  if (!holds) std::abort();
+}
+
+using Parser = utils::VideoParams (*)(const char*, std::size_t);
+using TypeOf = std::uint32_t (*)(std::uint8_t header);
+
+// Parses an exact-size block, where the address sanitizer sees every read outside, and the same
+// bytes with two kinds of garbage around them.
+inline utils::VideoParams ParseThrice(Parser parse, const std::uint8_t* data, std::size_t size) {
+  const std::unique_ptr<char[]> block(new char[size]);
+  std::copy_n(data, size, block.get());
+  const utils::VideoParams result = parse(block.get(), size);
+  for (const char garbage : {'\0', '\xFF'}) {
+    std::vector<char> around(size + 32, garbage);
+    std::copy_n(data, size, around.data() + 16);
+    Require(testing::Fields(result) == testing::Fields(parse(around.data() + 16, size)));
+  }
+  return result;
+}
+
+// The header that a search must end at: the first of the set's type, else the last one.
+inline const std::uint8_t* FinalHeader(const std::uint8_t* data, std::size_t size, TypeOf type_of,
+                                       std::uint32_t sps_type) {
+  const std::uint8_t* header = nullptr;
+  for (std::size_t i = 4; i < size; ++i) {
+    if (std::memcmp(data + i - 4, "\0\0\0\1", 4) != 0) continue;
+    header = data + i;
+    if (type_of(*header) == sps_type) break;
+  }
+  return header;
+}
+
+inline utils::VideoParams CheckParser(Parser parse, TypeOf type_of, std::uint32_t sps_type,
+                                      const std::uint8_t* data, std::size_t size) {
+  const utils::VideoParams result = ParseThrice(parse, data, size);
+  const std::uint8_t* const header = FinalHeader(data, size, type_of, sps_type);
+  const std::uint32_t type = header == nullptr ? 0 : type_of(*header);
+  Require(result.nal_unit_type == type);
+  if (type != sps_type) {
+    Require((result.width | result.height | result.profile_idc | result.level_idc |
+             result.chroma_format_idc) == 0);
+  }
+  return result;
+}
+
+}  // namespace fuzzing
+}  // namespace qx
