@@ -12,6 +12,7 @@ namespace qx {
 namespace tools {
 
 void AddDecode(CLI::App& app);
+void AddProbe(CLI::App& app);
 
 }  // namespace tools
 }  // namespace qx
