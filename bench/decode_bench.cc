@@ -54,7 +54,7 @@ std::size_t RunDecoder(const Packets& packets) {
   }
   const auto drain = std::make_shared<qx::utils::video::StreamPacket>();
   while (decoder->SendFrame(drain, nullptr) == 0) ++sent;
-  while (delivered < sent) std::this_thread::yield();
+  while (delivered < sent) std::this_thread::sleep_for(std::chrono::microseconds(50));
   return sent;
 }
 
