@@ -21,7 +21,7 @@ constexpr double kMinSeconds = 200e-6;
 constexpr int kUntimedRuns = 3;
 
 double ThreadSeconds() {
-  timespec now;
+  timespec now = {};
   clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
   return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
 }
