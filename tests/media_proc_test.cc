@@ -107,7 +107,7 @@ TEST_F(MediaProcTest, WithoutAnEngineEachFrontEndSaysSoOnceAndReturnsNothing) {
 }
 
 TEST_F(MediaProcTest, FrontEndsHandOverTheirArgumentsAndReturnTheAnswer) {
-  auto engine = std::make_shared<RecordingEngine>();
+  const auto engine = std::make_shared<RecordingEngine>();
   std::vector<int> devices;
   InstallMediaProcFactory([&](int device) {
     devices.push_back(device);
@@ -138,7 +138,7 @@ TEST_F(MediaProcTest, FrontEndsHandOverTheirArgumentsAndReturnTheAnswer) {
 TEST_F(MediaProcTest, TheEngineIsReleasedWithTheCall) {
   std::weak_ptr<MediaProc> engine;
   InstallMediaProcFactory([&](int) {
-    auto made = std::make_shared<RecordingEngine>();
+    const auto made = std::make_shared<RecordingEngine>();
     engine = made;
     return made;
   });
@@ -196,7 +196,8 @@ TEST_F(MediaProcTest, FactoriesComeAndGoWhileFrontEndsRun) {
     }
   };
   const testing::LogCapture log;  // also keeps the expected errors countable
-  std::thread threads[] = {std::thread(use), std::thread(use), std::thread(use)};
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 3; ++i) threads.emplace_back(use);
   for (int round = 0; round < 200 || made == 0 || empty == 0; ++round) {
     const auto owned = std::make_shared<int>(round);
     InstallMediaProcFactory([owned, round, &made](int) {

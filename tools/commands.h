@@ -9,10 +9,5 @@
 #include <CLI/CLI.hpp>
 
 namespace qx {
-namespace tools {
-
-void AddDecode(CLI::App& app);
-void AddProbe(CLI::App& app);
-
-}  // namespace tools
+namespace tools {}  // namespace tools
 }  // namespace qx

@@ -24,9 +24,9 @@ enum class DemuxerFault {
   kNone,           // the last call succeeded
   kRefused,        // connection refused, no such file, no permission, or an error reply
   kTimedOut,       // no data in time, or the limit of SetTimeLimit() passed
-  kClosedByPeer,   // the network peer ended or reset the connection
+  kClosedByPeer,   // the network peer ended the connection, or (RTSP) answered with nonsense
   kEndOfStream,    // the file is at its end
-  kMalformed,      // the input is not media, or damaged beyond reading
+  kMalformed,      // the file is not media, or damaged beyond reading
   kCancelled,      // Cancel() is in force
   kNoVideoStream,  // the input has no H.264 or H.265 stream
   kNotOpen,        // ReadFrame() without an input

@@ -21,7 +21,8 @@ bool IsRtsp(std::string_view url) {
 FfmpegPtr<AVDictionary> InputOptions(std::string_view url) {
   AVDictionary* options = nullptr;
   av_dict_set(&options, "rtsp_transport", "tcp", 0);
-  av_dict_set(&options, SocketLimitName(url), "3000000", 0);  // microseconds
+  av_dict_set_int(&options, SocketLimitName(url), std::chrono::microseconds(kSocketLimit).count(),
+                  0);
   return FfmpegPtr<AVDictionary>(options);
 }
 

@@ -1,6 +1,7 @@
 // The options of an input, and how FFmpeg's generations name them.
 #pragma once
 
+#include <chrono>
 #include <string_view>
 
 #include "qx_utils/internal/ffmpeg_handles.h"
@@ -8,6 +9,9 @@
 namespace qx {
 namespace utils {
 namespace internal {
+
+// Limit of each wait on the socket of an RTSP camera.
+constexpr std::chrono::seconds kSocketLimit(3);
 
 // Returns: whether FFmpeg opens `url` with its RTSP client.
 bool IsRtsp(std::string_view url);

@@ -18,19 +18,17 @@ InputWatch::Clock::time_point After(InputWatch::Clock::time_point now,
   return limit < left ? now + limit : InputWatch::Clock::time_point::max();
 }
 
-DemuxerFault FaultOf(int code, bool rtsp) {
+DemuxerFault FaultOf(int code) {
   switch (code) {
     case AVERROR(ETIMEDOUT):
       return DemuxerFault::kTimedOut;
     case AVERROR_EOF:
-      return rtsp ? DemuxerFault::kClosedByPeer : DemuxerFault::kEndOfStream;
+      return DemuxerFault::kEndOfStream;
+    case AVERROR_INVALIDDATA:
+      return DemuxerFault::kMalformed;
     case AVERROR(EPIPE):
     case AVERROR(ECONNRESET):
       return DemuxerFault::kClosedByPeer;
-    case AVERROR(EIO):
-      return rtsp ? DemuxerFault::kClosedByPeer : DemuxerFault::kOther;
-    case AVERROR_INVALIDDATA:
-      return DemuxerFault::kMalformed;
     case AVERROR(ECONNREFUSED):
     case AVERROR(EHOSTUNREACH):
     case AVERROR(ENETUNREACH):
@@ -62,18 +60,23 @@ InputWatch::Call::~Call() { watch_.deadline_ = kNoLimit.count(); }
 
 void InputWatch::Call::Restart() {
   auto deadline = end_;
-  if (wait_limit_ != kNoLimit) deadline = std::min(deadline, After(Clock::now(), wait_limit_));
+  if (wait_limit_ != kNoLimit) {
+    watch_.wait_began_ = Clock::now();
+    deadline = std::min(deadline, After(watch_.wait_began_, wait_limit_));
+  }
   watch_.deadline_ = deadline.time_since_epoch().count();
 }
 
 void InputWatch::SetFault(int code, const char* url) {
-  if (Cancelled()) {
-    fault_ = DemuxerFault::kCancelled;
-  } else if (Late()) {
-    fault_ = DemuxerFault::kTimedOut;
-  } else {
-    fault_ = FaultOf(code, IsRtsp(url));
+  fault_ = FaultOf(code);
+  // FFmpeg's RTSP client reports silence and a closed connection by the same codes, those of
+  // damaged data and of the end of a file among them. The time that went by tells them apart.
+  if (IsRtsp(url) && fault_ != DemuxerFault::kRefused) {
+    const bool silent = Clock::now() - wait_began_ >= kSocketLimit;
+    fault_ = silent ? DemuxerFault::kTimedOut : DemuxerFault::kClosedByPeer;
   }
+  if (Late()) fault_ = DemuxerFault::kTimedOut;
+  if (Cancelled()) fault_ = DemuxerFault::kCancelled;
 }
 
 AVIOInterruptCB InputWatch::InterruptCallback() {

@@ -59,6 +59,7 @@ class InputWatch {
   std::atomic<bool> cancelled_{false};
   std::atomic<Clock::rep> deadline_{kNoLimit.count()};  // on Clock
   Clock::duration limit_ = kNoLimit;
+  Clock::time_point wait_began_;
   video::DemuxerFault fault_ = video::DemuxerFault::kNone;
 };
 

@@ -20,11 +20,9 @@ using internal::InputWatch;
 constexpr int kMaxFailures = 3;  // of one ReadFrame()
 constexpr std::chrono::milliseconds kPause(1);
 
-// FFmpeg limits each wait for an RTSP camera to 3 s, and opening waits many times. These keep the
-// promises of Open() (8 s, of which one is left for closing what was open before) and ReadFrame()
-// (10 s).
+// Opening waits for the camera many times, and each wait may be cut short by a single byte. Open()
+// promises 8 s; one is left for closing what was open before.
 constexpr std::chrono::seconds kRtspOpenLimit(7);
-constexpr std::chrono::seconds kRtspReadLimit(3);
 
 InputWatch::Clock::duration IfRtsp(const char* url, InputWatch::Clock::duration limit) {
   return internal::IsRtsp(url) ? limit : InputWatch::kNoLimit;
@@ -116,7 +114,7 @@ std::shared_ptr<StreamPacket> FfmpegDemuxer::ReadFrame() {
     watch_->set_fault(DemuxerFault::kNotOpen);
     return nullptr;
   }
-  InputWatch::Call call(*watch_, IfRtsp(avformat_cxt_->url, kRtspReadLimit));
+  InputWatch::Call call(*watch_, IfRtsp(avformat_cxt_->url, internal::kSocketLimit));
   for (int failures = 0; failures < kMaxFailures;) {
     AVPacket packet;
     internal::InitPacket(packet);

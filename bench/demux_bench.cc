@@ -1,0 +1,68 @@
+// Demuxing through FfmpegDemuxer against a bare av_read_frame() loop, on the same file, in turns.
+// Usage: demux_bench FILE [ROUNDS]
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <vector>
+
+#include "qx_utils/internal/ffmpeg_handles.h"
+#include "qxtools/ffmpeg_demuxer.h"
+
+namespace {
+
+using qx::utils::internal::FfmpegPtr;
+using qx::utils::video::FfmpegDemuxer;
+using Clock = std::chrono::steady_clock;
+
+// Both loops read exactly `packets` packets of stream `index` from an input that was just opened,
+// and touch each: opening and the pauses at the end of a file are not what is compared.
+double Bare(FfmpegDemuxer& opener, const char* path, int index, long packets) {
+  const std::shared_ptr<AVFormatContext> input = opener.CreateFormatContext(path);
+  const FfmpegPtr<AVPacket> packet(av_packet_alloc());
+  const auto begin = Clock::now();
+  while (packets > 0 && av_read_frame(input.get(), packet.get()) == 0) {
+    if (packet->stream_index == index && packet->size > 0) --packets;
+    av_packet_unref(packet.get());
+  }
+  return std::chrono::duration<double>(Clock::now() - begin).count();
+}
+
+double Ours(FfmpegDemuxer& demuxer, const char* path, long packets) {
+  demuxer.Open(path, {});
+  const auto begin = Clock::now();
+  while (packets > 0 && demuxer.ReadFrame()) --packets;
+  return std::chrono::duration<double>(Clock::now() - begin).count();
+}
+
+double Median(std::vector<double> values) {
+  std::sort(values.begin(), values.end());
+  return values[values.size() / 2];
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  FfmpegDemuxer demuxer;
+  if (argc < 2 || demuxer.Open(argv[1], {}) != 0) {
+    std::fprintf(stderr,
+                 "usage: demux_bench FILE [ROUNDS]   (FILE with an H.264 or H.265 stream)\n");
+    return 2;
+  }
+  long packets = 0;
+  while (demuxer.ReadFrame()) ++packets;
+  const int rounds = argc > 2 ? std::max(1, std::atoi(argv[2])) : 101;
+  std::vector<double> bare;
+  std::vector<double> ours;
+  for (int i = 0; i < rounds; ++i) {
+    bare.push_back(Bare(demuxer, argv[1], demuxer.VideoStreamIndex(), packets));
+    ours.push_back(Ours(demuxer, argv[1], packets));
+  }
+  const double scale = 1e9 / static_cast<double>(packets);
+  std::printf("packets %ld, rounds %d (medians)\n", packets, rounds);
+  std::printf("av_read_frame  %8.0f ns per packet\n", Median(bare) * scale);
+  std::printf("FfmpegDemuxer  %8.0f ns per packet\n", Median(ours) * scale);
+  std::printf("ratio          %8.3f (at most 1.05)\n", Median(ours) / Median(bare));
+  return 0;
+}

@@ -1,0 +1,136 @@
+#include "qxtools/annexb_filter.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <string>
+
+#include "qx_utils/internal/stream_packet.h"
+#include "qxtools/ffmpeg_demuxer.h"
+#include "tests/testing/log_capture.h"
+
+namespace qx {
+namespace utils {
+namespace video {
+namespace {
+
+const std::string kClips = QXTOOLS_CLIPS_DIR "/";
+
+std::string ReadFile(const std::string& path) {
+  std::ifstream file(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(file), {}};
+}
+
+std::string Bytes(const StreamPacket& packet) {
+  return {reinterpret_cast<const char*>(packet.data), packet.size};
+}
+
+std::shared_ptr<StreamPacket> MakePacket(const std::string& bytes, int flags) {
+  AVPacket packet;
+  internal::InitPacket(packet);
+  EXPECT_EQ(av_new_packet(&packet, static_cast<int>(bytes.size())), 0);
+  std::memcpy(packet.data, bytes.data(), bytes.size());
+  packet.flags = flags;
+  return internal::WrapPacket(packet, kVideoCodecH264);
+}
+
+TEST(AnnexBFilter, GivesTheBytesOfTheRawStream) {
+  const struct {
+    const char *clip, *raw;
+    bool passes;
+  } cases[] = {
+      {"left.mp4", "left.h264", false},
+      {"left.mkv", "left.h264", false},
+      {"left.h264", "left.h264", true},
+      {"audio_first.mp4", "left.h264", false},
+      {"bframes.mp4", "bframes.h264", false},
+      {"cropped.mp4", "cropped.h264", false},
+      {"hevc.mp4", "hevc.h265", false},
+      {"hevc.h265", "hevc.h265", true},
+      {"left.ts", nullptr, true},
+      {"size_change.h264", "size_change.h264", true},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.clip);
+    FfmpegDemuxer demuxer;
+    AnnexBFilter filter;
+    ASSERT_EQ(demuxer.Open(kClips + c.clip, {}), 0);
+    ASSERT_EQ(filter.Init(demuxer), 0);
+    std::string bytes;
+    while (const auto packet = demuxer.ReadFrame()) {
+      const auto annexb = filter.Filter(packet);
+      ASSERT_NE(annexb, nullptr);
+      EXPECT_EQ(annexb == packet, c.passes);
+      EXPECT_EQ(annexb->codec, packet->codec);
+      bytes += Bytes(*annexb);
+    }
+    EXPECT_TRUE(c.raw == nullptr || bytes == ReadFile(kClips + c.raw));
+  }
+}
+
+// RTSP cameras that name their parameter sets in the session description send none in the stream.
+TEST(AnnexBFilter, AddsParameterSetsOnlyWhereTheStreamHasNone) {
+  FfmpegDemuxer demuxer;
+  AnnexBFilter filter;
+  ASSERT_EQ(demuxer.Open(kClips + "left.h264", {}), 0);
+  ASSERT_EQ(filter.Init(demuxer), 0);
+  const std::string full = Bytes(*demuxer.ReadFrame());
+  const std::string slice = full.substr(full.find(std::string("\0\0\1\x65", 4)));
+  const auto bare_key = MakePacket(slice, AV_PKT_FLAG_KEY);
+  const auto completed = filter.Filter(bare_key);
+  ASSERT_NE(completed, nullptr);
+  EXPECT_EQ(Bytes(*completed).substr(0, 4), std::string("\0\0\1\x67", 4));
+  EXPECT_EQ(Bytes(*completed).substr(completed->size - slice.size()), slice);
+  EXPECT_EQ(Bytes(*bare_key), slice);
+
+  const auto other = MakePacket(slice, 0);
+  const auto own_sets = MakePacket(full, AV_PKT_FLAG_KEY);
+  for (const auto& packet : {other, own_sets, bare_key}) EXPECT_EQ(filter.Filter(packet), packet);
+}
+
+TEST(AnnexBFilter, RefusesDamageAndGoesOn) {
+  FfmpegDemuxer demuxer;
+  AnnexBFilter filter;
+  ASSERT_EQ(demuxer.Open(kClips + "left.mp4", {}), 0);
+  ASSERT_EQ(filter.Init(demuxer), 0);
+  const auto good = demuxer.ReadFrame();
+  const std::string expected = Bytes(*filter.Filter(good));
+  const testing::LogCapture log;
+  std::string damaged = Bytes(*good);
+  damaged[0] = '\x7F';  // longer than the packet
+  EXPECT_EQ(filter.Filter(MakePacket(damaged, AV_PKT_FLAG_KEY)), nullptr);
+  EXPECT_EQ(log.Messages(google::ERROR).size(), 1U);
+  EXPECT_EQ(Bytes(*filter.Filter(good)), expected);
+
+  StreamPacket record{};  // made by the application
+  std::string copy = Bytes(*good);
+  record.data = reinterpret_cast<std::uint8_t*>(&copy[0]);
+  record.size = copy.size();
+  const auto own = std::make_shared<StreamPacket>(record);
+  EXPECT_EQ(Bytes(*filter.Filter(own)), expected);
+}
+
+TEST(AnnexBFilter, SaysWhenThereIsNothingToFilter) {
+  FfmpegDemuxer demuxer;
+  AnnexBFilter filter;
+  const auto empty = std::make_shared<StreamPacket>();
+  const testing::LogCapture log;
+  EXPECT_EQ(filter.Filter(nullptr), nullptr);
+  EXPECT_EQ(filter.Filter(empty), nullptr);
+  EXPECT_EQ(filter.Init(demuxer), -1);
+  EXPECT_THAT(log.Messages(),
+              ::testing::ElementsAre("Annex B filter: not prepared for a stream",
+                                     "Annex B filter: the demuxer has no video stream open"));
+  ASSERT_EQ(demuxer.Open(kClips + "left.mp4", {}), 0);
+  ASSERT_EQ(filter.Init(demuxer), 0);
+  EXPECT_EQ(filter.Filter(nullptr), nullptr);
+  EXPECT_EQ(filter.Filter(empty), empty);  // drains a decoder
+}
+
+}  // namespace
+}  // namespace video
+}  // namespace utils
+}  // namespace qx

@@ -1,0 +1,238 @@
+#include "qxtools/ffmpeg_demuxer.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <fstream>
+#include <new>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "qx_utils/internal/ffmpeg_handles.h"
+#include "tests/testing/log_capture.h"
+
+namespace {
+thread_local int allocations = 0;
+}  // namespace
+
+// Out of line, or GCC takes free() in one and new in another for a mismatch.
+[[gnu::noinline]] void* operator new(std::size_t size) {
+  ++allocations;
+  if (void* block = std::malloc(size)) return block;
+  throw std::bad_alloc();
+}
+[[gnu::noinline]] void operator delete(void* block) noexcept { std::free(block); }
+[[gnu::noinline]] void operator delete(void* block, std::size_t /*size*/) noexcept {
+  std::free(block);
+}
+
+namespace qx {
+namespace utils {
+namespace video {
+namespace {
+
+using qx::testing::LogCapture;
+using ::testing::ElementsAre;
+using ::testing::ElementsAreArray;
+
+const std::string kClips = QXTOOLS_CLIPS_DIR "/";
+const std::string kEndOfFile = " Read frame failed. ErrCode: -541478725";  // AVERROR_EOF
+
+std::string WriteFile(const std::string& name, const std::string& bytes) {
+  std::string path = ::testing::TempDir() + name;
+  std::ofstream(path, std::ios::binary) << bytes;
+  return path;
+}
+
+TEST(Factories, MakeIndependentDemuxersAndNothingElse) {
+  EXPECT_EQ(Decoder::CreateInstance(), nullptr);
+  EXPECT_EQ(Encoder::CreateInstance(), nullptr);
+  const auto first = Demuxer::CreateInstance();
+  const auto second = Demuxer::CreateInstance();
+  ASSERT_EQ(first->Open(kClips + "left.mp4", {}), 0);
+  const LogCapture log;
+  EXPECT_EQ(second->ReadFrame(), nullptr);
+  EXPECT_THAT(log.Messages(), ElementsAre("avformat_cxt_ is null"));
+  EXPECT_NE(first->ReadFrame(), nullptr);
+}
+
+TEST(Demuxer, ChoosesTheFirstStreamItKnows) {
+  const struct {
+    std::string clip;
+    int result, index;
+    VideoCodec codec;
+    int packets;
+    std::vector<std::string> errors, traces;
+  } cases[] = {
+      {"left.h264",
+       0,
+       0,
+       kVideoCodecH264,
+       24,
+       {},
+       {"index: 0 codec_type=0", "found video stream index=0, codecId=27"}},
+      {"hevc.mp4",
+       0,
+       0,
+       kVideoCodecH265,
+       12,
+       {},
+       {"index: 0 codec_type=0", "found video stream index=0, codecId=173"}},
+      {"audio_first.mp4",
+       0,
+       1,
+       kVideoCodecH264,
+       24,
+       {"Error codec_type 1"},
+       {"index: 0 codec_type=1", "index: 1 codec_type=0",
+        "found video stream index=1, codecId=27"}},
+      {"two_videos.mp4",
+       0,
+       0,
+       kVideoCodecH264,
+       12,
+       {},
+       {"index: 0 codec_type=0", "found video stream index=0, codecId=27"}},
+      {"other_codec_first.mkv",
+       0,
+       1,
+       kVideoCodecH264,
+       24,
+       {"Error unsupported format 12"},
+       {"index: 0 codec_type=0", "index: 1 codec_type=0",
+        "found video stream index=1, codecId=27"}},
+      {"mjpeg.mkv",
+       -1,
+       -1,
+       kVideoCodecH264,
+       0,
+       {"Error unsupported format 7", "Didn't find a video stream."},
+       {"index: 0 codec_type=0"}},
+      {"audio.m4a",
+       -1,
+       -1,
+       kVideoCodecH264,
+       0,
+       {"Error codec_type 1", "Didn't find a video stream."},
+       {"index: 0 codec_type=1"}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.clip);
+    FfmpegDemuxer demuxer;
+    {
+      const LogCapture log(2);
+      ASSERT_EQ(demuxer.Open(kClips + c.clip, {}), c.result);
+      EXPECT_THAT(log.Messages(google::ERROR), ElementsAreArray(c.errors));
+      EXPECT_THAT(log.Messages(google::INFO), ElementsAreArray(c.traces));
+    }
+    EXPECT_EQ(demuxer.VideoStreamIndex(), c.index);
+    EXPECT_EQ(demuxer.LastFault(),
+              c.result == 0 ? DemuxerFault::kNone : DemuxerFault::kNoVideoStream);
+    int packets = 0;
+    const LogCapture log;
+    while (const auto packet = demuxer.ReadFrame()) {
+      ++packets;
+      EXPECT_GT(packet->size, 0U);
+      EXPECT_EQ(packet->codec, c.codec);
+      EXPECT_EQ(packet->reserved0 | packet->reserved1 | packet->reserved2, 0U);
+    }
+    EXPECT_EQ(packets, c.packets);
+    EXPECT_EQ(demuxer.ReadFrame(), nullptr);  // counts afresh
+    EXPECT_THAT(log.Messages(), ElementsAreArray(std::vector<std::string>(6, kEndOfFile)));
+    EXPECT_EQ(demuxer.LastFault(), DemuxerFault::kEndOfStream);
+  }
+}
+
+TEST(Demuxer, RefusesWhatIsNoMediaAndOpensAgain) {
+  const struct {
+    std::string path, code;
+    DemuxerFault fault;
+  } cases[] = {
+      {kClips + "absent.mp4", "-2", DemuxerFault::kRefused},
+      {kClips, "-21", DemuxerFault::kRefused},  // a folder
+      {WriteFile("empty.mp4", ""), "-1094995529", DemuxerFault::kMalformed},
+      {WriteFile("noise.mp4", std::string(5000, '\x5A')), "-1094995529", DemuxerFault::kMalformed},
+  };
+  FfmpegDemuxer demuxer;
+  for (const auto& c : cases) {
+    ASSERT_EQ(demuxer.Open(kClips + "audio_first.mp4", {}), 0);
+    const LogCapture log;
+    EXPECT_EQ(demuxer.Open(c.path, {}), -1);
+    EXPECT_EQ(demuxer.LastFault(), c.fault);
+    EXPECT_EQ(demuxer.VideoStreamIndex(), 1);  // as it was
+    EXPECT_EQ(demuxer.ReadFrame(), nullptr);
+    EXPECT_EQ(demuxer.LastFault(), DemuxerFault::kNotOpen);
+    EXPECT_THAT(log.Messages(),
+                ElementsAre("Open input stream FAILED: " + c.path + ", ret=" + c.code,
+                            "pFormatCtx is null!.", "avformat_cxt_ is null"));
+  }
+}
+
+TEST(Demuxer, StreamChoiceLeavesEverythingAloneWithoutAnInput) {
+  FfmpegDemuxer demuxer;
+  int index = 7;
+  EXPECT_EQ(demuxer.GetStreamInfo(nullptr, index), -1);
+  EXPECT_EQ(index, 7);
+}
+
+TEST(Demuxer, PacketsAndInputsOutliveTheDemuxerAndGoOnAnyThread) {
+  std::vector<std::shared_ptr<StreamPacket>> packets;
+  std::shared_ptr<AVFormatContext> input;
+  {
+    FfmpegDemuxer demuxer;
+    ASSERT_EQ(demuxer.Open(kClips + "left.mp4", {}), 0);
+    while (auto packet = demuxer.ReadFrame()) packets.push_back(std::move(packet));
+    input = demuxer.CreateFormatContext(kClips + "left.mp4");
+  }
+  ASSERT_EQ(packets.size(), 24U);
+  std::atomic<unsigned> sum{0};
+  auto copies = packets;
+  std::thread reader([&sum, copies = std::move(copies)]() mutable {
+    for (auto& packet : copies) {
+      sum += packet->data[packet->size - 1];
+      packet.reset();
+    }
+  });
+  for (auto& packet : packets) {
+    sum += packet->data[packet->size - 1];
+    packet.reset();
+  }
+  reader.join();
+  EXPECT_GT(sum, 0U);
+  AVPacket packet;
+  internal::InitPacket(packet);
+  EXPECT_EQ(av_read_frame(input.get(), &packet), 0);  // asks the demuxer's watch
+  av_packet_unref(&packet);
+}
+
+TEST(Demuxer, AllocatesTwiceForAPacketAndCopiesNothing) {
+  FfmpegDemuxer demuxer;
+  ASSERT_EQ(demuxer.Open(kClips + "audio_first.mp4", {}), 0);
+  for (int i = 0; i < 24; ++i) {
+    allocations = 0;
+    const auto packet = demuxer.ReadFrame();
+    ASSERT_NE(packet, nullptr);
+    EXPECT_LE(allocations, 2);
+  }
+}
+
+TEST(Demuxer, CancelStaysInForceUntilCleared) {
+  FfmpegDemuxer demuxer;
+  ASSERT_EQ(demuxer.Open(kClips + "left.mp4", {}), 0);
+  std::thread([&demuxer] { demuxer.Cancel(); }).join();
+  EXPECT_EQ(demuxer.ReadFrame(), nullptr);
+  EXPECT_EQ(demuxer.LastFault(), DemuxerFault::kCancelled);
+  EXPECT_EQ(demuxer.Open(kClips + "left.mp4", {}), -1);
+  EXPECT_EQ(demuxer.LastFault(), DemuxerFault::kCancelled);
+  demuxer.ClearCancel();
+  EXPECT_EQ(demuxer.Open(kClips + "left.mp4", {}), 0);
+  EXPECT_NE(demuxer.ReadFrame(), nullptr);
+}
+
+}  // namespace
+}  // namespace video
+}  // namespace utils
+}  // namespace qx

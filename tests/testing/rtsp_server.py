@@ -1,0 +1,138 @@
+#!/usr/bin/python3
+"""RTSP peers on the loopback interface for the tests.
+
+  rtsp_server.py serve FILE [--audio]   a real server that plays the raw H.264 file over and over;
+                                        --audio offers a tone as stream 0
+  rtsp_server.py fault STAGE ACTION     a scripted peer that answers the requests before STAGE and
+                                        does ACTION there
+
+STAGE:  accept options describe setup play stream (after PLAY was answered)
+ACTION: silent     says nothing and keeps the connection
+        close      closes the connection
+        error      answers 404
+        trickle    sends a byte of an answer every half second
+        garbage    sends pseudo-random bytes without end
+        huge       announces a body of 2 GB and sends it slowly
+        badsdp     answers with a session description that is none, and goes on
+Prints the port once it listens. Ends with its standard input; ends at once with status 77 where
+GStreamer's RTSP server is not installed.
+"""
+import os
+import random
+import socket
+import sys
+import threading
+import time
+
+# Parameter sets of a 320x240 picture, so that a client knows the stream before any packet.
+SDP = ('v=0\r\no=- 1 1 IN IP4 127.0.0.1\r\ns=peer\r\nc=IN IP4 0.0.0.0\r\nt=0 0\r\na=control:*\r\n'
+       'm=video 0 RTP/AVP 96\r\na=rtpmap:96 H264/90000\r\na=fmtp:96 packetization-mode=1;'
+       'sprop-parameter-sets=Z0LADdoFB+hAAAADAEAAAA8jxQqo,aM48gA==\r\na=control:video\r\n')
+
+
+def answer(cseq, body='', extra='', status='200 OK'):
+    length = '' if not body else 'Content-Type: application/sdp\r\nContent-Length: %d\r\n' % len(body)
+    return ('RTSP/1.0 %s\r\nCSeq: %s\r\n%s%s\r\n%s' % (status, cseq, extra, length, body)).encode()
+
+
+def normal(method, cseq):
+    if method == 'describe':
+        return answer(cseq, SDP)
+    if method == 'setup':
+        return answer(cseq, extra='Session: 1;timeout=60\r\n'
+                                  'Transport: RTP/AVP/TCP;unicast;interleaved=0-1\r\n')
+    return answer(cseq, extra='Session: 1\r\nPublic: OPTIONS, DESCRIBE, SETUP, PLAY, TEARDOWN\r\n')
+
+
+def slowly(peer, data):
+    for byte in data:
+        peer.sendall(bytes([byte]))
+        time.sleep(0.5)
+
+
+def misbehave(peer, action, method, cseq):
+    if action == 'silent':
+        time.sleep(60)
+    elif action == 'error':
+        peer.sendall(answer(cseq, status='404 Not Found'))
+        time.sleep(60)
+    elif action == 'trickle':
+        slowly(peer, normal(method, cseq))
+    elif action == 'garbage':
+        noise = random.Random(1)
+        while True:
+            peer.sendall(bytes(noise.getrandbits(8) for _ in range(4096)))
+    elif action == 'huge':
+        peer.sendall(('RTSP/1.0 200 OK\r\nCSeq: %s\r\nContent-Length: 2147483647\r\n\r\n' % cseq).encode())
+        slowly(peer, bytes(100))
+
+
+def converse(peer, stage, action):
+    try:
+        if stage == 'accept':
+            return misbehave(peer, action, 'options', '1')
+        pending = b''
+        while True:
+            data = peer.recv(4096)
+            if not data:
+                return
+            pending += data
+            while b'\r\n\r\n' in pending:
+                request, pending = pending.split(b'\r\n\r\n', 1)
+                lines = request.decode().split('\r\n')
+                method = lines[0].split(' ')[0].lower()
+                cseq = [line[5:].strip() for line in lines if line.lower().startswith('cseq:')][0]
+                if action == 'badsdp' and method == stage:
+                    peer.sendall(answer(cseq, 'nothing that describes a session\r\n'))
+                    continue
+                if method == stage:
+                    return misbehave(peer, action, method, cseq)
+                peer.sendall(normal(method, cseq))
+                if method == 'play' and stage == 'stream':
+                    return misbehave(peer, action, method, cseq)
+    except OSError:
+        pass
+    finally:
+        peer.close()
+
+
+def fault(stage, action):
+    listener = socket.create_server(('127.0.0.1', 0))
+    print(listener.getsockname()[1], flush=True)
+    while True:
+        peer, _ = listener.accept()
+        threading.Thread(target=converse, args=(peer, stage, action), daemon=True).start()
+
+
+def serve(path, audio):
+    try:
+        import gi
+        gi.require_version('Gst', '1.0')
+        gi.require_version('GstRtspServer', '1.0')
+    except (ImportError, ValueError):
+        sys.exit(77)
+    from gi.repository import GLib, Gst, GstRtspServer
+    Gst.init(None)
+    tone = ('audiotestsrc is-live=true ! audio/x-raw,rate=8000,channels=1 ! mulawenc ! rtppcmupay pt=0 name=pay0'
+            if audio else '')
+    factory = GstRtspServer.RTSPMediaFactory()
+    factory.set_launch('( multifilesrc location="%s" loop=true ! h264parse ! '
+                       'rtph264pay config-interval=-1 pt=96 name=pay%d %s )' % (path, audio, tone))
+    server = GstRtspServer.RTSPServer()
+    server.set_address('127.0.0.1')
+    server.set_service('0')
+    server.get_mount_points().add_factory('/cam', factory)
+    server.attach(None)
+    print(server.get_bound_port(), flush=True)
+    GLib.MainLoop().run()
+
+
+def main():
+    threading.Thread(target=lambda: (sys.stdin.read(), os._exit(0)), daemon=True).start()
+    if sys.argv[1] == 'serve':
+        serve(sys.argv[2], '--audio' in sys.argv)
+    else:
+        fault(sys.argv[2], sys.argv[3])
+
+
+main()
