@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
+#include <string>
 #include <vector>
 
 #include "qx_utils/image/kernels/argb.h"
@@ -52,7 +53,7 @@ void ForEachVariant(Visit visit) {
     if ((table[i].required & ~internal::SupportedFeatures()) == 0) {
       visit(table[i]);
     } else {
-      ::testing::Test::RecordProperty("not_run", table[i].name);
+      ::testing::Test::RecordProperty(std::string("lacks_") + table[i].name, 1);
     }
   }
 }
@@ -86,7 +87,7 @@ class Arena {
   }
 
   GuardedBuffer source_;
-  alignas(64) std::uint8_t target_[kShifts + kShifts + 4 * kMaxPixels + kCanaries];
+  alignas(64) std::uint8_t target_[kShifts + kShifts + 4 * kMaxPixels + kCanaries] = {};
 };
 
 TEST(ArgbKernels, AreExactAtEveryLengthAndAlignmentAndStayInTheirBuffers) {

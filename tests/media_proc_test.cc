@@ -107,7 +107,7 @@ TEST_F(MediaProcTest, WithoutAnEngineEachFrontEndSaysSoOnceAndReturnsNothing) {
 }
 
 TEST_F(MediaProcTest, FrontEndsHandOverTheirArgumentsAndReturnTheAnswer) {
-  const auto engine = std::make_shared<RecordingEngine>();
+  auto engine = std::make_shared<RecordingEngine>();
   std::vector<int> devices;
   InstallMediaProcFactory([&](int device) {
     devices.push_back(device);
@@ -138,7 +138,7 @@ TEST_F(MediaProcTest, FrontEndsHandOverTheirArgumentsAndReturnTheAnswer) {
 TEST_F(MediaProcTest, TheEngineIsReleasedWithTheCall) {
   std::weak_ptr<MediaProc> engine;
   InstallMediaProcFactory([&](int) {
-    const auto made = std::make_shared<RecordingEngine>();
+    auto made = std::make_shared<RecordingEngine>();
     engine = made;
     return made;
   });
@@ -196,8 +196,7 @@ TEST_F(MediaProcTest, FactoriesComeAndGoWhileFrontEndsRun) {
     }
   };
   const testing::LogCapture log;  // also keeps the expected errors countable
-  std::vector<std::thread> threads;
-  for (int i = 0; i < 3; ++i) threads.emplace_back(use);
+  std::thread threads[] = {std::thread(use), std::thread(use), std::thread(use)};
   for (int round = 0; round < 200 || made == 0 || empty == 0; ++round) {
     const auto owned = std::make_shared<int>(round);
     InstallMediaProcFactory([owned, round, &made](int) {

@@ -3,7 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <cstring>
+#include <cstddef>
 
 #include "tests/testing/log_capture.h"
 
@@ -13,9 +13,7 @@ namespace {
 
 TEST(MemoryBuffer, AllocMemGivesAnEmptyBufferOfTheRequestedKind) {
   for (const MemType type : {kMemTypeHost, kMemTypeDevice, static_cast<MemType>(77)}) {
-    MemoryBuffer buffer;
-    std::memset(&buffer, 0xEE, sizeof(buffer));
-    buffer = AllocMem(4096, type, 3);
+    const MemoryBuffer buffer = AllocMem(4096, type, 3);
     EXPECT_EQ(buffer.data, nullptr);
     EXPECT_EQ(buffer.reserved, 0U);
     EXPECT_EQ(buffer.size, 0U);

@@ -9,5 +9,10 @@
 #include <CLI/CLI.hpp>
 
 namespace qx {
-namespace tools {}  // namespace tools
+namespace tools {
+
+void AddDecode(CLI::App& app);
+void AddProbe(CLI::App& app);
+
+}  // namespace tools
 }  // namespace qx

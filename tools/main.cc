@@ -16,7 +16,8 @@
 namespace {
 
 // In the order of --help.
-constexpr std::initializer_list<void (*)(CLI::App&)> kSubcommands = {};
+constexpr std::initializer_list<void (*)(CLI::App&)> kSubcommands = {qx::tools::AddProbe,
+                                                                     qx::tools::AddDecode};
 
 enum ExitStatus { kSuccess = 0, kFailure = 1, kUsage = 2 };
 

@@ -9,7 +9,6 @@ namespace {
 
 constexpr std::size_t kStep = 16;                      // pixels of one vector out
 constexpr __mmask64 kColours = 0xEEEEEEEEEEEEEEEEULL;  // every byte but the alphas
-constexpr __mmask64 kSource = 0x0000FFFFFFFFFFFFULL;   // the 48 bytes of a step
 
 // Byte j of the vector out comes from this byte of the vector in.
 template <bool kBgr>
@@ -22,7 +21,11 @@ __m512i Order() {
 
 template <bool kStreaming>
 void Widen(const std::uint8_t* src, std::uint8_t* dst, __m512i order) {
-  const __m512i in = _mm512_maskz_loadu_epi8(kSource, src);
+  // 32 and 16 bytes: a masked load of the 48 costs more than half of the speed in large pictures.
+  const __m256i low = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(src));
+  const __m128i high = _mm_loadu_si128(reinterpret_cast<const __m128i*>(src + 32));
+  const __m512i in =
+      _mm512_inserti64x4(_mm512_castsi256_si512(low), _mm256_castsi128_si256(high), 1);
   const __m512i value = _mm512_maskz_permutexvar_epi8(kColours, order, in);
   if (kStreaming) {
     _mm512_stream_si512(reinterpret_cast<__m512i*>(dst), value);

@@ -16,10 +16,10 @@ struct CostVolumeJob {
   const std::int8_t* left;   // rows x width x channels
   const std::int8_t* right;  // the same shape
   std::int8_t* cost;         // rows x width x disparities; overlaps neither input
-  std::size_t width;
-  std::size_t channels;
-  std::size_t disparities;
-  float scale;  // factor from the sum of products to the cost before quantisation
+  std::size_t width;         // at least 1
+  std::size_t channels;      // at least kCostVolumeBlock
+  std::size_t disparities;   // at least 1
+  float scale;               // factor from the sum of products to the cost before quantisation
 };
 
 // Computes rows first_row .. end_row - 1.
@@ -47,6 +47,15 @@ const CostVolumeVariant* CostVolumeVariants(std::size_t* count);
 
 void CostVolumeRowsScalar(const CostVolumeJob& job, std::size_t first_row, std::size_t end_row,
                           std::uint8_t* scratch);
+
+#if defined(__x86_64__)
+void CostVolumeRowsAvx2(const CostVolumeJob& job, std::size_t first_row, std::size_t end_row,
+                        std::uint8_t* scratch);
+std::size_t CostVolumeScratchAvx2(const CostVolumeJob& job);
+void CostVolumeRowsAvx512Vnni(const CostVolumeJob& job, std::size_t first_row, std::size_t end_row,
+                              std::uint8_t* scratch);
+std::size_t CostVolumeScratchAvx512Vnni(const CostVolumeJob& job);
+#endif
 
 }  // namespace image
 }  // namespace utils

@@ -9,6 +9,10 @@ namespace {
 std::size_t NoScratch(const CostVolumeJob& /*job*/) { return 0; }
 
 constexpr CostVolumeVariant kVariants[] = {
+#if defined(__x86_64__)
+    {"avx512vnni", internal::kCpuAvx512Vnni, CostVolumeRowsAvx512Vnni, CostVolumeScratchAvx512Vnni},
+    {"avx2", internal::kCpuAvx2, CostVolumeRowsAvx2, CostVolumeScratchAvx2},
+#endif
     {"scalar", 0, CostVolumeRowsScalar, NoScratch},
 };
 

@@ -1,0 +1,288 @@
+#include <dlfcn.h>
+#include <gmock/gmock.h>
+
+#include <atomic>
+#include <cstdio>
+#include <deque>
+#include <future>
+#include <stdexcept>
+#include <thread>
+#include <utility>
+
+#include "qx_utils/ffmpeg_video_decoder/blocking_queue.h"
+#include "qx_utils/internal/ffmpeg_handles.h"
+#include "tests/testing/decoding.h"
+#include "tests/testing/log_capture.h"
+
+namespace {
+
+enum class Fault { kNone, kNoDecoder, kNoContext, kNoPicture };
+std::atomic<Fault> next_fault{Fault::kNone};
+
+// True once for the fault that a test has asked for.
+bool FailsNow(Fault fault) { return next_fault.compare_exchange_strong(fault, Fault::kNone); }
+
+template <typename Function>
+Function* Real(const char* name) {
+  return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
+}
+
+}  // namespace
+
+// These stand in front of FFmpeg's own.
+extern "C" {
+decltype(avcodec_find_decoder(AV_CODEC_ID_H264)) avcodec_find_decoder(AVCodecID id) {
+  if (FailsNow(Fault::kNoDecoder)) return nullptr;
+  return Real<decltype(avcodec_find_decoder)>("avcodec_find_decoder")(id);
+}
+AVCodecContext* avcodec_alloc_context3(const AVCodec* codec) {
+  if (FailsNow(Fault::kNoContext)) return nullptr;
+  return Real<decltype(avcodec_alloc_context3)>("avcodec_alloc_context3")(codec);
+}
+AVFrame* av_frame_alloc() {
+  if (FailsNow(Fault::kNoPicture)) return nullptr;
+  return Real<decltype(av_frame_alloc)>("av_frame_alloc")();
+}
+}
+
+namespace qx {
+namespace utils {
+namespace ffmpeg {
+namespace {
+
+using ::testing::AnyOf;
+using ::testing::ContainsRegex;
+using testing::Drain;
+using ::testing::Each;
+using ::testing::ElementsAre;
+using ::testing::EndsWith;
+using testing::FramePtr;
+using testing::MakePacket;
+using testing::OpenDecoder;
+using testing::Receiver;
+using testing::SendAll;
+using ::testing::SizeIs;
+
+const std::vector<testing::PacketPtr>& Packets() {
+  static const auto packets = [] {
+    auto all = testing::ReadPackets("two_videos.mp4");  // small pictures
+    all.resize(6);
+    return all;
+  }();
+  return packets;
+}
+
+TEST(BlockingQueue, KeepsOrderAndEndsAWait) {
+  BlockingQueue<int> queue;
+  std::deque<int> spare = {9};
+  for (const int value : {1, 2, 3}) queue.Push(value);
+  EXPECT_EQ(queue.Size(), 3U);
+  EXPECT_EQ(queue.Pop(), 1);
+  EXPECT_EQ(queue.Size(), 2U);
+  queue.Replace(spare);
+  EXPECT_THAT(spare, ElementsAre(2, 3));
+  EXPECT_EQ(queue.Size(), 1U);
+  EXPECT_EQ(queue.Pop(), 9);
+  auto waiting = std::async(std::launch::async, [&] { return queue.Pop(); });
+  EXPECT_EQ(waiting.wait_for(std::chrono::milliseconds(20)), std::future_status::timeout);
+  queue.Push(4);
+  EXPECT_EQ(waiting.get(), 4);
+}
+
+TEST(Decoder, PrintsWhatFfmpegLacksAndGoesOn) {
+  const struct {
+    Fault fault;
+    int init, send;
+    const char* output;
+  } cases[] = {
+      {Fault::kNoDecoder, -1, kDecodeNotInitialised,
+       "^####\\[Init:[0-9]+\\]assert failed:p_avcodec_ != NULL\nCould not open codec\n$"},
+      {Fault::kNoContext, -1, kDecodeNotInitialised,
+       "^####\\[Init:[0-9]+\\]assert failed:p_avcodec_ctx_ != NULL\n$"},
+      {Fault::kNoPicture, 0, kDecodeOutOfMemory,
+       "^####\\[SendFrame:[0-9]+\\]assert failed:ptFrame != NULL\n$"},
+  };
+  for (const auto& c : cases) {
+    const auto decoder = CreateFfmpegDecoder();
+    Packets();  // FFmpeg is called for them too
+    ASSERT_EQ(decoder->Init(), 0);
+    next_fault = c.fault;
+    ::testing::internal::CaptureStdout();
+    EXPECT_EQ(c.fault == Fault::kNoPicture ? 0 : decoder->Init(), c.init);
+    EXPECT_EQ(decoder->SendFrame(Packets().front(), nullptr), c.send);
+    std::fflush(stdout);
+    EXPECT_THAT(::testing::internal::GetCapturedStdout(), ContainsRegex(c.output));
+    EXPECT_EQ(decoder->Init(), 0);
+    EXPECT_EQ(decoder->SendFrame(Packets().front(), nullptr), kDecodeOk);
+  }
+}
+
+// A decoder in some state. Where the state blocks the worker, `gate` lets it go on.
+struct Subject {
+  std::shared_ptr<FfmpegDecoder> decoder = CreateFfmpegDecoder();
+  std::promise<void> gate;
+  std::shared_future<void> opened = gate.get_future().share();
+};
+
+// Blocks the worker in the callback of the first frame; it takes no notice of later ones.
+void BlockWorker(Subject& s) {
+  auto inside = std::make_shared<std::promise<void>>();
+  s.decoder->SetCallback([inside, opened = s.opened, first = true](FramePtr, void*) mutable {
+    if (std::exchange(first, false)) inside->set_value();
+    opened.wait();
+  });
+  for (std::size_t i = 0; s.decoder->SendFrame(Packets()[i], nullptr) != kDecodeOk;) ++i;
+  inside->get_future().wait();
+}
+
+void FillQueue(Subject& s) {
+  BlockWorker(s);
+  SendAll(*s.decoder, Packets());
+}
+
+void StartDrain(Subject& s) {
+  SendAll(*s.decoder, Packets());
+  EXPECT_EQ(s.decoder->SendFrame(MakePacket(nullptr, 0), nullptr), kDecodeOk);
+}
+
+void DrainWhole(Subject& s) {
+  SendAll(*s.decoder, Packets());
+  EXPECT_GT(Drain(*s.decoder), 0U);
+}
+
+void SendGarbage(Subject& s) {
+  std::uint8_t garbage[] = {0, 0, 0, 1, 0x65, 0xFF, 0xFF, 0xFF};
+  EXPECT_EQ(s.decoder->SendFrame(MakePacket(garbage, sizeof(garbage)), nullptr), kDecodeFailed);
+}
+
+void Send(Subject& s, bool is_new) {
+  EXPECT_EQ(SendAll(*s.decoder, Packets()).empty(), is_new);
+  s.gate.set_value();
+}
+
+void SendDrain(Subject& s, bool is_new) {
+  if (!is_new) Drain(*s.decoder);
+  EXPECT_EQ(s.decoder->SendFrame(MakePacket(nullptr, 0), nullptr),
+            is_new ? kDecodeNotInitialised : kDecodeEndOfStream);
+  s.gate.set_value();
+}
+
+void SetCallback(Subject& s, bool /*is_new*/) {
+  Receiver receiver;
+  EXPECT_EQ(s.decoder->SetCallback(receiver.Callback()), 0);
+  const std::size_t sent = SendAll(*s.decoder, Packets()).size();
+  s.gate.set_value();
+  receiver.Wait(sent);
+  s.decoder.reset();
+}
+
+void Destroy(Subject& s, bool /*is_new*/) {
+  std::thread opener([&s] { s.gate.set_value(); });
+  s.decoder.reset();
+  opener.join();
+}
+
+void DestroyFromCallback(Subject& s, bool is_new) {
+  std::atomic<int> calls{0};
+  std::promise<void> target_gone;
+  const auto tell = [&target_gone](void*) { target_gone.set_value(); };
+  s.decoder->SetCallback([&, token = std::shared_ptr<void>(&s, tell)](FramePtr, void*) {
+    s.opened.wait();
+    ++calls;
+    s.decoder.reset();
+    EXPECT_NE(token, nullptr) << "the running target was destroyed";
+  });
+  SendAll(*s.decoder, Packets());
+  s.gate.set_value();
+  if (is_new) s.decoder.reset();
+  target_gone.get_future().wait();
+  EXPECT_EQ(calls, is_new ? 0 : 1);
+}
+
+void ThrowFromCallback(Subject& s, bool is_new) {
+  const testing::LogCapture log;
+  Receiver receiver;
+  s.decoder->SetCallback(
+      [receive = receiver.Callback(), calls = 0](FramePtr frame, void* user_data) mutable {
+        receive(frame, user_data);
+        if (++calls == 1) throw 1;
+        throw std::runtime_error("lost");
+      });
+  SendAll(*s.decoder, Packets());
+  s.gate.set_value();
+  receiver.Wait(is_new ? 0 : 2);
+  s.decoder.reset();
+  const auto lines = log.Messages(google::ERROR);
+  EXPECT_THAT(lines, SizeIs(receiver.Tags().size()));
+  for (std::size_t i = 0; i < lines.size(); ++i) {
+    EXPECT_THAT(lines[i], EndsWith(i == 0 ? "no std::exception, delivery goes on" : "lost"));
+  }
+}
+
+using Enter = void (*)(Subject&);
+using Act = void (*)(Subject&, bool is_new);
+
+void RunCase(Enter enter, Act act) {
+  Subject subject;
+  const bool is_new = enter == nullptr;
+  if (!is_new) {
+    EXPECT_EQ(subject.decoder->Init(), 0);
+    EXPECT_EQ(subject.decoder->SetReorderDepth(2), 0);  // holds pictures back
+    enter(subject);
+  }
+  act(subject, is_new);
+}
+
+TEST(Decoder, TakesEveryActionInEveryState) {
+  const Enter idle = [](Subject&) {};
+  const std::pair<const char*, Enter> states[] = {{"new", nullptr},
+                                                  {"idle", idle},
+                                                  {"queue full", FillQueue},
+                                                  {"callback", BlockWorker},
+                                                  {"draining", StartDrain},
+                                                  {"drained", DrainWhole},
+                                                  {"after error", SendGarbage}};
+  const std::pair<const char*, Act> actions[] = {{"send", Send},
+                                                 {"drain", SendDrain},
+                                                 {"set callback", SetCallback},
+                                                 {"destroy", Destroy},
+                                                 {"destroy from the callback", DestroyFromCallback},
+                                                 {"throw", ThrowFromCallback}};
+  for (const auto& [state, enter] : states) {
+    for (const auto& [action, act] : actions) {
+      SCOPED_TRACE(std::string(state) + ": " + action);
+      RunCase(enter, act);
+    }
+  }
+}
+
+TEST(Decoder, DiesInFiveWaysAHundredTimesEach) {
+  for (int i = 0; i < 100; ++i) {
+    RunCase([](Subject&) {}, Destroy);
+    RunCase(FillQueue, Destroy);
+    RunCase(BlockWorker, Destroy);
+    RunCase(FillQueue, DestroyFromCallback);
+    RunCase(FillQueue, ThrowFromCallback);
+  }
+}
+
+TEST(Decoder, DiesWithACallbackThatOwnsIt) {
+  for (const Enter enter : {BlockWorker, Enter([](Subject&) {})}) {
+    Subject s;
+    EXPECT_EQ(s.decoder->Init(), 0);
+    enter(s);
+    std::promise<void> gone;
+    std::shared_ptr<void> token(&s, [&gone](void*) { gone.set_value(); });
+    s.decoder->SetCallback([owned = s.decoder, token = std::move(token)](FramePtr, void*) {});
+    FfmpegDecoder* const decoder = s.decoder.get();
+    s.decoder.reset();
+    s.gate.set_value();
+    decoder->SetCallback(nullptr);
+    gone.get_future().wait();
+  }
+}
+
+}  // namespace
+}  // namespace ffmpeg
+}  // namespace utils
+}  // namespace qx

@@ -1,0 +1,109 @@
+// What the decoder's tests share: packets of clips, a receiver of frames, sending and draining.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "qxtools/annexb_filter.h"
+#include "qxtools/ffmpeg_demuxer.h"
+#include "qxtools/ffmpeg_video_decoder.h"
+
+namespace qx {
+namespace testing {
+
+using FramePtr = std::shared_ptr<velkar::vision::ImageFrame>;
+using PacketPtr = std::shared_ptr<utils::video::StreamPacket>;
+
+inline std::string ClipPath(const std::string& name) {
+  return std::string(QXTOOLS_CLIPS_DIR) + "/" + name;
+}
+
+inline std::vector<PacketPtr> ReadPackets(const std::string& clip) {
+  utils::video::FfmpegDemuxer demuxer;
+  utils::video::AnnexBFilter filter;
+  EXPECT_EQ(demuxer.Open(ClipPath(clip), {}), 0) << clip;
+  EXPECT_EQ(filter.Init(demuxer), 0) << clip;
+  std::vector<PacketPtr> packets;
+  while (auto packet = demuxer.ReadFrame()) packets.push_back(filter.Filter(packet));
+  return packets;
+}
+
+inline PacketPtr MakePacket(std::uint8_t* data, std::uint64_t size) {
+  auto packet = std::make_shared<utils::video::StreamPacket>();
+  packet->data = data;
+  packet->size = size;
+  return packet;
+}
+
+inline void* Tag(std::size_t number) { return reinterpret_cast<void*>(number); }
+
+// Keeps what the callback gets.
+class Receiver {
+ public:
+  utils::video::FrameCallback Callback() {
+    return [this](FramePtr frame, void* user_data) {
+      const std::lock_guard<std::mutex> lock(mutex_);
+      frames_.push_back(std::move(frame));
+      tags_.push_back(user_data);
+      arrived_.notify_all();
+    };
+  }
+  // Returns: all frames so far, once there are at least `count`.
+  std::vector<FramePtr> Wait(std::size_t count) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    EXPECT_TRUE(
+        arrived_.wait_for(lock, std::chrono::seconds(60), [&] { return frames_.size() >= count; }));
+    return frames_;
+  }
+  std::vector<void*> Tags() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return tags_;
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable arrived_;
+  std::vector<FramePtr> frames_;
+  std::vector<void*> tags_;
+};
+
+inline std::shared_ptr<utils::ffmpeg::FfmpegDecoder> OpenDecoder(
+    utils::video::FrameCallback callback = nullptr) {
+  auto decoder = utils::ffmpeg::CreateFfmpegDecoder();
+  EXPECT_EQ(decoder->Init(), 0);
+  EXPECT_EQ(decoder->SetCallback(std::move(callback)), 0);
+  return decoder;
+}
+
+// Sends the packets, tagged 1, 2, 3 ...; returns the tags of those that queued a frame.
+inline std::vector<void*> SendAll(utils::video::Decoder& decoder,
+                                  const std::vector<PacketPtr>& packets) {
+  std::vector<void*> queued;
+  for (std::size_t i = 0; i < packets.size(); ++i) {
+    const int status = decoder.SendFrame(packets[i], Tag(i + 1));
+    if (status == utils::ffmpeg::kDecodeOk) queued.push_back(Tag(i + 1));
+  }
+  return queued;
+}
+
+// Drains to the end, which must come within 17 calls; returns how often each gave `wanted`.
+inline std::size_t Drain(utils::video::Decoder& decoder, int wanted = utils::ffmpeg::kDecodeOk) {
+  std::size_t count = 0;
+  for (int calls = 0; calls < 17; ++calls) {
+    const int status = decoder.SendFrame(MakePacket(nullptr, 0), nullptr);
+    if (status == utils::ffmpeg::kDecodeEndOfStream) return count;
+    count += status == wanted ? 1 : 0;
+  }
+  ADD_FAILURE() << "draining does not end";
+  return count;
+}
+
+}  // namespace testing
+}  // namespace qx

@@ -1,0 +1,103 @@
+#include <cinttypes>
+#include <cstddef>
+#include <cstdio>
+#include <iostream>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <stdexcept>
+#include <string>
+
+#include "qxtools/h264_h265_info_parse.h"
+#include "tools/commands.h"
+#include "tools/video_input.h"
+
+namespace qx {
+namespace tools {
+namespace {
+
+using utils::VideoParams;
+using utils::video::StreamPacket;
+
+// Cameras repeat their parameter sets with every key frame: ten seconds and more at usual rates.
+constexpr int kMaxPackets = 1000;
+
+// Returns: the packet's bytes with every start code 4 bytes long. The parsers know no others, while
+//          3-byte ones are as good in a byte stream.
+std::string WithLongStartCodes(const StreamPacket& packet) {
+  std::string out;
+  out.reserve(packet.size + 16);
+  int zeros = 0;
+  for (std::size_t i = 0; i < packet.size; ++i) {
+    const std::uint8_t byte = packet.data[i];
+    if (byte == 1 && zeros == 2) out.push_back('\0');
+    zeros = byte == 0 ? zeros + 1 : 0;
+    out.push_back(static_cast<char>(byte));
+  }
+  return out;
+}
+
+VideoParams Parse(const StreamPacket& packet) {
+  const std::string bytes = WithLongStartCodes(packet);
+  return packet.codec == utils::video::kVideoCodecH265
+             ? utils::ParseH265Params(bytes.data(), bytes.size())
+             : utils::ParseH264Params(bytes.data(), bytes.size());
+}
+
+VideoParams FirstParams(VideoInput& input) {
+  for (int read = 0; read < kMaxPackets; ++read) {
+    const auto packet = input.Next();
+    if (!packet) break;
+    const VideoParams params = Parse(*packet);
+    if (params.width != 0 && params.height != 0) return params;
+  }
+  throw std::runtime_error("'" + input.Name() + "': no usable parameter set in its video");
+}
+
+void Probe(const std::string& name, bool json) {
+  VideoInput input(name);
+  const VideoParams params = FirstParams(input);
+  const nlohmann::ordered_json result = {
+      {"input", name},
+      {"codec", params.is_h265 != 0 ? "h265" : "h264"},
+      {"stream_index", input.StreamIndex()},
+      {"width", params.width},
+      {"height", params.height},
+      {"profile_idc", params.profile_idc},
+      {"level_idc", params.level_idc},
+      {"chroma_format_idc", params.chroma_format_idc},
+  };
+  if (json) {
+    // File names need not be UTF-8, JSON does.
+    std::cout << result.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) << '\n';
+    return;
+  }
+  for (const auto& [key, value] : result.items()) {
+    const std::string text = value.is_string() ? value.get<std::string>() : value.dump();
+    std::cout << key << ": " << text << '\n';
+  }
+}
+
+}  // namespace
+
+void AddProbe(CLI::App& app) {
+  struct Options {
+    std::string input;
+    bool json = false;
+  };
+  const auto options = std::make_shared<Options>();
+  CLI::App* probe = app.add_subcommand("probe", "Show codec, picture size and profile of a video");
+  probe
+      ->add_option("INPUT", options->input, "H.264/H.265 file (raw, MP4, MKV, TS, ...) or RTSP URL")
+      ->required();
+  probe->add_flag("--json", options->json, "Print a JSON object");
+  probe->footer(
+      "Reads the first parameter set of the first H.264 or H.265 stream. The size is that of the\n"
+      "shown picture in H.264 and of the coded picture in H.265.\n\n"
+      "Examples:\n"
+      "  qxtools probe clip.mp4\n"
+      "  qxtools probe --json rtsp://camera.local/stream | jq .width");
+  probe->callback([options] { Probe(options->input, options->json); });
+}
+
+}  // namespace tools
+}  // namespace qx
