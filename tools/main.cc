@@ -70,7 +70,9 @@ int Run(int argc, char** argv) {
 
 int main(int argc, char** argv) {
   OccupyStandardStreams();
-  std::signal(SIGPIPE, SIG_IGN);  // a reader that went away is an error like any other
+  // A reader that went away and a file at its size limit are errors like any other.
+  std::signal(SIGPIPE, SIG_IGN);
+  std::signal(SIGXFSZ, SIG_IGN);
   qx::tools::QuietLibraryLog(argv[0]);
   try {
     return Run(argc, argv);

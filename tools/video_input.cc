@@ -61,6 +61,7 @@ std::shared_ptr<utils::video::StreamPacket> VideoInput::Next() {
     const auto packet = demuxer_.ReadFrame();
     if (!packet) break;
     if (auto annexb = filter_.Filter(packet)) return annexb;
+    ++damaged_packets_;
   }
   const DemuxerFault fault = demuxer_.LastFault();
   if (fault == DemuxerFault::kEndOfStream) return nullptr;

@@ -1,6 +1,7 @@
 // The video stream of an input, packet by packet, with failures told in the user's words.
 #pragma once
 
+#include <cstddef>
 #include <memory>
 #include <string>
 
@@ -25,6 +26,9 @@ class VideoInput {
   int StreamIndex() const { return demuxer_.VideoStreamIndex(); }
   bool Truncated() const { return truncated_; }
 
+  // Returns: packets that were too damaged to hand out so far.
+  std::size_t DamagedPackets() const { return damaged_packets_; }
+
  private:
   [[noreturn]] void Fail() const;
 
@@ -32,6 +36,7 @@ class VideoInput {
   utils::video::FfmpegDemuxer demuxer_;
   utils::video::AnnexBFilter filter_;
   bool truncated_ = false;
+  std::size_t damaged_packets_ = 0;
 };
 
 }  // namespace tools
