@@ -1,0 +1,18 @@
+// What the environment sets of the emulated board, so that any application can be tried without
+// being changed. A value that cannot be used is logged at ERROR and ignored.
+#pragma once
+
+#include "platform/emulated/call_log.h"
+#include "qxtools/emulated_board.h"
+
+namespace qx {
+namespace platform {
+
+// QXTOOLS_BOARD_GEOMETRY and QXTOOLS_BOARD_RUN_TIME_US.
+emulated_board::Settings SettingsFromEnvironment();
+
+// QXTOOLS_BOARD_FAULTS: names, separated by commas, each with an optional "@" and use number.
+void InjectFaultsFromEnvironment(CallLog& log);
+
+}  // namespace platform
+}  // namespace qx

@@ -1,0 +1,205 @@
+#include "platform/emulated/compute_unit.h"
+
+#include <glog/logging.h>
+#include <sys/mman.h>
+#include <sys/prctl.h>
+
+#include <cerrno>
+#include <system_error>
+
+#include "platform/emulated/correlation_model.h"
+#include "platform/volatile_word.h"
+
+namespace qx {
+namespace platform {
+namespace {
+
+constexpr std::uint32_t kControlOffset = 0;
+constexpr std::uint32_t kRunning = 1;
+constexpr std::uint32_t kErrorValue = 0x80000006;  // control word after a run that failed
+
+// How soon a start is noticed: closely for a while after a run, lazily when nothing happens.
+constexpr std::chrono::microseconds kBusyRest{5};
+constexpr std::chrono::microseconds kIdleRest{500};
+constexpr std::chrono::milliseconds kBusyPeriod{100};
+
+}  // namespace
+
+void ComputeUnit::Unmapper::operator()(volatile std::uint32_t* registers) const {
+  munmap(const_cast<std::uint32_t*>(registers), kRegisterBlockBytes);
+}
+
+ComputeUnit::~ComputeUnit() {
+  {
+    const Lock lock(mutex_);
+    stop_ = true;
+  }
+  changed_.notify_all();
+  if (thread_.joinable()) thread_.join();
+}
+
+void ComputeUnit::Program(const Container& container) {
+  Lock lock(mutex_);
+  abandon_ = true;
+  changed_.notify_all();
+  changed_.wait(lock, [this] { return !statistics_.running; });
+  abandon_ = false;
+  void* map = mmap(nullptr, kRegisterBlockBytes, PROT_READ | PROT_WRITE, MAP_SHARED, memory_.fd(),
+                   static_cast<off_t>(PageOf(container.base_address)));
+  if (map == MAP_FAILED) {
+    throw std::system_error(errno, std::generic_category(), "emulated board: cannot map registers");
+  }
+  registers_.reset(static_cast<volatile std::uint32_t*>(map));
+  for (std::uint32_t offset = 0; offset < kRegisterBlockBytes; offset += 4) {
+    StoreWord(Register(offset), 0);
+  }
+  container_ = container;
+  if (!thread_.joinable()) thread_ = std::thread([this] { Watch(); });
+}
+
+void ComputeUnit::Configure(const emulated_board::Settings& settings) {
+  const Lock lock(mutex_);
+  settings_ = settings;
+}
+
+void ComputeUnit::Attach() {
+  {
+    const Lock lock(mutex_);
+    ++statistics_.handles;
+    last_run_ = Clock::now();  // a run is likely soon
+  }
+  changed_.notify_all();
+}
+
+void ComputeUnit::Detach() {
+  {
+    const Lock lock(mutex_);
+    --statistics_.handles;
+  }
+  changed_.notify_all();
+}
+
+std::uint32_t ComputeUnit::ReadRegister(std::uint32_t offset) const {
+  const Lock lock(mutex_);
+  return LoadWord(Register(offset));
+}
+
+void ComputeUnit::WriteRegister(std::uint32_t offset, std::uint32_t value) {
+  {
+    const Lock lock(mutex_);
+    StoreWord(Register(offset), value);
+  }
+  if (offset == kControlOffset) AfterControlStore();
+}
+
+void ComputeUnit::AfterControlStore() {
+  Lock lock(mutex_);
+  if (settings_.ends_at_once) changed_.wait(lock, [this] { return !HasStarted() || hung_; });
+}
+
+void ComputeUnit::EndHungRun() {
+  {
+    const Lock lock(mutex_);
+    hung_ = false;
+  }
+  changed_.notify_all();
+}
+
+ComputeUnit::Statistics ComputeUnit::GetStatistics() const {
+  const Lock lock(mutex_);
+  return statistics_;
+}
+
+volatile std::uint32_t* ComputeUnit::Register(std::uint32_t offset) const {
+  return registers_.get() + offset / sizeof(std::uint32_t);
+}
+
+bool ComputeUnit::HasStarted() const {
+  return registers_ && LoadWord(Register(kControlOffset)) == kRunning;
+}
+
+void ComputeUnit::Watch() {
+  prctl(PR_SET_TIMERSLACK, 1, 0, 0, 0);  // ns; the usual 50 us would delay every start
+  Lock lock(mutex_);
+  while (!stop_) {
+    if (HasStarted()) {
+      Run(lock);
+    } else {
+      Rest(lock);
+    }
+  }
+}
+
+void ComputeUnit::Rest(Lock& lock) {
+  if (statistics_.handles == 0) {
+    changed_.wait(lock, [this] { return stop_ || statistics_.handles != 0 || HasStarted(); });
+    return;
+  }
+  const bool busy = Clock::now() - last_run_ < kBusyPeriod;
+  changed_.wait_for(lock, busy ? kBusyRest : kIdleRest);
+}
+
+void ComputeUnit::Run(Lock& lock) {
+  const Clock::time_point start = Clock::now();
+  statistics_.running = true;
+  log_.Note("unit.start", "");
+  hung_ = log_.IsFaultDue("unit.hang");
+  const bool fails = log_.IsFaultDue("unit.error");
+  const Job job = LatchJob();
+  std::optional<std::vector<std::int8_t>> cost;
+  if (!fails) {
+    lock.unlock();
+    cost = Compute(job);
+    lock.lock();
+  }
+  const auto interrupted = [this] { return stop_ || abandon_; };
+  changed_.wait_until(lock, start + settings_.run_time, interrupted);
+  changed_.notify_all();
+  changed_.wait(lock, [&] { return interrupted() || !hung_; });
+
+  if (!interrupted()) FinishRun(job, cost);
+  last_run_ = Clock::now();
+  statistics_.kernel_time += last_run_ - start;
+  statistics_.running = hung_ = false;
+  changed_.notify_all();
+}
+
+ComputeUnit::Job ComputeUnit::LatchJob() const {
+  // The unit takes 32-bit addresses: the words above them have no effect.
+  const auto value = [this](std::size_t i) {
+    return LoadWord(Register(container_.arguments[i].offset));
+  };
+  return {value(0), value(1), value(2), value(3)};
+}
+
+std::optional<std::vector<std::int8_t>> ComputeUnit::Compute(const Job& job) const {
+  const auto& geometry = container_.geometry;  // Program() waits for the run before changing it
+  const std::size_t bytes = std::size_t{geometry.height} * geometry.width * geometry.channels;
+  std::vector<std::int8_t> left(bytes), right(bytes);
+  if (!memory_.Read(job.left, left.data(), bytes) ||
+      !memory_.Read(job.right, right.data(), bytes)) {
+    LOG(ERROR)
+        << "emulated board: the kernel needs " << bytes << " bytes at each of 0x" << std::hex
+        << job.left << " and 0x" << job.right
+        << ", but no such buffers exist; do the buffer sizes match the container's geometry?";
+    return std::nullopt;
+  }
+  return Correlate(geometry, left, right, job.exponent);
+}
+
+void ComputeUnit::FinishRun(const Job& job, const std::optional<std::vector<std::int8_t>>& cost) {
+  std::uint32_t value = kErrorValue;
+  if (cost && memory_.Write(job.output, cost->data(), cost->size())) {
+    value = settings_.end_value;
+  } else if (cost) {
+    LOG(ERROR) << "emulated board: the kernel writes " << cost->size() << " bytes at 0x" << std::hex
+               << job.output
+               << ", but no such buffer exists; does its size match the container's geometry?";
+  }
+  ++statistics_.runs;
+  log_.Note("unit.end", "");
+  StoreWord(Register(kControlOffset), value);
+}
+
+}  // namespace platform
+}  // namespace qx

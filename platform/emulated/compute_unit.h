@@ -1,0 +1,93 @@
+// The emulated correlation unit: a thread that watches the control word of the unit's registers
+// and computes a run whenever the word becomes 1.
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <thread>
+#include <vector>
+
+#include "platform/emulated/call_log.h"
+#include "platform/emulated/container.h"
+#include "platform/emulated/physical_memory.h"
+
+namespace qx {
+namespace platform {
+
+// Threads: safe from any thread.
+class ComputeUnit {
+ public:
+  ComputeUnit(PhysicalMemory& memory, CallLog& log) : memory_(memory), log_(log) {}
+  ~ComputeUnit();
+  ComputeUnit(const ComputeUnit&) = delete;
+  ComputeUnit& operator=(const ComputeUnit&) = delete;
+
+  // Becomes the unit of `container`, registers cleared; a run in progress is abandoned.
+  void Program(const Container& container);
+  void Configure(const emulated_board::Settings& settings);
+
+  // While handles of the unit are open the thread watches closely; without any it sleeps.
+  void Attach();
+  void Detach();
+
+  // To be called after each store to the control word: waits for the end of a started run if the
+  // settings ask for that. A run that hangs is not waited for.
+  void AfterControlStore();
+
+  std::uint32_t ReadRegister(std::uint32_t offset) const;
+  void WriteRegister(std::uint32_t offset, std::uint32_t value);
+
+  void EndHungRun();
+
+  struct Statistics {
+    unsigned handles = 0;
+    bool running = false;
+    std::uint64_t runs = 0;
+    std::chrono::nanoseconds kernel_time{0};
+  };
+  Statistics GetStatistics() const;
+
+ private:
+  using Lock = std::unique_lock<std::mutex>;
+  using Clock = std::chrono::steady_clock;
+
+  struct Unmapper {
+    void operator()(volatile std::uint32_t* registers) const;
+  };
+
+  // The argument registers as a run finds them.
+  struct Job {
+    std::uint32_t left, right, output, exponent;
+  };
+
+  void Watch();
+  void Rest(Lock& lock);
+  void Run(Lock& lock);
+  Job LatchJob() const;
+  std::optional<std::vector<std::int8_t>> Compute(const Job& job) const;
+  void FinishRun(const Job& job, const std::optional<std::vector<std::int8_t>>& cost);
+  bool HasStarted() const;
+  volatile std::uint32_t* Register(std::uint32_t offset) const;
+
+  PhysicalMemory& memory_;
+  CallLog& log_;
+
+  mutable std::mutex mutex_;
+  std::condition_variable changed_;
+  std::unique_ptr<volatile std::uint32_t, Unmapper> registers_;
+  Container container_;
+  emulated_board::Settings settings_;
+  bool stop_ = false;
+  bool abandon_ = false;  // the run in progress shall end without a trace
+  bool hung_ = false;     // the run in progress waits for EndHungRun()
+  Clock::time_point last_run_;
+  Statistics statistics_;
+  std::thread thread_;  // last: it uses everything above
+};
+
+}  // namespace platform
+}  // namespace qx

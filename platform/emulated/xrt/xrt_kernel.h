@@ -1,0 +1,32 @@
+// A handle of one compute unit of the emulated board. Every operation reports failure by throwing.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "xrt/xrt_device.h"
+#include "xrt/xrt_uuid.h"
+
+namespace xrt {
+
+class kernel {
+ public:
+  enum class cu_access_mode : std::uint8_t { exclusive = 0, shared = 1 };
+
+  // `name` is "Kernel:{Instance}". An exclusive handle tolerates no other handle of the unit.
+  kernel(const device& board, const uuid& container, const std::string& name, cu_access_mode mode);
+
+  int group_id(int argument) const;
+  std::uint32_t offset(int argument) const;
+
+  // Registers through the runtime; for exclusive handles only.
+  void write_register(std::uint32_t offset, std::uint32_t value);
+  std::uint32_t read_register(std::uint32_t offset) const;
+
+ private:
+  struct Handle;
+  std::shared_ptr<Handle> handle_;
+};
+
+}  // namespace xrt

@@ -1,0 +1,29 @@
+// A library built for a real board has no emulated one; every request says so.
+#include "qxtools/emulated_board.h"
+
+#include <stdexcept>
+
+namespace qx {
+namespace emulated_board {
+namespace {
+
+[[noreturn]] void Refuse() {
+  throw std::logic_error("this qxtools drives a real board; it has no emulated one to control");
+}
+
+}  // namespace
+
+bool IsEmulated() { return false; }
+Settings GetSettings() { Refuse(); }
+void SetSettings(const Settings& /*settings*/) { Refuse(); }
+Status GetStatus() { Refuse(); }
+void FailCall(const std::string& /*name*/, unsigned /*nth*/) { Refuse(); }
+std::size_t ClearFaults() { Refuse(); }
+std::vector<std::string> FaultNames() { Refuse(); }
+void EndHungRun() { Refuse(); }
+void StartRecording() { Refuse(); }
+std::vector<Call> TakeRecording() { Refuse(); }
+void CheckContainer(const std::string& /*text*/) { Refuse(); }
+
+}  // namespace emulated_board
+}  // namespace qx
