@@ -124,6 +124,7 @@ TEST_F(FpgaProtocol, ObjectPreparesOnceAndReleasesKernelBeforeBuffers) {
     emulated_board::StartRecording();
   }
   EXPECT_THAT(TakeLines(), ElementsAreArray(kUnmap + kReleaseKernel + kReleaseBuffers));
+  EXPECT_EQ(sizeof(Kernel_FPGA), 2 * sizeof(std::string) + 112);  // the members and nothing else
 }
 
 TEST_F(FpgaProtocol, OneShotBindsItsOwnUnitAndReleasesDeviceLast) {

@@ -157,7 +157,11 @@ void ComputeUnit::Run(Lock& lock) {
   changed_.notify_all();
   changed_.wait(lock, [&] { return interrupted() || !hung_; });
 
-  if (!interrupted()) FinishRun(job, cost);
+  if (abandon_) {
+    StoreWord(Register(kControlOffset), 0);
+  } else if (!stop_) {
+    FinishRun(job, cost);
+  }
   last_run_ = Clock::now();
   statistics_.kernel_time += last_run_ - start;
   statistics_.running = hung_ = false;

@@ -1,0 +1,209 @@
+// What happens when the board, the operating system or the kernel fails.
+#include <dirent.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <malloc.h>
+
+#include <fstream>
+#include <iterator>
+#include <system_error>
+#include <thread>
+
+#include "tests/testing/fpga_runs.h"
+
+namespace qx {
+namespace utils {
+namespace image {
+namespace {
+
+using emulated_board::FailCall;
+using qx::testing::BoardScope;
+using qx::testing::kWays;
+using qx::testing::NameOf;
+using qx::testing::StereoMaps;
+using qx::testing::Way;
+using ::testing::AllOf;
+using ::testing::HasSubstr;
+
+std::size_t EntriesOf(const char* folder) {
+  std::size_t count = 0;
+  DIR* dir = opendir(folder);
+  while (readdir(dir) != nullptr) ++count;
+  closedir(dir);
+  return count;
+}
+
+// What a process can leak besides memory that a sanitizer sees.
+struct Resources {
+  std::size_t descriptors = EntriesOf("/proc/self/fd");
+  std::size_t threads = EntriesOf("/proc/self/task");
+  std::size_t mappings = CountMappings();
+
+  static std::size_t CountMappings() {
+    std::ifstream maps("/proc/self/maps");
+    std::size_t count = 0;
+    for (std::string line; std::getline(maps, line);)
+      count += line.find("qxtools-board") != line.npos;
+    return count;
+  }
+  bool operator==(const Resources& other) const {
+    return descriptors == other.descriptors && threads == other.threads &&
+           mappings == other.mappings;
+  }
+};
+
+void ExpectNothingLeft(const Resources& before) {
+  const emulated_board::Status status = emulated_board::GetStatus();
+  EXPECT_EQ(status.buffers, 0U);
+  EXPECT_EQ(status.buffer_bytes, 0U);
+  EXPECT_EQ(status.open_units, 0U);
+  const Resources now;
+  EXPECT_TRUE(now == before) << now.descriptors << " descriptors, were " << before.descriptors
+                             << "; " << now.threads << " threads, were " << before.threads << "; "
+                             << now.mappings << " mappings, were " << before.mappings;
+}
+
+class FpgaFault : public ::testing::Test {
+ protected:
+  FpgaFault() { SetKernelTimeLimit(std::chrono::milliseconds(20)); }
+
+  void ExpectGoodRun(Way way) {
+    std::fill(maps_.cost.begin(), maps_.cost.end(), 0xA5);
+    maps_.Run(way);
+    EXPECT_EQ(maps_.cost, maps_.Expected());
+  }
+
+  // Runs and returns the error, empty when the run went through.
+  template <typename Error>
+  std::string ErrorOf(Way way) {
+    try {
+      maps_.Run(way);
+      return "";
+    } catch (const Error& error) {
+      return error.what();
+    }
+  }
+
+  std::string Try(Way way, const std::string& call) {
+    if (call == "unit.hang") return ErrorOf<KernelTimeout>(way);
+    if (call == "open" || call == "mmap") return ErrorOf<std::system_error>(way);
+    return ErrorOf<std::runtime_error>(way);
+  }
+
+  BoardScope board_;
+  StereoMaps maps_{{2, 8, 32, 4}};
+};
+
+TEST_F(FpgaFault, EveryUseOfEveryCallCanFailAndNothingIsLeftBehind) {
+  for (const Way way : kWays) ExpectGoodRun(way);
+  const Resources before;
+  std::size_t failures[3] = {};
+  for (const Way way : kWays) {
+    for (const std::string& call : emulated_board::FaultNames()) {
+      for (unsigned nth = 1;; ++nth) {
+        SCOPED_TRACE(::testing::Message() << NameOf(way) << ": " << call << '@' << nth);
+        FailCall(call, nth);
+        const std::string error = Try(way, call);
+        if (emulated_board::ClearFaults() != 0) break;  // the run has fewer uses of this call
+        ++failures[static_cast<int>(way)];
+        if (call == "open" || call == "mmap") {
+          EXPECT_THAT(error, AllOf(HasSubstr("/dev/mem"), HasSubstr("superuser"),
+                                   HasSubstr(call == "open" ? "Permission denied"
+                                                            : "Operation not permitted")));
+        } else if (call == "unit.hang") {
+          EXPECT_THAT(error, HasSubstr("did not end within 20 ms"));
+        } else if (call == "unit.error" || call == "nanosleep") {
+          EXPECT_EQ(error, "");
+        } else {
+          EXPECT_THAT(error, HasSubstr(call));
+        }
+        ExpectNothingLeft(before);
+        ExpectGoodRun(way);
+      }
+    }
+  }
+  // Uses of calls that can fail in one run, the two of the unit included.
+  EXPECT_EQ(failures[0], 28U);
+  EXPECT_EQ(failures[1], 26U);
+  EXPECT_EQ(failures[2], 31U);
+}
+
+TEST_F(FpgaFault, AFailedRunLeavesTheObjectUsable) {
+  Kernel_FPGA kernel(0, maps_.input_size(), maps_.output_size());
+  const auto run = [&] {
+    kernel.CostVolume_FPGA(maps_.left.get(), maps_.right.get(), maps_.output.get());
+  };
+  for (const char* call :
+       {"xrt::bo::write", "xrt::bo::sync", "xrt::kernel::offset", "xrt::bo::read"}) {
+    for (const unsigned nth : {1U, 2U}) {
+      FailCall(call, nth);
+      try {
+        run();
+      } catch (const std::runtime_error& error) {
+        EXPECT_THAT(error.what(), HasSubstr(call));
+      }
+      emulated_board::ClearFaults();
+      run();
+      EXPECT_EQ(maps_.cost, maps_.Expected());
+    }
+  }
+}
+
+TEST_F(FpgaFault, AKernelThatNeverEndsGivesATimeoutUntilItEnds) {
+  Kernel_FPGA kernel(0, maps_.input_size(), maps_.output_size());
+  const auto run = [&](Kernel_FPGA& object) {
+    object.CostVolume_FPGA(maps_.left.get(), maps_.right.get(), maps_.output.get());
+  };
+  FailCall("unit.hang");
+  EXPECT_THROW(run(kernel), KernelTimeout);
+  EXPECT_TRUE(emulated_board::GetStatus().running);
+  EXPECT_THROW(run(kernel), KernelTimeout);  // its end would be taken for this run's
+  EXPECT_THROW(maps_.Run(Way::kOneShot), KernelTimeout);
+  emulated_board::EndHungRun();
+  while (emulated_board::GetStatus().running) std::this_thread::yield();
+  run(kernel);
+  EXPECT_EQ(maps_.cost, maps_.Expected());
+}
+
+// A late kernel finds its output buffer gone: the board reports it and stays usable.
+TEST_F(FpgaFault, AKernelThatEndsAfterItsBuffersWereReleasedDoesNoHarm) {
+  board_.settings.ends_at_once = false;
+  board_.settings.run_time = std::chrono::milliseconds(60);
+  board_.Apply();
+  for (const Way way : kWays) EXPECT_THROW(maps_.Run(way), KernelTimeout) << NameOf(way);
+  board_.settings.run_time = std::chrono::milliseconds(1);
+  board_.Apply();
+  SetKernelTimeLimit(std::chrono::seconds(10));
+  for (const Way way : kWays) ExpectGoodRun(way);
+}
+
+TEST_F(FpgaFault, FaultsAreNamedAndCounted) {
+  EXPECT_THROW(FailCall("xrt::bo::fly"), std::invalid_argument);
+  EXPECT_THROW(FailCall("open", 0), std::invalid_argument);
+  EXPECT_EQ(KernelTimeLimit(), std::chrono::milliseconds(20));
+}
+
+TEST_F(FpgaFault, AThousandInterleavedRunsLeaveEverythingFlat) {
+  SetKernelTimeLimit(std::chrono::seconds(10));
+  const auto round = [&] {
+    {
+      Kernel_FPGA kernel(0, maps_.input_size(), maps_.output_size());
+      kernel.CostVolume_FPGA(maps_.left.get(), maps_.right.get(), maps_.output.get());
+      maps_.Run(Way::kOneShot);
+      kernel.CostVolume_FPGA(maps_.left.get(), maps_.right.get(), maps_.output.get());
+    }
+    maps_.Run(Way::kOld);
+  };
+  for (int i = 0; i < 20; ++i) round();
+  const Resources before;
+  const std::size_t memory_before = mallinfo2().uordblks;
+  for (int i = 0; i < 250; ++i) round();  // 1,000 runs
+  ExpectNothingLeft(before);
+  EXPECT_LE(mallinfo2().uordblks, memory_before + 16384);
+  EXPECT_EQ(maps_.cost, maps_.Expected());
+}
+
+}  // namespace
+}  // namespace image
+}  // namespace utils
+}  // namespace qx
