@@ -13,6 +13,7 @@ namespace tools {
 
 void AddDecode(CLI::App& app);
 void AddProbe(CLI::App& app);
+void AddStereo(CLI::App& app);
 
 }  // namespace tools
 }  // namespace qx

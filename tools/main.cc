@@ -16,8 +16,8 @@
 namespace {
 
 // In the order of --help.
-constexpr std::initializer_list<void (*)(CLI::App&)> kSubcommands = {qx::tools::AddProbe,
-                                                                     qx::tools::AddDecode};
+constexpr std::initializer_list<void (*)(CLI::App&)> kSubcommands = {
+    qx::tools::AddStereo, qx::tools::AddProbe, qx::tools::AddDecode};
 
 enum ExitStatus { kSuccess = 0, kFailure = 1, kUsage = 2 };
 
