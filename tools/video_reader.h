@@ -25,11 +25,7 @@ class VideoReader {
   std::shared_ptr<velkar::vision::ImageFrame> Next();
 
   // Returns: packets that were damaged so far. Decoding goes on behind them.
-<<<<<<< HEAD
-  std::size_t DamagedPackets() const { return damaged_packets_; }
-=======
   std::size_t DamagedPackets() const { return damaged_packets_ + input_.DamagedPackets(); }
->>>>>>> edb97d1 (tests: the command as a user runs it; count packets the filter refuses)
 
   // Returns: true when the rest of the file could not be read.
   bool Truncated() const { return input_.Truncated(); }
