@@ -47,7 +47,7 @@ class Texture {
   struct Wave {
     double u, v, phase;
   };
-  Wave waves_[8];
+  Wave waves_[8] = {};
 };
 
 template <typename Grey>
@@ -75,7 +75,7 @@ std::filesystem::path TempPath(const std::string& name) {
 }
 
 std::string WriteGray(const std::string& name, const GrayPicture& picture) {
-  const std::string path = TempPath(name).string();
+  std::string path = TempPath(name).string();
   std::ofstream file(path, std::ios::binary);
   file << "P5\n" << picture.width << ' ' << picture.height << "\n255\n";
   file.write(reinterpret_cast<const char*>(picture.luma.data()),

@@ -68,16 +68,18 @@ std::vector<std::uint8_t> PaddedRows(const GrayPicture& picture, int y) {
 void ComputeRow(const GrayPicture& picture, int y, std::int8_t* features) {
   const std::vector<std::uint8_t> rows = PaddedRows(picture, y);
   const int pitch = picture.width + 2 * kReach;
-  std::array<int, kFeatureChannels> position = {};  // in `rows`, of the neighbours of column 0
+  std::array<std::size_t, kFeatureChannels> position =
+      {};  // in `rows`, of the neighbours of column 0
   for (std::size_t i = 0; i < position.size(); ++i) {
-    position[i] = (kNeighbours[i].dy + kReach) * pitch + kNeighbours[i].dx + kReach;
+    const int at = (kNeighbours[i].dy + kReach) * pitch + kNeighbours[i].dx + kReach;
+    position[i] = static_cast<std::size_t>(at);
   }
   Values grey;
-  for (int x = 0; x < picture.width; ++x, features += kFeatureChannels) {
+  for (std::size_t x = 0; x < static_cast<std::size_t>(picture.width); ++x) {
     for (std::size_t i = 0; i < grey.size(); ++i) {
-      grey[i] = rows[static_cast<std::size_t>(position[i] + x)];
+      grey[i] = rows[position[i] + x];
     }
-    Normalise(grey, features);
+    Normalise(grey, features + x * kFeatureChannels);
   }
 }
 

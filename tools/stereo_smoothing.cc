@@ -95,7 +95,7 @@ void AddRowPaths(const Volume<const std::int8_t>& correlation, const GrayPicture
   const std::uint8_t* grey = left.Row(y);
   std::vector<Cost> match(static_cast<std::size_t>(disparities));
   PathRow path(2, disparities);  // the pixel before and this one, in turns
-  std::fill_n(sums.At(0, y), static_cast<std::size_t>(width * disparities), Cost{0});
+  std::fill_n(sums.At(0, y), static_cast<std::size_t>(width) * match.size(), Cost{0});
   for (const int step : {1, -1}) {
     int x = step > 0 ? 0 : width - 1;
     path.Begin(0);
