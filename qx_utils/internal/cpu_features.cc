@@ -56,22 +56,18 @@ std::uint32_t SupportedFeatures() {
 #elif defined(__aarch64__)
 
 const std::vector<Isa>& CompiledIsas() {
-  static const std::vector<Isa> isas = {{"neon_i8mm", kCpuNeonI8mm | kCpuNeonDotprod | kCpuNeon},
-                                        {"neon_dotprod", kCpuNeonDotprod | kCpuNeon},
-                                        {"neon", kCpuNeon},
-                                        {"scalar", 0}};
+  static const std::vector<Isa> isas = {
+      {"neon_dotprod", kCpuNeonDotprod | kCpuNeon}, {"neon", kCpuNeon}, {"scalar", 0}};
   return isas;
 }
 
 std::uint32_t SupportedFeatures() {
-  // Bits of the kernel's interface; headers of older C libraries lack the second.
+  // Bits of the kernel's interface.
   constexpr unsigned long kHwcapAsimd = 1UL << 1;
   constexpr unsigned long kHwcapAsimdDotprod = 1UL << 20;
-  constexpr unsigned long kHwcap2I8mm = 1UL << 13;
   std::uint32_t features = 0;
   if ((getauxval(AT_HWCAP) & kHwcapAsimd) != 0) features |= kCpuNeon;
   if ((getauxval(AT_HWCAP) & kHwcapAsimdDotprod) != 0) features |= kCpuNeonDotprod;
-  if ((getauxval(AT_HWCAP2) & kHwcap2I8mm) != 0) features |= kCpuNeonI8mm;
   return features;
 }
 

@@ -18,9 +18,8 @@ enum CpuFeature : std::uint32_t {
   kCpuAvx512Vnni = 1U << 1,  // AVX-512 F, BW, VL and VNNI
   kCpuNeon = 1U << 2,
   kCpuNeonDotprod = 1U << 3,  // SDOT
-  kCpuNeonI8mm = 1U << 4,     // SMMLA
-  kCpuSsse3 = 1U << 5,
-  kCpuAvx512Vbmi = 1U << 6,  // AVX-512 F, BW and VBMI
+  kCpuSsse3 = 1U << 4,
+  kCpuAvx512Vbmi = 1U << 5,  // AVX-512 F, BW and VBMI
 };
 
 // The name that QXTOOLS_FORCE_ISA and `qxtools isa` use, and the features that it stands for.

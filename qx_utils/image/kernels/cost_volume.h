@@ -55,6 +55,13 @@ std::size_t CostVolumeScratchAvx2(const CostVolumeJob& job);
 void CostVolumeRowsAvx512Vnni(const CostVolumeJob& job, std::size_t first_row, std::size_t end_row,
                               std::uint8_t* scratch);
 std::size_t CostVolumeScratchAvx512Vnni(const CostVolumeJob& job);
+#elif defined(__aarch64__)
+void CostVolumeRowsNeon(const CostVolumeJob& job, std::size_t first_row, std::size_t end_row,
+                        std::uint8_t* scratch);
+std::size_t CostVolumeScratchNeon(const CostVolumeJob& job);
+void CostVolumeRowsNeonDotprod(const CostVolumeJob& job, std::size_t first_row, std::size_t end_row,
+                               std::uint8_t* scratch);
+std::size_t CostVolumeScratchNeonDotprod(const CostVolumeJob& job);
 #endif
 
 }  // namespace image

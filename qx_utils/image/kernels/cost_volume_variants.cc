@@ -12,6 +12,10 @@ constexpr CostVolumeVariant kVariants[] = {
 #if defined(__x86_64__)
     {"avx512vnni", internal::kCpuAvx512Vnni, CostVolumeRowsAvx512Vnni, CostVolumeScratchAvx512Vnni},
     {"avx2", internal::kCpuAvx2, CostVolumeRowsAvx2, CostVolumeScratchAvx2},
+#elif defined(__aarch64__)
+    {"neon_dotprod", internal::kCpuNeonDotprod, CostVolumeRowsNeonDotprod,
+     CostVolumeScratchNeonDotprod},
+    {"neon", internal::kCpuNeon, CostVolumeRowsNeon, CostVolumeScratchNeon},
 #endif
     {"scalar", 0, CostVolumeRowsScalar, NoScratch},
 };
