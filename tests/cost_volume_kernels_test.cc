@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <cstring>
 #include <functional>
+#include <initializer_list>
 #include <limits>
 #include <random>
 #include <vector>
@@ -23,6 +24,8 @@ using testing::GuardedBuffer;
 constexpr std::uint32_t kSeed = 20;
 constexpr std::size_t kRows = 3;
 constexpr std::uint8_t kCanary = 0xEE;
+
+using Sizes = std::initializer_list<std::size_t>;
 
 struct Shape {
   std::size_t width, channels, disparities;
@@ -102,9 +105,10 @@ TEST_F(CostVolumeKernels, RunOnThisProcessor) {
 }
 
 TEST_F(CostVolumeKernels, SizesAroundTileEdges) {
-  for (const std::size_t width : {1, 2, 3, 4, 5, 7, 15, 16, 17, 19, 20, 21, 32, 33, 40, 41, 65}) {
-    for (const std::size_t disparities : {1, 2, 15, 16, 17, 31, 48, 64, 130}) {
-      for (const std::size_t channels : {32, 96}) {
+  for (const std::size_t width :
+       Sizes{1, 2, 3, 4, 5, 7, 15, 16, 17, 19, 20, 21, 32, 33, 40, 41, 65}) {
+    for (const std::size_t disparities : Sizes{1, 2, 15, 16, 17, 31, 48, 64, 130}) {
+      for (const std::size_t channels : Sizes{32, 96}) {
         const auto guard = (width + disparities) % 3 == 0 ? GuardedBuffer::Guard::kStart
                                                           : GuardedBuffer::Guard::kEnd;
         ASSERT_NO_FATAL_FAILURE(Compare({width, channels, disparities}, 0.001F, Any(), guard));
@@ -114,8 +118,8 @@ TEST_F(CostVolumeKernels, SizesAroundTileEdges) {
 }
 
 TEST_F(CostVolumeKernels, ChannelCounts) {
-  for (const std::size_t channels : {32, 33, 48, 63, 64, 96, 128, 160, 512, 2048}) {
-    for (const std::size_t width : {1, 23, 44}) {
+  for (const std::size_t channels : Sizes{32, 33, 48, 63, 64, 96, 128, 160, 512, 2048}) {
+    for (const std::size_t width : Sizes{1, 23, 44}) {
       ASSERT_NO_FATAL_FAILURE(Compare({width, channels, 18}, 1e-3F, Any()));
     }
   }
@@ -131,7 +135,7 @@ TEST_F(CostVolumeKernels, ExtremeValues) {
                          [](bool left) { return left ? -128 : 127; },
                          [](bool left) { return left ? 127 : -128; }, OneOf({-128, 127})};
   for (const Value& value : cases) {
-    for (const std::size_t channels : {32, 64, 2048}) {
+    for (const std::size_t channels : Sizes{32, 64, 2048}) {
       ASSERT_NO_FATAL_FAILURE(Compare({22, channels, 17}, 1e-5F, value));
       ASSERT_NO_FATAL_FAILURE(Compare({22, channels, 17}, 3e-3F, value));
     }

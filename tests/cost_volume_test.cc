@@ -194,7 +194,6 @@ TEST(CostVolume, EmptyFramesAndSpareBytesAreFine) {
 }
 
 TEST(CostVolumeDeathTest, WrongFormatsAndSizesEndTheProcess) {
-  ::testing::FLAGS_gtest_death_test_style = "threadsafe";
   for (int i = 0; i < 3; ++i) {
     Frames f(1, 1, 32, 1);
     (i == 0 ? f.left : i == 1 ? f.right : f.out).pixel_format = kQXPixelFormatGray8;

@@ -1,0 +1,183 @@
+// Measures every variant of the cost volume against the ordinary loop, oneDNN's matrix product of
+// the same bands and the processor's peak, in the same run, and prints the ratios.
+//
+// usage: cost_volume_bench [--json] [RUNS]
+#include <omp.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <functional>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "bench/cost_volume_rivals.h"
+#include "qx_utils/internal/cpu_features.h"
+
+namespace qx {
+namespace bench {
+namespace {
+
+using utils::image::CostVolumeJob;
+using utils::image::CostVolumeVariant;
+
+struct Shape {
+  std::size_t height, width, channels, disparities;
+};
+constexpr Shape kShapes[] = {{96, 320, 32, 48},
+                             {180, 320, 64, 64},
+                             {270, 480, 128, 96},
+                             {540, 960, 32, 128},
+                             {60, 80, 256, 16}};
+
+struct Maps {
+  explicit Maps(const Shape& shape)
+      : left(shape.height * shape.width * shape.channels),
+        right(left.size()),
+        cost(shape.height * shape.width * shape.disparities) {
+    std::mt19937 random(1);
+    for (auto& value : left) value = static_cast<std::int8_t>(random());
+    for (auto& value : right) value = static_cast<std::int8_t>(random());
+  }
+  std::vector<std::int8_t> left, right, cost;
+};
+
+double Multiplications(const Shape& s) {
+  const std::size_t d = std::min(s.disparities, s.width);
+  return static_cast<double>(s.height * s.channels * (s.width * d - d * (d - 1) / 2));
+}
+
+double Seconds(const std::function<void()>& work) {
+  const auto start = std::chrono::steady_clock::now();
+  work();
+  return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
+double Median(std::vector<double> values) {
+  std::nth_element(values.begin(), values.begin() + static_cast<long>(values.size() / 2),
+                   values.end());
+  return values[values.size() / 2];
+}
+
+void RunVariant(const CostVolumeVariant& variant, const CostVolumeJob& job, std::size_t rows) {
+  const std::size_t bytes = variant.scratch_bytes(job) / 64 * 64 + 128;
+  const int threads = omp_get_max_threads();
+  std::vector<std::uint8_t> scratch(bytes * static_cast<std::size_t>(threads) + 64);
+  const auto first = reinterpret_cast<std::uintptr_t>(scratch.data());
+#pragma omp parallel num_threads(threads)
+  {
+    const auto team = static_cast<std::size_t>(omp_get_num_threads());
+    const auto thread = static_cast<std::size_t>(omp_get_thread_num());
+    variant.rows(job, rows * thread / team, rows * (thread + 1) / team,
+                 scratch.data() + (64 - first % 64) % 64 + thread * bytes);
+  }
+}
+
+struct Result {
+  Shape shape;
+  std::string variant;
+  int threads;
+  double milliseconds, gmacs;
+  double loop, onednn, peak;  // speed relative to each; 0 when it is not there
+};
+
+// Runs take turns, so that other load on the machine meets all of them alike; a ratio is the
+// median of the ratios within a turn.
+std::vector<Result> Measure(const Shape& shape, int threads, int runs) {
+  Maps maps(shape);
+  const CostVolumeJob job{maps.left.data(), maps.right.data(), maps.cost.data(), shape.width,
+                          shape.channels,   shape.disparities, 0.0005F};
+  omp_set_num_threads(threads);
+  std::size_t count = 0;
+  const CostVolumeVariant* table = utils::image::CostVolumeVariants(&count);
+  std::vector<const CostVolumeVariant*> variants;
+  for (std::size_t v = 0; v + 1 < count; ++v) {
+    const bool runs_here = (table[v].required & ~utils::internal::SupportedFeatures()) == 0;
+    if (runs_here) variants.push_back(&table[v]);
+  }
+  OnednnBands onednn(64);
+  std::vector<std::vector<double>> times(variants.size()), loop(variants.size()),
+      product(variants.size()), peak(variants.size());
+  for (int run = 0; run <= runs; ++run) {  // the first turn warms up
+    const double loop_seconds = Seconds([&] { ElementByElement(job, shape.height); });
+    const double product_seconds = Seconds([&] { onednn.Run(job, shape.height); });
+    double peak_macs = 0;
+#pragma omp parallel reduction(+ : peak_macs) num_threads(threads)
+    peak_macs += PeakMacsPerSecond();
+    for (std::size_t v = 0; v < variants.size(); ++v) {
+      const double seconds = Seconds([&] { RunVariant(*variants[v], job, shape.height); });
+      if (run == 0) continue;
+      times[v].push_back(seconds);
+      loop[v].push_back(loop_seconds / seconds);
+      product[v].push_back(OnednnBands::Available() ? product_seconds / seconds : 0);
+      peak[v].push_back(peak_macs > 0 ? Multiplications(shape) / seconds / peak_macs : 0);
+    }
+  }
+  std::vector<Result> results;
+  for (std::size_t v = 0; v < variants.size(); ++v) {
+    const double seconds = Median(times[v]);
+    results.push_back({shape, variants[v]->name, threads, seconds * 1e3,
+                       Multiplications(shape) / seconds * 1e-9, Median(loop[v]), Median(product[v]),
+                       Median(peak[v])});
+  }
+  return results;
+}
+
+void PrintTable(const std::vector<Result>& results) {
+  std::printf("%-18s %-13s %7s %9s %8s %9s %9s %7s\n", "H x W x C, D", "variant", "threads", "ms",
+              "GMAC/s", "x loop", "x oneDNN", "% peak");
+  for (const Result& r : results) {
+    const std::string shape = std::to_string(r.shape.height) + "x" + std::to_string(r.shape.width) +
+                              "x" + std::to_string(r.shape.channels) + ", " +
+                              std::to_string(r.shape.disparities);
+    std::printf("%-18s %-13s %7d %9.3f %8.1f %9.2f %9.2f %7.0f\n", shape.c_str(), r.variant.c_str(),
+                r.threads, r.milliseconds, r.gmacs, r.loop, r.onednn, r.peak * 100);
+  }
+  for (const char* name : {"avx512vnni", "avx2", "neon_dotprod", "neon"}) {
+    double logs = 0;
+    int count = 0;
+    for (const Result& r : results) {
+      if (r.variant == name && r.threads > 1) logs += std::log(r.loop), ++count;
+    }
+    if (count > 0) std::printf("%s: %.2f x loop (geometric mean)\n", name, std::exp(logs / count));
+  }
+}
+
+void PrintJson(const std::vector<Result>& results) {
+  std::printf("[");
+  const char* separator = "\n";
+  for (const Result& r : results) {
+    std::printf(
+        "%s  {\"height\": %zu, \"width\": %zu, \"channels\": %zu, \"disparities\": %zu, "
+        "\"variant\": \"%s\", \"threads\": %d, \"ms\": %.4f, \"gmacs\": %.2f, \"x_loop\": %.3f, "
+        "\"x_onednn\": %.3f, \"of_peak\": %.3f}",
+        separator, r.shape.height, r.shape.width, r.shape.channels, r.shape.disparities,
+        r.variant.c_str(), r.threads, r.milliseconds, r.gmacs, r.loop, r.onednn, r.peak);
+    separator = ",\n";
+  }
+  std::printf("\n]\n");
+}
+
+int Main(int argc, char** argv) {
+  const bool json = argc > 1 && std::strcmp(argv[1], "--json") == 0;
+  const int at = json ? 2 : 1;
+  const int runs = argc > at ? std::max(1, std::atoi(argv[at])) : 15;
+  std::vector<Result> results;
+  for (const int threads : {1, omp_get_num_procs()}) {
+    for (const Shape& shape : kShapes) {
+      for (Result& result : Measure(shape, threads, runs)) results.push_back(std::move(result));
+    }
+  }
+  json ? PrintJson(results) : PrintTable(results);
+  return 0;
+}
+
+}  // namespace
+}  // namespace bench
+}  // namespace qx
+
+int main(int argc, char** argv) { return qx::bench::Main(argc, argv); }
