@@ -3,9 +3,9 @@
 // The unit is the quad, four neighbouring pixels. A vector of sums holds, for one left quad at
 // column x, the 4 x 4 pairs (pixel x + j, disparity 4m + i) in lane 4i + j. Its left factor is
 // four channels of the quad's pixels, repeated in each 128-bit part; its right factor is the
-// window R[a + j - i], a = x - 4m, made of two neighbouring right quads. A window depends on
-// x - 4m alone, so the tile's 5 x 4 vectors share 8 windows, and as long as the number of
-// disparities is a multiple of 16 no lane is computed in vain.
+// window R[a + j - i], a = x - 4m, made of two neighbouring right quads when the row is packed. A
+// window depends on x - 4m alone, so the tile's 5 x 4 vectors share 8 windows, and as long as the
+// number of disparities is a multiple of 16 no lane is computed in vain.
 #include <immintrin.h>
 
 #include "qx_utils/image/kernels/cost_volume.h"
@@ -26,7 +26,8 @@ constexpr std::size_t kQuad = 4;        // pixels
 constexpr std::size_t kTileQuads = 5;   // left quads of a tile
 constexpr std::size_t kTileCosts = 16;  // disparities of a tile, four per vector
 constexpr std::size_t kTileWidth = kQuad * kTileQuads;
-constexpr std::size_t kPackedBudget = 384 * 1024;  // bytes of scratch, well inside a 1 MiB L2
+constexpr std::size_t kWindow = 64;                // bytes: four channels of a quad's window
+constexpr std::size_t kPackedBudget = 512 * 1024;  // bytes of scratch, well inside a 1 MiB L2
 
 std::size_t RoundUp(std::size_t value, std::size_t unit) {
   return (value + unit - 1) / unit * unit;
@@ -44,27 +45,34 @@ Plan PlanOf(const CostVolumeJob& job) {
   Plan plan{};
   plan.channels = job.channels / kCostVolumeBlock * kCostVolumeBlock;
   plan.costs = RoundUp(Smaller(job.disparities, job.width), kTileCosts);
-  const std::size_t columns = kPackedBudget / plan.channels;  // of both maps together
+  // A left column takes a byte per channel, a right one four.
+  const std::size_t bytes = kPackedBudget / plan.channels;
   const std::size_t fitting =
-      columns > plan.costs ? (columns - plan.costs) / 2 / kTileWidth * kTileWidth : 0;
+      bytes > 4 * plan.costs ? (bytes - 4 * plan.costs) / 5 / kTileWidth * kTileWidth : 0;
   plan.panel = Smaller(RoundUp(job.width, kTileWidth), fitting == 0 ? kTileWidth : fitting);
   return plan;
 }
 
-// Scratch of a thread. Packed maps hold, per quad, a 16-byte record for every four channels: those
-// channels of the four pixels. The order of the records is any, but the same for both maps.
+// Scratch of a thread. A packed quad holds a 16-byte record for every four channels: those channels
+// of the four pixels. The order of the records is any, but the same for both maps.
 struct Packed {
-  std::int8_t* left;    // quads of the panel
-  std::uint8_t* right;  // quads from `costs` columns before the panel to its end
-  std::int32_t* bias;   // per left pixel: what the flipped sign bits add, negated
+  std::uint8_t* right;     // windows, from `costs` columns before the panel to its end
+  std::int8_t* left;       // quads of the panel
+  std::uint8_t* quads[2];  // right quads that become a window
+  std::int32_t* bias;      // per left pixel: what the flipped sign bits add, negated
 };
+
+std::size_t WindowBytes(const Plan& plan) { return plan.channels / 4 * kWindow; }
 
 Packed SplitScratch(const Plan& plan, std::uint8_t* scratch) {
   Packed packed{};
+  packed.right = scratch;
+  scratch += (plan.costs + plan.panel) / kQuad * WindowBytes(plan);
   packed.left = reinterpret_cast<std::int8_t*>(scratch);
-  packed.right = scratch + plan.panel * plan.channels;
-  packed.bias =
-      reinterpret_cast<std::int32_t*>(packed.right + (plan.costs + plan.panel) * plan.channels);
+  scratch += plan.panel * plan.channels;
+  packed.quads[0] = scratch;
+  packed.quads[1] = scratch + kQuad * plan.channels;
+  packed.bias = reinterpret_cast<std::int32_t*>(scratch + 2 * kQuad * plan.channels);
   return packed;
 }
 
@@ -142,57 +150,69 @@ void PackLeft(const Row& row, std::size_t first, const Plan& plan, const Packed&
   }
 }
 
+QXTOOLS_INLINE __m512i Repeat(const void* record) {
+  return _mm512_broadcast_i32x4(_mm_load_si128(static_cast<const __m128i*>(record)));
+}
+
+// The windows of a quad: part i of each starts i pixels before it.
+void PackWindows(const std::uint8_t* before, const std::uint8_t* quad, std::size_t channels,
+                 std::uint8_t* to) {
+  const __m512i part = _mm512_setr_epi32(16, 17, 18, 19, 3, 16, 17, 18, 2, 3, 16, 17, 1, 2, 3, 16);
+  for (std::size_t at = 0; at < kQuad * channels; at += 16, to += kWindow) {
+    _mm512_store_si512(to, _mm512_permutex2var_epi32(Repeat(before + at), part, Repeat(quad + at)));
+  }
+}
+
 void PackRight(const Row& row, std::size_t first, const Plan& plan, const Packed& packed) {
+  const __m512i flip = _mm512_set1_epi8(-128);
   const auto begin = static_cast<std::ptrdiff_t>(first) - static_cast<std::ptrdiff_t>(plan.costs);
-  for (std::size_t x = 0; x < plan.costs + plan.panel; x += kQuad) {
-    PackQuad(row, begin + static_cast<std::ptrdiff_t>(x), plan.channels, _mm512_set1_epi8(-128),
-             packed.right + x * plan.channels);
+  std::uint8_t* before = packed.quads[0];
+  std::uint8_t* quad = packed.quads[1];
+  PackQuad(row, begin - static_cast<std::ptrdiff_t>(kQuad), plan.channels, flip, before);
+  std::uint8_t* to = packed.right;
+  for (std::size_t x = 0; x < plan.costs + plan.panel; x += kQuad, to += WindowBytes(plan)) {
+    PackQuad(row, begin + static_cast<std::ptrdiff_t>(x), plan.channels, flip, quad);
+    PackWindows(before, quad, plan.channels, to);
+    std::uint8_t* const next = before;
+    before = quad;
+    quad = next;
   }
 }
 
 using Sums = __m512i[kTileQuads][4];  // [left quad][m]: disparities 4m .. 4m + 3
 
-QXTOOLS_INLINE __m512i Repeat(const void* record) {
-  return _mm512_broadcast_i32x4(_mm_load_si128(static_cast<const __m128i*>(record)));
-}
-
 // The loops over registers are recursions with constant indices: arrays that a loop variable
-// indexes would be kept in memory. Quads kQuadIndex and on take window kWindow.
-template <std::size_t kWindow, std::size_t kQuadIndex = 0>
+// indexes would be kept in memory. Quads kQuadIndex and on take window kIndex.
+template <std::size_t kIndex, std::size_t kQuadIndex = 0>
 QXTOOLS_INLINE void AddProducts(__m512i window, const __m512i (&left)[kTileQuads], Sums& sums) {
   if constexpr (kQuadIndex < kTileQuads) {
-    if constexpr (kQuadIndex <= kWindow && kWindow <= kQuadIndex + 3) {
-      __m512i& sum = sums[kQuadIndex][kQuadIndex + 3 - kWindow];
+    if constexpr (kQuadIndex <= kIndex && kIndex <= kQuadIndex + 3) {
+      __m512i& sum = sums[kQuadIndex][kQuadIndex + 3 - kIndex];
       // As _mm512_dpbusd_epi32(), with the sum tied to its register: GCC 12 copies and spills all
       // sums around that intrinsic, which costs a third of the speed.
       __asm__("vpdpbusd %2, %1, %0" : "+v"(sum) : "v"(window), "v"(left[kQuadIndex]));
     }
-    AddProducts<kWindow, kQuadIndex + 1>(window, left, sums);
+    AddProducts<kIndex, kQuadIndex + 1>(window, left, sums);
   }
 }
 
-// Windows kWindow and on; `before` is the quad before the first one, `right` the one after that.
-template <std::size_t kWindow = 0>
-QXTOOLS_INLINE void AddWindows(const std::uint8_t* right, std::size_t quad_bytes, __m512i before,
+template <std::size_t kIndex = 0>
+QXTOOLS_INLINE void AddWindows(const std::uint8_t* windows, std::size_t window_bytes,
                                const __m512i (&left)[kTileQuads], Sums& sums) {
-  if constexpr (kWindow < kTileQuads + 3) {
-    // Part i of a window starts i pixels before the second quad.
-    const __m512i window_of =
-        _mm512_setr_epi32(16, 17, 18, 19, 3, 16, 17, 18, 2, 3, 16, 17, 1, 2, 3, 16);
-    const __m512i here = Repeat(right + kWindow * quad_bytes);
-    AddProducts<kWindow>(_mm512_permutex2var_epi32(before, window_of, here), left, sums);
-    AddWindows<kWindow + 1>(right, quad_bytes, here, left, sums);
+  if constexpr (kIndex < kTileQuads + 3) {
+    AddProducts<kIndex>(_mm512_load_si512(windows + kIndex * window_bytes), left, sums);
+    AddWindows<kIndex + 1>(windows, window_bytes, left, sums);
   }
 }
 
-// `right` is the quad before the first window, which is that of the last m and the first quad.
-QXTOOLS_INLINE void Multiply(const std::int8_t* left, const std::uint8_t* right,
+// `windows` starts with that of the first quad and the last m.
+QXTOOLS_INLINE void Multiply(const std::int8_t* left, const std::uint8_t* windows,
                              std::size_t quad_bytes, Sums& sums) {
   for (std::size_t at = 0; at < quad_bytes; at += 16) {
     const __m512i l[kTileQuads] = {
         Repeat(left + at), Repeat(left + quad_bytes + at), Repeat(left + 2 * quad_bytes + at),
         Repeat(left + 3 * quad_bytes + at), Repeat(left + 4 * quad_bytes + at)};
-    AddWindows(right + quad_bytes + at, quad_bytes, Repeat(right + at), l, sums);
+    AddWindows(windows + 4 * at, 4 * quad_bytes, l, sums);
   }
 }
 
@@ -297,8 +317,9 @@ template <bool kWide>
 void Panel(const CostVolumeJob& job, const Plan& plan, const Packed& packed, std::size_t first,
            std::int8_t* cost) {
   const std::size_t quad_bytes = kQuad * plan.channels;
-  for (std::size_t x = 0; x < plan.panel && first + x < job.width; x += kTileWidth) {
-    for (std::size_t d = 0; d < job.disparities; d += kTileCosts) {
+  // Disparities in the outer loop: neighbouring tiles then share windows in the first-level cache.
+  for (std::size_t d = 0; d < job.disparities; d += kTileCosts) {
+    for (std::size_t x = 0; x < plan.panel && first + x < job.width; x += kTileWidth) {
       const std::size_t costs = Smaller(job.disparities - d, kTileCosts);
       const Target to{cost + (first + x) * job.disparities + d, job.disparities,
                       Smaller(job.width - first - x, kTileWidth),
@@ -308,9 +329,8 @@ void Panel(const CostVolumeJob& job, const Plan& plan, const Packed& packed, std
         StoreZeros(to);
         continue;
       }
-      // The quad before the window of m = 3, counted from `costs` columns before the panel.
-      const std::size_t before = (plan.costs + x - d) / kQuad - 4;
-      Tile<kWide>(packed.left + x * plan.channels, packed.right + before * quad_bytes,
+      const std::size_t window = (plan.costs + x - d) / kQuad - 3;
+      Tile<kWide>(packed.left + x * plan.channels, packed.right + window * WindowBytes(plan),
                   packed.bias + x, quad_bytes, job.scale, to);
     }
   }
@@ -326,7 +346,8 @@ bool NeedsWide(const Plan& plan, float scale) {
 
 std::size_t CostVolumeScratchAvx512Vnni(const CostVolumeJob& job) {
   const Plan plan = PlanOf(job);
-  return (2 * plan.panel + plan.costs) * plan.channels + plan.panel * sizeof(std::int32_t);
+  return (plan.costs + plan.panel) / kQuad * WindowBytes(plan) +
+         (plan.panel + 2 * kQuad) * plan.channels + plan.panel * sizeof(std::int32_t);
 }
 
 void CostVolumeRowsAvx512Vnni(const CostVolumeJob& job, std::size_t first_row, std::size_t end_row,
