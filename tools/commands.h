@@ -11,6 +11,7 @@
 namespace qx {
 namespace tools {
 
+void AddBoard(CLI::App& app);
 void AddDecode(CLI::App& app);
 void AddProbe(CLI::App& app);
 void AddStereo(CLI::App& app);

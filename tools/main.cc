@@ -17,7 +17,7 @@ namespace {
 
 // In the order of --help.
 constexpr std::initializer_list<void (*)(CLI::App&)> kSubcommands = {
-    qx::tools::AddStereo, qx::tools::AddProbe, qx::tools::AddDecode};
+    qx::tools::AddStereo, qx::tools::AddProbe, qx::tools::AddDecode, qx::tools::AddBoard};
 
 enum ExitStatus { kSuccess = 0, kFailure = 1, kUsage = 2 };
 
