@@ -59,9 +59,10 @@ GrayPicture Draw(int width, int height, Grey grey) {
   return picture;
 }
 
-MatchResult Match(const GrayPicture& left, const GrayPicture& right, int disparities) {
+MatchResult Match(const GrayPicture& left, const GrayPicture& right, int disparities,
+                  Backend backend = Backend::kCpu) {
   StageTimes times;
-  return StereoMatcher(disparities).Match(left, right, times);
+  return StereoMatcher(disparities, backend).Match(left, right, times);
 }
 
 DisparityMap MapOf(int width, std::vector<float> values) {
@@ -123,7 +124,7 @@ TEST(StereoMatcher, DropsWhatTheRightCameraCannotSeeAndFillsItFromBehind) {
   }
 }
 
-TEST(StereoMatcher, GivesTheSameForAnyNumberOfThreadsAndSize) {
+TEST(StereoMatcher, GivesTheSameForAnyNumberOfThreadsAndOnTheBoard) {
   const Texture texture(4);
   const struct {
     int width, height, disparities;
@@ -140,6 +141,8 @@ TEST(StereoMatcher, GivesTheSameForAnyNumberOfThreadsAndSize) {
     omp_set_num_threads(threads);
     EXPECT_EQ(one.measured.values, three.measured.values);
     EXPECT_EQ(one.filled.values, three.filled.values);
+    EXPECT_EQ(Match(left, right, s.disparities, Backend::kFpga).measured.values,
+              one.measured.values);
     EXPECT_THAT(one.filled.values, ::testing::Each(::testing::Ge(0.0F)));
   }
 }

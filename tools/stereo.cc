@@ -2,6 +2,7 @@
 #include <cstddef>
 #include <cstdio>
 #include <filesystem>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -28,6 +29,7 @@ struct StereoOptions {
   std::size_t frames = 0;  // 0: all
   std::string ground_truth;
   double ground_truth_scale = 1;
+  Backend backend = Backend::kCpu;
 };
 
 std::string FramePath(const StereoOptions& options, std::size_t frame, const char* ending) {
@@ -78,7 +80,7 @@ void PrintAccuracy(const StereoOptions& options, const MatchResult& result,
 void MatchAll(const StereoOptions& options) {
   std::optional<GrayPicture> truth;
   if (!options.ground_truth.empty()) truth = ReadPicture(options.ground_truth);
-  StereoMatcher matcher(options.disparities);
+  StereoMatcher matcher(options.disparities, options.backend);
   Progress progress(options.frames);
   StageTimes times;
   const auto open = [&] {  // decodes a picture file at once
@@ -116,6 +118,10 @@ void AddOptions(CLI::App& stereo, StereoOptions& options) {
   stereo.add_option("--disparities", options.disparities, "Search 0 .. N-1 pixels")
       ->check(CLI::Range(1, kMostDisparities))
       ->capture_default_str();
+  stereo.add_option("--backend", options.backend, "Where costs are computed: cpu or fpga")
+      ->transform(CLI::CheckedTransformer(
+          std::map<std::string, Backend>{{"cpu", Backend::kCpu}, {"fpga", Backend::kFpga}}))
+      ->default_str("cpu");
   stereo.add_option("--frames", options.frames, "Number of frames to match; default: all")
       ->check(CLI::PositiveNumber);
   auto* truth = stereo.add_option("--ground-truth", options.ground_truth,

@@ -32,7 +32,12 @@ constexpr int kReach = 3;
 
 // Length of a unit vector in the int8 map. A value reaches 127 when a single neighbour carries half
 // of the length, which only isolated bright or dark spots do.
-constexpr float kUnitLength = 256;
+constexpr float kUnitLength = 252;
+
+// Scale of each of the two maps; with OutputScale() of 1 their product is 1/16. The kernel in
+// programmable logic knows the product only as a power of two, so the length above was chosen for
+// 252 * 252 / 16 / 32 channels = 124.03 to be kPerfectMatch.
+constexpr float kMapScale = 0.25F;
 
 // Standard deviation of a pixel's noise, in grey levels.
 constexpr float kNoise = 0.7F;
@@ -93,7 +98,7 @@ std::shared_ptr<velkar::vision::ImageFrameImpl> ComputeFeatures(const GrayPictur
       kQXPixelFormatUint8, bytes->data(), static_cast<std::uint32_t>(picture.height),
       static_cast<std::uint32_t>(picture.width), kFeatureChannels, bytes);
   if (!frame) throw std::runtime_error("the pictures are too large for a feature map");
-  frame->scale = 1 / kUnitLength;
+  frame->scale = kMapScale;
 #pragma omp parallel for schedule(static)
   for (int y = 0; y < picture.height; ++y) {
     std::uint8_t* row = bytes->data() + static_cast<std::size_t>(y) * row_bytes;
@@ -102,8 +107,7 @@ std::shared_ptr<velkar::vision::ImageFrameImpl> ComputeFeatures(const GrayPictur
   return frame;
 }
 
-// The cost volume divides by the number of channels.
-float OutputScale() { return static_cast<float>(kPerfectMatch) * kFeatureChannels; }
+float OutputScale() { return 1.0F; }
 
 }  // namespace tools
 }  // namespace qx

@@ -22,7 +22,7 @@ constexpr int kPerfectMatch = 124;
 // out the contrast: the dot product of two such unit vectors is the correlation coefficient of the
 // two neighbourhoods, 1 for the same texture and around 0 for unrelated ones.
 //
-// Output: height x width x 32 int8 in a frame that owns them: the unit vectors times 256, limited
+// Output: height x width x 32 int8 in a frame that owns them: the unit vectors times 252, limited
 //         to -127 .. 127. A neighbourhood whose contrast is lost in the camera's noise gets a
 //         shorter vector, a flat one the null vector. Beyond the border the outermost pixels
 //         repeat. The frame's scale fits OutputScale().

@@ -4,7 +4,6 @@
 #include <string>
 #include <utility>
 
-#include "qxtools/cost_volume.h"
 #include "qxtools/image_frame.h"
 #include "tools/stereo_features.h"
 #include "tools/stereo_filling.h"
@@ -37,7 +36,7 @@ Volume<const std::int8_t> StereoMatcher::Correlate(const GrayPicture& left,
                              std::to_string(disparities_) + " disparities is above 4 GiB");
   }
   output->scale = OutputScale();
-  utils::image::CostVolume(left_map.get(), right_map.get(), output.get());
+  cost_.Compute(left_map.get(), right_map.get(), output.get());
   return {left.width, left.height, disparities_,
           reinterpret_cast<const std::int8_t*>(correlation_.data())};
 }

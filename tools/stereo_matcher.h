@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <vector>
 
+#include "tools/stereo_backend.h"
 #include "tools/stereo_disparity.h"
 #include "tools/stereo_picture.h"
 
@@ -39,11 +40,12 @@ struct MatchResult {
 class StereoMatcher {
  public:
   // `disparities`: matches are searched 0 .. disparities - 1 columns further left in the right
-  // picture.
-  explicit StereoMatcher(int disparities) : disparities_(disparities) {}
+  // picture. `backend`: where the cost volume is computed; the results are the same.
+  StereoMatcher(int disparities, Backend backend) : disparities_(disparities), cost_(backend) {}
 
   // Matches a rectified pair of the same size.
-  // Errors: std::runtime_error when the cost volume does not fit a frame; std::bad_alloc.
+  // Errors: std::runtime_error when the cost volume does not fit a frame, and what the board
+  //         reports; std::bad_alloc.
   MatchResult Match(const GrayPicture& left, const GrayPicture& right, StageTimes& times);
 
  private:
@@ -51,6 +53,7 @@ class StereoMatcher {
                                       StageTimes& times);
 
   int disparities_;
+  CostBackend cost_;
   std::vector<std::uint8_t> correlation_;
   std::vector<std::int16_t> sums_;
 };
