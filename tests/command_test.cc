@@ -67,6 +67,15 @@ TEST_F(CommandTest, HelpAndVersionGoToStandardOutput) {
   }
 }
 
+TEST_F(CommandTest, BoardShowsTheKernelThatAnApplicationWouldBind) {
+  const auto board =
+      nlohmann::json::parse(Shell("QXTOOLS_BOARD_GEOMETRY=4x5x32x7 $Q board --json").out);
+  EXPECT_EQ(board["compute_unit"], "Corr:{Corr_1}");
+  EXPECT_EQ(board["base_address"], "0xa0000000");
+  EXPECT_EQ(board["argument_offsets"].size(), 4U);
+  EXPECT_EQ(board["geometry"]["width"], 5);
+}
+
 TEST_F(CommandTest, WrongUsageIsStatus2) {
   for (const char* line :
        {"$Q", "$Q bogus", "$Q probe", "$Q probe a b", "$Q decode $C/left.mp4",
@@ -91,6 +100,8 @@ TEST_F(CommandTest, FailureIsStatus1AndOneLineAndLeavesNoFile) {
   std::ofstream(folder_ / "empty.mp4").close();
   const std::size_t files = FilesInFolder() + 2;
   for (const Case& c : std::vector<Case>{
+           {"$Q board --device 9", "no device 9"},
+           {"xclbin_path=empty.mp4 $Q board", "'empty.mp4' is no container of an emulated board"},
            {"$Q probe missing.mp4", "No such file"},
            {"$Q probe folder.yuv", "Is a directory"},
            {"$Q probe garbage.mp4", "garbage.mp4"},

@@ -96,7 +96,7 @@ class QXTOOLS_EXPORT Kernel_FPGA {
   std::shared_ptr<xrt::kernel> kernel_;
   std::uint64_t cu_base_addr_;
   volatile std::uint32_t* regs_;
-  std::array<std::uint32_t, 3> phys_addr_;
+  std::array<std::uint32_t, 3> phys_addr_ = {};
 };
 
 // Computes one cost volume with everything opened and released inside the call.
