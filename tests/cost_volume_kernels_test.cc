@@ -12,6 +12,7 @@
 
 #include "qx_utils/image/kernels/cost_volume.h"
 #include "qx_utils/internal/cpu_features.h"
+#include "qxtools/instruction_sets.h"
 #include "tests/testing/guarded_buffer.h"
 
 namespace qx {
@@ -97,6 +98,12 @@ TEST_F(CostVolumeKernels, RunOnThisProcessor) {
     }
   }
   EXPECT_EQ(named, count);
+  std::size_t active = 0;
+  for (const InstructionSet& set : InstructionSets()) {
+    EXPECT_TRUE(set.supported || !set.active) << set.name;
+    active += set.active ? 1 : 0;
+  }
+  EXPECT_EQ(active, 1U);
 #if defined(__x86_64__) || defined(__aarch64__)
   if (supported != 0) {
     EXPECT_NE(internal::BestVariant(table, count, supported).required, 0U);

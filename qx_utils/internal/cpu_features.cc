@@ -5,6 +5,8 @@
 #include <cstdlib>
 #include <string>
 
+#include "qxtools/instruction_sets.h"
+
 #if defined(__aarch64__)
 #include <sys/auxv.h>
 #endif
@@ -103,5 +105,19 @@ std::uint32_t ActiveFeatures() {
 }
 
 }  // namespace internal
+
+std::vector<InstructionSet> InstructionSets() {
+  const std::uint32_t supported = internal::SupportedFeatures();
+  const std::uint32_t active = internal::ActiveFeatures();
+  std::vector<InstructionSet> sets;
+  bool above = true;  // no active one so far
+  for (const internal::Isa& isa : internal::CompiledIsas()) {
+    const bool usable = (isa.features & ~active) == 0;
+    sets.push_back({isa.name, (isa.features & ~supported) == 0, above && usable});
+    above = above && !usable;
+  }
+  return sets;
+}
+
 }  // namespace utils
 }  // namespace qx

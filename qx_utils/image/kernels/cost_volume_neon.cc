@@ -94,37 +94,60 @@ void FillBias(const Row& row, std::size_t first, const Plan& plan, std::int32_t*
 
 using Sums = int32x4_t[kTile][kTile];  // [left pixel][disparity]: sums over channels, in four parts
 
-// The loops over registers are recursions with constant indices: arrays that a loop variable
-// indexes would be kept in memory. Adds the products of right pixel kRight.
-template <bool kFirst, std::size_t kRight, std::size_t kLeft = 0>
-QXTOOLS_INLINE void AddProducts(const int8x16_t (&left)[kTile], int8x16_t right, Sums& sums) {
-  if constexpr (kLeft < kTile) {
-    if constexpr (kLeft <= kRight && kRight < kLeft + kTile) {
-      int16x8_t products = vmull_s8(vget_low_s8(left[kLeft]), vget_low_s8(right));
-      products = vmlsl_high_s8(products, left[kLeft], right);
-      int32x4_t& sum = sums[kLeft][kLeft + kTile - 1 - kRight];
-      sum = kFirst ? vpaddlq_s16(products) : vpadalq_s16(sum, products);
-    }
-    AddProducts<kFirst, kRight, kLeft + 1>(left, right, sums);
-  }
-}
+// The four products of a disparity go side by side, as an in-order processor wants them, in a block
+// of assembly: clang 14 interleaves the intrinsics of all 16 and spills half of them.
+#define QXTOOLS_PRODUCTS                                               \
+  "smull %0.8h, %8.8b, %12.8b\n\tsmull %1.8h, %9.8b, %13.8b\n\t"       \
+  "smull %2.8h, %10.8b, %14.8b\n\tsmull %3.8h, %11.8b, %15.8b\n\t"     \
+  "smlsl2 %0.8h, %8.16b, %12.16b\n\tsmlsl2 %1.8h, %9.16b, %13.16b\n\t" \
+  "smlsl2 %2.8h, %10.16b, %14.16b\n\tsmlsl2 %3.8h, %11.16b, %15.16b\n\t"
+#define QXTOOLS_PAIRS(add) \
+  add " %4.4s, %0.8h\n\t" add " %5.4s, %1.8h\n\t" add " %6.4s, %2.8h\n\t" add " %7.4s, %3.8h"
 
-template <bool kFirst, std::size_t kRight = 0>
-QXTOOLS_INLINE void AddRights(const int8x16_t (&left)[kTile], const std::int8_t* right,
-                              std::size_t pitch, Sums& sums) {
-  if constexpr (kRight < kTileRight) {
-    AddProducts<kFirst, kRight>(left, vld1q_s8(right), sums);
-    AddRights<kFirst, kRight + 1>(left, right + pitch, pitch, sums);
+// Adds 16 channels of disparity kDisparity of the tile; the first call starts the sums.
+template <bool kFirst, std::size_t kDisparity>
+QXTOOLS_INLINE void AddDisparity(const int8x16_t (&left)[kTile],
+                                 const int8x16_t (&right)[kTileRight], Sums& sums) {
+  int16x8_t p0;
+  int16x8_t p1;
+  int16x8_t p2;
+  int16x8_t p3;
+  constexpr std::size_t kRight = kTile - 1 - kDisparity;  // of the first left pixel
+  if constexpr (kFirst) {
+    __asm__ volatile(QXTOOLS_PRODUCTS QXTOOLS_PAIRS("saddlp")
+                     : "=&w"(p0), "=&w"(p1), "=&w"(p2), "=&w"(p3), "=&w"(sums[0][kDisparity]),
+                       "=&w"(sums[1][kDisparity]), "=&w"(sums[2][kDisparity]),
+                       "=&w"(sums[3][kDisparity])
+                     : "w"(left[0]), "w"(left[1]), "w"(left[2]), "w"(left[3]), "w"(right[kRight]),
+                       "w"(right[kRight + 1]), "w"(right[kRight + 2]), "w"(right[kRight + 3]));
+  } else {
+    __asm__ volatile(QXTOOLS_PRODUCTS QXTOOLS_PAIRS("sadalp")
+                     : "=&w"(p0), "=&w"(p1), "=&w"(p2), "=&w"(p3), "+&w"(sums[0][kDisparity]),
+                       "+&w"(sums[1][kDisparity]), "+&w"(sums[2][kDisparity]),
+                       "+&w"(sums[3][kDisparity])
+                     : "w"(left[0]), "w"(left[1]), "w"(left[2]), "w"(left[3]), "w"(right[kRight]),
+                       "w"(right[kRight + 1]), "w"(right[kRight + 2]), "w"(right[kRight + 3]));
   }
 }
 
 template <bool kFirst>
 QXTOOLS_INLINE void AddChannels(const std::int8_t* left, std::size_t left_pitch,
                                 const std::int8_t* right, std::size_t right_pitch, Sums& sums) {
-  const int8x16_t pixels[kTile] = {vld1q_s8(left), vld1q_s8(left + left_pitch),
-                                   vld1q_s8(left + 2 * left_pitch),
-                                   vld1q_s8(left + 3 * left_pitch)};
-  AddRights<kFirst>(pixels, right, right_pitch, sums);
+  const int8x16_t l[kTile] = {vld1q_s8(left), vld1q_s8(left + left_pitch),
+                              vld1q_s8(left + 2 * left_pitch), vld1q_s8(left + 3 * left_pitch)};
+  const int8x16_t r[kTileRight] = {
+      vld1q_s8(right),
+      vld1q_s8(right + right_pitch),
+      vld1q_s8(right + 2 * right_pitch),
+      vld1q_s8(right + 3 * right_pitch),
+      vld1q_s8(right + 4 * right_pitch),
+      vld1q_s8(right + 5 * right_pitch),
+      vld1q_s8(right + 6 * right_pitch),
+  };
+  AddDisparity<kFirst, 0>(l, r, sums);
+  AddDisparity<kFirst, 1>(l, r, sums);
+  AddDisparity<kFirst, 2>(l, r, sums);
+  AddDisparity<kFirst, 3>(l, r, sums);
 }
 
 // The integers whose low 8 bits are the costs. `kWide`: some cost may reach 2^22.
@@ -190,7 +213,9 @@ QXTOOLS_INLINE void Tile(const std::int8_t* left, std::size_t channels, const st
                          const Target& to) {
   Sums sums;
   AddChannels<true>(left, channels, right, right_pitch, sums);
-  for (std::size_t c = 16; c < channels; c += 16) {
+  __asm__ volatile("" ::: "memory");  // loads that move up across it would spill
+  AddChannels<false>(left + 16, channels, right + 16, right_pitch, sums);
+  for (std::size_t c = kCostVolumeBlock; c < channels; c += 16) {
     AddChannels<false>(left + c, channels, right + c, right_pitch, sums);
   }
   const int16x8_t ab =

@@ -1,0 +1,24 @@
+// The instruction sets that the library has code for, and the one it uses.
+#pragma once
+
+#include <vector>
+
+#include "qxtools/export.h"
+
+namespace qx {
+namespace utils {
+
+struct InstructionSet {
+  const char* name;  // as QXTOOLS_FORCE_ISA takes it; valid for the life of the process
+  bool supported;    // by this processor and its operating system
+  bool active;       // the set in use; true for one entry
+};
+
+// Returns: the instruction sets of this build, best first, "scalar" last. An operation without code
+//          for the active set uses the next one below for which it has some.
+// Threads: safe from any thread. The choice is made at the first call of any operation that has one
+//          and kept; until then the environment variable QXTOOLS_FORCE_ISA can set it.
+QXTOOLS_EXPORT std::vector<InstructionSet> InstructionSets();
+
+}  // namespace utils
+}  // namespace qx
