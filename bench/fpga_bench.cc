@@ -24,7 +24,7 @@ constexpr int kRuns = 201;
 constexpr char kContainer[] = "/lib/firmware/xilinx/k26brannoc/k26brannoc.xclbin";
 
 struct Share {
-  double median, p90;  // microseconds
+  double p10, median, p90;  // microseconds
 };
 
 Share Measure(const std::function<void()>& run) {
@@ -40,7 +40,7 @@ Share Measure(const std::function<void()>& run) {
     shares.push_back((took - apart).count());
   }
   std::sort(shares.begin(), shares.end());
-  return {shares[kRuns / 2], shares[kRuns * 9 / 10]};
+  return {shares[kRuns / 10], shares[kRuns / 2], shares[kRuns * 9 / 10]};
 }
 
 }  // namespace
@@ -59,7 +59,7 @@ int main(int, char** argv) {
 
   std::printf("host share of a run, %ux%ux%u D%u, %d runs\n", g.height, g.width, g.channels,
               g.disparities, kRuns);
-  std::printf("%-34s %12s %12s\n", "", "median us", "90 % us");
+  std::printf("%-34s %12s %12s %12s\n", "", "10 % us", "median us", "90 % us");
   Share object{};
   {
     Kernel_FPGA kernel(0, static_cast<int>(left.size()), static_cast<int>(cost.size()));
@@ -67,9 +67,10 @@ int main(int, char** argv) {
   }
   const Share one_shot = Measure(
       [&] { qx::utils::image::CostVolume_FPGA(l.get(), r.get(), out.get(), kContainer, "", 0); });
-  std::printf("%-34s %12.1f %12.1f\n", "Kernel_FPGA", object.median, object.p90);
-  std::printf("%-34s %12.1f %12.1f\n", "CostVolume_FPGA", one_shot.median, one_shot.p90);
-  std::printf("%-34s %12.1f\n", "one-shot / object", one_shot.median / object.median);
+  std::printf("%-34s %12.1f %12.1f %12.1f\n", "Kernel_FPGA", object.p10, object.median, object.p90);
+  std::printf("%-34s %12.1f %12.1f %12.1f\n", "CostVolume_FPGA", one_shot.p10, one_shot.median,
+              one_shot.p90);
+  std::printf("%-34s %12s %12.1f\n", "one-shot / object", "", one_shot.median / object.median);
   constexpr double kBudget = 50 + 100;  // microseconds: the protocol, and one polling interval
   std::printf("object within 50 us + one polling interval: %s\n",
               object.median < kBudget ? "yes" : "NO");

@@ -265,7 +265,7 @@ TEST(FpgaBoard, BuffersThatDoNotMatchTheGeometryAreReported) {
   const BoardScope board({2, 8, 32, 4});
   const struct {
     Geometry maps;
-    const char* error;
+    const char* error = "";
   } cases[] = {{{1, 8, 32, 8}, "the kernel needs 512 bytes"},
                {{2, 8, 32, 2}, "the kernel writes 64 bytes at 0x40000000"}};
   for (const auto& c : cases) {
