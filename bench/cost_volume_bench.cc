@@ -48,7 +48,8 @@ struct Maps {
 
 double Multiplications(const Shape& s) {
   const std::size_t d = std::min(s.disparities, s.width);
-  return static_cast<double>(s.height * s.channels * (s.width * d - d * (d - 1) / 2));
+  const std::size_t pairs = s.width * d - d * (d - 1) / 2;  // of columns, per row
+  return static_cast<double>(s.height * s.channels * pairs);
 }
 
 double Seconds(const std::function<void()>& work) {

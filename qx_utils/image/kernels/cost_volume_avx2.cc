@@ -16,11 +16,11 @@ namespace utils {
 namespace image {
 namespace {
 
-constexpr std::size_t kTileWidth = 6;              // left pixels
-constexpr std::size_t kTileRight = 16;             // right pixels, in two vectors
-constexpr std::size_t kMargin = 32;                // bytes before and after a line's costs
-constexpr std::size_t kPackedBudget = 256 * 1024;  // bytes of packed columns
-constexpr std::size_t kVector = 32;                // bytes
+constexpr std::size_t kTileWidth = 6;   // left pixels
+constexpr std::size_t kTileRight = 16;  // right pixels, in two vectors
+constexpr std::size_t kMargin = 32;     // bytes before and after a line's costs
+constexpr std::size_t kPackedBudget = std::size_t{256} * 1024;  // bytes of packed columns
+constexpr std::size_t kVector = 32;                             // bytes
 
 std::size_t RoundUp(std::size_t value, std::size_t unit) {
   return (value + unit - 1) / unit * unit;

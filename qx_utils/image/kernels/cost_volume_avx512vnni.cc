@@ -26,8 +26,9 @@ constexpr std::size_t kQuad = 4;        // pixels
 constexpr std::size_t kTileQuads = 5;   // left quads of a tile
 constexpr std::size_t kTileCosts = 16;  // disparities of a tile, four per vector
 constexpr std::size_t kTileWidth = kQuad * kTileQuads;
-constexpr std::size_t kWindow = 64;                // bytes: four channels of a quad's window
-constexpr std::size_t kPackedBudget = 512 * 1024;  // bytes of scratch, well inside a 1 MiB L2
+constexpr std::size_t kWindow = 64;  // bytes: four channels of a quad's window
+constexpr std::size_t kPackedBudget =
+    std::size_t{512} * 1024;  // bytes of scratch, well inside a 1 MiB L2
 
 std::size_t RoundUp(std::size_t value, std::size_t unit) {
   return (value + unit - 1) / unit * unit;

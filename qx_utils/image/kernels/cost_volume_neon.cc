@@ -16,9 +16,9 @@ namespace utils {
 namespace image {
 namespace {
 
-constexpr std::size_t kTile = 4;                   // left pixels, and disparities
-constexpr std::size_t kTileRight = 2 * kTile - 1;  // right pixels
-constexpr std::size_t kPackedBudget = 64 * 1024;   // bytes of packed left pixels
+constexpr std::size_t kTile = 4;                               // left pixels, and disparities
+constexpr std::size_t kTileRight = 2 * kTile - 1;              // right pixels
+constexpr std::size_t kPackedBudget = std::size_t{64} * 1024;  // bytes of packed left pixels
 
 std::size_t RoundUp(std::size_t value, std::size_t unit) {
   return (value + unit - 1) / unit * unit;

@@ -16,9 +16,9 @@ namespace utils {
 namespace image {
 namespace {
 
-constexpr std::size_t kTile = 16;                  // left pixels, and disparities
-constexpr std::size_t kStep = 4;                   // lanes, and distance of a tile's pixels
-constexpr std::size_t kPackedBudget = 160 * 1024;  // bytes of packed right columns
+constexpr std::size_t kTile = 16;  // left pixels, and disparities
+constexpr std::size_t kStep = 4;   // lanes, and distance of a tile's pixels
+constexpr std::size_t kPackedBudget = std::size_t{160} * 1024;  // bytes of packed right columns
 
 std::size_t RoundUp(std::size_t value, std::size_t unit) {
   return (value + unit - 1) / unit * unit;
