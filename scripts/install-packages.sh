@@ -24,7 +24,7 @@ test_packages=(
 )
 bench_packages=(libbenchmark-dev libyuv-dev libdnnl-dev)
 package_packages=(dpkg-dev lintian help2man file)
-roots_packages=(mmdebstrap qemu-user lld-14)
+roots_packages=(mmdebstrap qemu-user lld-14 clang-14 g++-aarch64-linux-gnu)
 
 wanted=("${demo_packages[@]}")
 for group in "$@"; do
