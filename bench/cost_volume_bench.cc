@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <functional>
+#include <memory>
 #include <random>
 #include <string>
 #include <vector>
@@ -67,14 +68,15 @@ double Median(std::vector<double> values) {
 void RunVariant(const CostVolumeVariant& variant, const CostVolumeJob& job, std::size_t rows) {
   const std::size_t bytes = variant.scratch_bytes(job) / 64 * 64 + 128;
   const int threads = omp_get_max_threads();
-  std::vector<std::uint8_t> scratch(bytes * static_cast<std::size_t>(threads) + 64);
-  const auto first = reinterpret_cast<std::uintptr_t>(scratch.data());
+  const std::unique_ptr<std::uint8_t[]> scratch(
+      new std::uint8_t[bytes * static_cast<std::size_t>(threads) + 64]);
+  const auto first = reinterpret_cast<std::uintptr_t>(scratch.get());
 #pragma omp parallel num_threads(threads)
   {
     const auto team = static_cast<std::size_t>(omp_get_num_threads());
     const auto thread = static_cast<std::size_t>(omp_get_thread_num());
     variant.rows(job, rows * thread / team, rows * (thread + 1) / team,
-                 scratch.data() + (64 - first % 64) % 64 + thread * bytes);
+                 scratch.get() + (64 - first % 64) % 64 + thread * bytes);
   }
 }
 

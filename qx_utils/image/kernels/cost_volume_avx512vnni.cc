@@ -1,11 +1,13 @@
-// Cost volume with AVX-512 VNNI: register tiles of 20 left pixels x 16 disparities.
+// Cost volume with AVX-512 VNNI: register tiles of 4 x 5 blocks, a block being 4 x 4 pixels.
 //
-// The unit is the quad, four neighbouring pixels. A vector of sums holds, for one left quad at
-// column x, the 4 x 4 pairs (pixel x + j, disparity 4m + i) in lane 4i + j. Its left factor is
-// four channels of the quad's pixels, repeated in each 128-bit part; its right factor is the
-// window R[a + j - i], a = x - 4m, made of two neighbouring right quads when the row is packed. A
-// window depends on x - 4m alone, so the tile's 5 x 4 vectors share 8 windows, and as long as the
-// number of disparities is a multiple of 16 no lane is computed in vain.
+// The unit is the quad, four neighbouring pixels whose first column is a multiple of four. A vector
+// of sums holds the 4 x 4 pairs of a left and a right quad, (left pixel i, right pixel 3 - j) in
+// lane 4i + j: its disparities rise with j. For every four channels the left factor repeats pixel i
+// in its 128-bit part i; it is packed that way for the 16 pixels of a strip, which all disparities
+// share. The right factor is a record of 16 bytes, repeated in each part as it is loaded. A tile
+// takes 4 left quads and, slanted along the band, 4 or 5 right quads for each of them, so 12 loads
+// feed 20 multiplications. Of the band's edges only triangles of 3 disparities are computed in
+// vain.
 #include <immintrin.h>
 
 #include "qx_utils/image/kernels/cost_volume.h"
@@ -23,70 +25,81 @@ namespace image {
 namespace {
 
 constexpr std::size_t kQuad = 4;        // pixels
-constexpr std::size_t kTileQuads = 5;   // left quads of a tile
-constexpr std::size_t kTileCosts = 16;  // disparities of a tile, four per vector
-constexpr std::size_t kTileWidth = kQuad * kTileQuads;
-constexpr std::size_t kWindow = 64;  // bytes: four channels of a quad's window
-constexpr std::size_t kPackedBudget =
-    std::size_t{512} * 1024;  // bytes of scratch, well inside a 1 MiB L2
+constexpr std::size_t kStripQuads = 4;  // left quads of a strip and of each tile
+constexpr std::size_t kStrip = kQuad * kStripQuads;
+constexpr std::size_t kGroup = 4;    // blocks whose costs are narrowed together
+constexpr std::size_t kRecord = 64;  // bytes: four channels of a left quad
+constexpr std::size_t kPackedBudget = std::size_t{192} * 1024;  // bytes of packed right columns
 
 std::size_t RoundUp(std::size_t value, std::size_t unit) {
   return (value + unit - 1) / unit * unit;
 }
 std::size_t Smaller(std::size_t a, std::size_t b) { return a < b ? a : b; }
 
+// Blocks that a left quad needs for `costs` disparities: block m has 4m + i + j - 3. One more than
+// a whole number of groups is a tile of five; otherwise the last group is filled up.
+std::size_t Blocks(std::size_t costs) {
+  const std::size_t blocks = (costs + 6) / 4;
+  return blocks > 1 && blocks % kGroup == 1 ? blocks : RoundUp(blocks, kGroup);
+}
+
 // How a job is cut: columns are worked on in panels so that scratch stays bounded.
 struct Plan {
   std::size_t channels;  // in whole blocks
-  std::size_t costs;     // disparities that some pixel has, in whole tiles
-  std::size_t panel;     // columns, in whole tiles
+  std::size_t lead;      // right columns that a panel needs before its first
+  std::size_t panel;     // columns, in whole strips
+  std::size_t line;      // bytes from pixel to pixel of a strip's costs
 };
 
 Plan PlanOf(const CostVolumeJob& job) {
   Plan plan{};
   plan.channels = job.channels / kCostVolumeBlock * kCostVolumeBlock;
-  plan.costs = RoundUp(Smaller(job.disparities, job.width), kTileCosts);
-  // A left column takes a byte per channel, a right one four.
-  const std::size_t bytes = kPackedBudget / plan.channels;
-  const std::size_t fitting =
-      bytes > 4 * plan.costs ? (bytes - 4 * plan.costs) / 5 / kTileWidth * kTileWidth : 0;
-  plan.panel = Smaller(RoundUp(job.width, kTileWidth), fitting == 0 ? kTileWidth : fitting);
+  plan.lead = kQuad * Blocks(Smaller(job.disparities, job.width));
+  const std::size_t columns = kPackedBudget / plan.channels;
+  const std::size_t fitting = columns > 2 * plan.lead ? (columns - plan.lead) / kStrip * kStrip : 0;
+  plan.panel = Smaller(RoundUp(job.width, kStrip), fitting == 0 ? 4 * kStrip : fitting);
+  plan.line = RoundUp(plan.lead, kCostVolumeAlignment);
   return plan;
 }
 
-// Scratch of a thread. A packed quad holds a 16-byte record for every four channels: those channels
-// of the four pixels. The order of the records is any, but the same for both maps.
+// Scratch of a thread.
 struct Packed {
-  std::uint8_t* right;     // windows, from `costs` columns before the panel to its end
-  std::int8_t* left;       // quads of the panel
-  std::uint8_t* quads[2];  // right quads that become a window
-  std::int32_t* bias;      // per left pixel: what the flipped sign bits add, negated
+  std::uint8_t* right;  // quads, last pixel first, 16 bytes for every four channels
+  std::int8_t* left;    // the strip's quads, kRecord bytes for every four channels
+  std::int32_t* bias;   // per lane of a left quad: what the flipped sign bits add, negated
+  std::int8_t* lines;   // the strip's costs; that of disparity d at byte d + 3 - i
 };
 
-std::size_t WindowBytes(const Plan& plan) { return plan.channels / 4 * kWindow; }
+std::size_t RightBytes(const Plan& plan) { return (plan.lead + plan.panel) * plan.channels; }
+std::size_t QuadBytes(const Plan& plan) { return kQuad * plan.channels; }
+std::size_t LeftBytes(const Plan& plan) { return kStripQuads * kQuad * QuadBytes(plan); }
 
 Packed SplitScratch(const Plan& plan, std::uint8_t* scratch) {
   Packed packed{};
   packed.right = scratch;
-  scratch += (plan.costs + plan.panel) / kQuad * WindowBytes(plan);
-  packed.left = reinterpret_cast<std::int8_t*>(scratch);
-  scratch += plan.panel * plan.channels;
-  packed.quads[0] = scratch;
-  packed.quads[1] = scratch + kQuad * plan.channels;
-  packed.bias = reinterpret_cast<std::int32_t*>(scratch + 2 * kQuad * plan.channels);
+  packed.left = reinterpret_cast<std::int8_t*>(scratch + RightBytes(plan));
+  packed.lines = packed.left + LeftBytes(plan);
+  packed.bias = reinterpret_cast<std::int32_t*>(packed.lines + kStrip * plan.line);
   return packed;
 }
 
-// A column's pixel, or none outside the row: such a pixel counts as zeros.
 struct Row {
   const std::int8_t* pixels;
   std::size_t width;
   std::size_t channels;  // distance of pixels
 };
 
-const std::int8_t* PixelAt(const Row& row, std::ptrdiff_t column) {
-  const bool inside = column >= 0 && column < static_cast<std::ptrdiff_t>(row.width);
-  return inside ? row.pixels + static_cast<std::size_t>(column) * row.channels : nullptr;
+// A quad's pixels. Behind the row the last one is repeated: nothing made of it is kept.
+struct Quad {
+  const std::int8_t* pixel[kQuad];
+};
+
+Quad QuadAt(const Row& row, std::size_t column) {
+  const std::size_t last = row.width - 1;
+  return {{row.pixels + Smaller(column, last) * row.channels,
+           row.pixels + Smaller(column + 1, last) * row.channels,
+           row.pixels + Smaller(column + 2, last) * row.channels,
+           row.pixels + Smaller(column + 3, last) * row.channels}};
 }
 
 // Turns four pixels x four channels-of-four into records, in each 128-bit part by itself.
@@ -101,119 +114,130 @@ QXTOOLS_INLINE void Transpose(const __m512i in[4], __m512i out[4]) {
   out[3] = _mm512_unpackhi_epi64(ab_high, cd_high);
 }
 
-// Packs the quad at `column`, flipping the bits of `flip`; returns per pixel (lane mod 4) the sums
-// of its channels in parts that remain to be added.
-QXTOOLS_INLINE __m512i PackQuad(const Row& row, std::ptrdiff_t column, std::size_t channels,
-                                __m512i flip, std::uint8_t* to) {
-  const std::int8_t* pixels[kQuad];
-  for (std::size_t j = 0; j < kQuad; ++j) {
-    pixels[j] = PixelAt(row, column + static_cast<std::ptrdiff_t>(j));
+// Packs 64 channels of a right quad (kParts = 4) or a last block of 32 (kParts = 2), with the sign
+// bits flipped.
+template <std::size_t kParts>
+QXTOOLS_INLINE void PackRightChannels(const Quad& quad, std::size_t c, std::uint8_t* to) {
+  constexpr __mmask16 kMask = kParts == 4 ? 0xFFFF : 0x00FF;
+  const __m512i flip = _mm512_set1_epi8(-128);
+  const __m512i in[4] = {_mm512_maskz_loadu_epi32(kMask, quad.pixel[3] + c),
+                         _mm512_maskz_loadu_epi32(kMask, quad.pixel[2] + c),
+                         _mm512_maskz_loadu_epi32(kMask, quad.pixel[1] + c),
+                         _mm512_maskz_loadu_epi32(kMask, quad.pixel[0] + c)};
+  __m512i out[4];
+  Transpose(in, out);
+  QXTOOLS_UNROLL
+  for (std::size_t k = 0; k < 4; ++k) {
+    const __m512i flipped = _mm512_xor_si512(out[k], flip);
+    if (kParts == 4) {
+      _mm512_store_si512(to + k * 64, flipped);
+    } else {
+      _mm256_store_si256(reinterpret_cast<__m256i*>(to + k * 32), _mm512_castsi512_si256(flipped));
+    }
   }
-  __m512i sums = _mm512_setzero_si512();
-  for (std::size_t c = 0; c < channels; c += 64) {
-    const bool whole = channels - c >= 64;
-    const __mmask16 mask = whole ? 0xFFFF : 0x00FF;  // a last block of 32 channels
-    __m512i in[4];
-    __m512i out[4];
-    QXTOOLS_UNROLL
-    for (std::size_t j = 0; j < kQuad; ++j) {
-      in[j] = pixels[j] == nullptr ? _mm512_setzero_si512()
-                                   : _mm512_maskz_loadu_epi32(mask, pixels[j] + c);
-      in[j] = _mm512_xor_si512(in[j], flip);
+}
+
+// `count` columns from `column` on, which may be left of the row.
+void PackRight(const Row& row, std::ptrdiff_t column, std::size_t count, const Plan& plan,
+               std::uint8_t* to) {
+  for (std::size_t t = 0; t < count; t += kQuad, to += QuadBytes(plan)) {
+    const std::ptrdiff_t at = column + static_cast<std::ptrdiff_t>(t);
+    if (at < 0) {
+      __builtin_memset(to, 0x80, QuadBytes(plan));
+    } else {
+      const Quad quad = QuadAt(row, static_cast<std::size_t>(at));
+      std::size_t c = 0;
+      for (; c + 64 <= plan.channels; c += 64) PackRightChannels<4>(quad, c, to + c * kQuad);
+      if (c < plan.channels) PackRightChannels<2>(quad, c, to + c * kQuad);
     }
-    Transpose(in, out);
-    QXTOOLS_UNROLL
-    for (std::size_t k = 0; k < 4; ++k) {
-      if (whole) {
-        _mm512_store_si512(to + c * 4 + k * 64, out[k]);
-      } else {
-        _mm256_store_si256(reinterpret_cast<__m256i*>(to + c * 4 + k * 32),
-                           _mm512_castsi512_si256(out[k]));
-      }
-      sums = _mm512_dpbusd_epi32(sums, _mm512_set1_epi8(1), out[k]);
-    }
+  }
+}
+
+QXTOOLS_INLINE __m128i Load16(const std::int8_t* from) {
+  return _mm_loadu_si128(reinterpret_cast<const __m128i*>(from));
+}
+
+// Packs as many channels of a left quad, in the order in which Transpose() leaves the right ones;
+// adds them to the sums of pixel i in part i.
+template <std::size_t kParts>
+QXTOOLS_INLINE __m512i PackLeftChannels(const Quad& quad, std::size_t c, std::int8_t* to,
+                                        __m512i sums) {
+  constexpr std::size_t kStep = kParts * kRecord;
+  QXTOOLS_UNROLL
+  for (std::size_t part = 0; part < kParts; ++part, c += 16, to += kRecord) {
+    __m512i in = _mm512_castsi128_si512(Load16(quad.pixel[0] + c));
+    in = _mm512_inserti32x4(in, Load16(quad.pixel[1] + c), 1);
+    in = _mm512_inserti32x4(in, Load16(quad.pixel[2] + c), 2);
+    in = _mm512_inserti32x4(in, Load16(quad.pixel[3] + c), 3);
+    sums = _mm512_dpbusd_epi32(sums, _mm512_set1_epi8(1), in);
+    _mm512_store_si512(to, _mm512_shuffle_epi32(in, _MM_PERM_AAAA));
+    _mm512_store_si512(to + kStep, _mm512_shuffle_epi32(in, _MM_PERM_BBBB));
+    _mm512_store_si512(to + 2 * kStep, _mm512_shuffle_epi32(in, _MM_PERM_CCCC));
+    _mm512_store_si512(to + 3 * kStep, _mm512_shuffle_epi32(in, _MM_PERM_DDDD));
   }
   return sums;
 }
 
-void PackLeft(const Row& row, std::size_t first, const Plan& plan, const Packed& packed) {
-  for (std::size_t q = 0; q < plan.panel / kQuad; ++q) {
-    const __m512i parts = PackQuad(
-        row, static_cast<std::ptrdiff_t>(first + q * kQuad), plan.channels, _mm512_setzero_si512(),
-        reinterpret_cast<std::uint8_t*>(packed.left) + q * kQuad * plan.channels);
-    const __m256i halves =
-        _mm256_add_epi32(_mm512_castsi512_si256(parts), _mm512_extracti64x4_epi64(parts, 1));
-    const __m128i sums =
-        _mm_add_epi32(_mm256_castsi256_si128(halves), _mm256_extracti128_si256(halves, 1));
-    // Flipping the sign bit of a right value adds 128 to it.
-    _mm_store_si128(reinterpret_cast<__m128i*>(packed.bias + q * kQuad),
-                    _mm_sub_epi32(_mm_setzero_si128(), _mm_slli_epi32(sums, 7)));
+void PackLeftQuad(const Quad& quad, std::size_t channels, std::int8_t* to, std::int32_t* bias) {
+  __m512i sums = _mm512_setzero_si512();
+  std::size_t c = 0;
+  for (; c + 64 <= channels; c += 64) sums = PackLeftChannels<4>(quad, c, to + c * 16, sums);
+  if (c < channels) sums = PackLeftChannels<2>(quad, c, to + c * 16, sums);
+  sums = _mm512_add_epi32(sums, _mm512_shuffle_epi32(sums, _MM_PERM_BADC));
+  sums = _mm512_add_epi32(sums, _mm512_shuffle_epi32(sums, _MM_PERM_CDAB));
+  // Flipping the sign bit of a right value adds 128 to it.
+  _mm512_store_si512(bias, _mm512_sub_epi32(_mm512_setzero_si512(), _mm512_slli_epi32(sums, 7)));
+}
+
+// The left pixels of the strip at column x.
+void PackLeft(const Row& row, std::size_t x, const Plan& plan, const Packed& packed) {
+  for (std::size_t q = 0; q < kStripQuads; ++q) {
+    PackLeftQuad(QuadAt(row, x + q * kQuad), plan.channels,
+                 packed.left + q * kQuad * QuadBytes(plan), packed.bias + q * 16);
   }
 }
 
-QXTOOLS_INLINE __m512i Repeat(const void* record) {
-  return _mm512_broadcast_i32x4(_mm_load_si128(static_cast<const __m128i*>(record)));
-}
-
-// The windows of a quad: part i of each starts i pixels before it.
-void PackWindows(const std::uint8_t* before, const std::uint8_t* quad, std::size_t channels,
-                 std::uint8_t* to) {
-  const __m512i part = _mm512_setr_epi32(16, 17, 18, 19, 3, 16, 17, 18, 2, 3, 16, 17, 1, 2, 3, 16);
-  for (std::size_t at = 0; at < kQuad * channels; at += 16, to += kWindow) {
-    _mm512_store_si512(to, _mm512_permutex2var_epi32(Repeat(before + at), part, Repeat(quad + at)));
-  }
-}
-
-void PackRight(const Row& row, std::size_t first, const Plan& plan, const Packed& packed) {
-  const __m512i flip = _mm512_set1_epi8(-128);
-  const auto begin = static_cast<std::ptrdiff_t>(first) - static_cast<std::ptrdiff_t>(plan.costs);
-  std::uint8_t* before = packed.quads[0];
-  std::uint8_t* quad = packed.quads[1];
-  PackQuad(row, begin - static_cast<std::ptrdiff_t>(kQuad), plan.channels, flip, before);
-  std::uint8_t* to = packed.right;
-  for (std::size_t x = 0; x < plan.costs + plan.panel; x += kQuad, to += WindowBytes(plan)) {
-    PackQuad(row, begin + static_cast<std::ptrdiff_t>(x), plan.channels, flip, quad);
-    PackWindows(before, quad, plan.channels, to);
-    std::uint8_t* const next = before;
-    before = quad;
-    quad = next;
-  }
-}
-
-using Sums = __m512i[kTileQuads][4];  // [left quad][m]: disparities 4m .. 4m + 3
+// Those of a tile: [left quad][block].
+template <std::size_t kBlocks>
+using Sums = __m512i[kStripQuads][kBlocks];
 
 // The loops over registers are recursions with constant indices: arrays that a loop variable
-// indexes would be kept in memory. Quads kQuadIndex and on take window kIndex.
-template <std::size_t kIndex, std::size_t kQuadIndex = 0>
-QXTOOLS_INLINE void AddProducts(__m512i window, const __m512i (&left)[kTileQuads], Sums& sums) {
-  if constexpr (kQuadIndex < kTileQuads) {
-    if constexpr (kQuadIndex <= kIndex && kIndex <= kQuadIndex + 3) {
-      __m512i& sum = sums[kQuadIndex][kQuadIndex + 3 - kIndex];
+// indexes would be kept in memory. Left quads kLeft and on take right quad kRight of the tile.
+template <std::size_t kBlocks, std::size_t kRight, std::size_t kLeft = 0>
+QXTOOLS_INLINE void AddProducts(__m512i right, const __m512i (&left)[kStripQuads],
+                                Sums<kBlocks>& sums) {
+  if constexpr (kLeft < kStripQuads) {
+    if constexpr (kLeft <= kRight && kRight < kLeft + kBlocks) {
+      __m512i& sum = sums[kLeft][kLeft + kBlocks - 1 - kRight];
       // As _mm512_dpbusd_epi32(), with the sum tied to its register: GCC 12 copies and spills all
       // sums around that intrinsic, which costs a third of the speed.
-      __asm__("vpdpbusd %2, %1, %0" : "+v"(sum) : "v"(window), "v"(left[kQuadIndex]));
+      __asm__("vpdpbusd %2, %1, %0" : "+v"(sum) : "v"(right), "v"(left[kLeft]));
     }
-    AddProducts<kIndex, kQuadIndex + 1>(window, left, sums);
+    AddProducts<kBlocks, kRight, kLeft + 1>(right, left, sums);
   }
 }
 
-template <std::size_t kIndex = 0>
-QXTOOLS_INLINE void AddWindows(const std::uint8_t* windows, std::size_t window_bytes,
-                               const __m512i (&left)[kTileQuads], Sums& sums) {
-  if constexpr (kIndex < kTileQuads + 3) {
-    AddProducts<kIndex>(_mm512_load_si512(windows + kIndex * window_bytes), left, sums);
-    AddWindows<kIndex + 1>(windows, window_bytes, left, sums);
+template <std::size_t kBlocks, std::size_t kRight = 0>
+QXTOOLS_INLINE void AddQuads(const std::uint8_t* right, std::size_t quad_bytes,
+                             const __m512i (&left)[kStripQuads], Sums<kBlocks>& sums) {
+  if constexpr (kRight < kBlocks + kStripQuads - 1) {
+    const __m128i record =
+        _mm_load_si128(reinterpret_cast<const __m128i*>(right + kRight * quad_bytes));
+    AddProducts<kBlocks, kRight>(_mm512_broadcast_i32x4(record), left, sums);
+    AddQuads<kBlocks, kRight + 1>(right, quad_bytes, left, sums);
   }
 }
 
-// `windows` starts with that of the first quad and the last m.
-QXTOOLS_INLINE void Multiply(const std::int8_t* left, const std::uint8_t* windows,
-                             std::size_t quad_bytes, Sums& sums) {
-  for (std::size_t at = 0; at < quad_bytes; at += 16) {
-    const __m512i l[kTileQuads] = {
-        Repeat(left + at), Repeat(left + quad_bytes + at), Repeat(left + 2 * quad_bytes + at),
-        Repeat(left + 3 * quad_bytes + at), Repeat(left + 4 * quad_bytes + at)};
-    AddWindows(windows + 4 * at, 4 * quad_bytes, l, sums);
+// `right` is the quad of the first left quad and the last block.
+template <std::size_t kBlocks>
+QXTOOLS_INLINE void Multiply(const std::int8_t* left, const std::uint8_t* right,
+                             std::size_t quad_bytes, Sums<kBlocks>& sums) {
+  const std::size_t left_bytes = kQuad * quad_bytes;
+  for (std::size_t at = 0; at < quad_bytes; at += 16, left += kRecord) {
+    const __m512i l[kStripQuads] = {_mm512_load_si512(left), _mm512_load_si512(left + left_bytes),
+                                    _mm512_load_si512(left + 2 * left_bytes),
+                                    _mm512_load_si512(left + 3 * left_bytes)};
+    AddQuads<kBlocks>(right + at, quad_bytes, l, sums);
   }
 }
 
@@ -239,101 +263,101 @@ QXTOOLS_INLINE __m512i Cost(__m512i sums, __m512 scale) {
   return _mm512_mask_mov_epi32(low8, high, _mm512_set1_epi32(0xFF));
 }
 
-// The 64 costs of a quad: 16 per pixel, one pixel per 128-bit part.
-template <bool kWide>
-QXTOOLS_INLINE __m512i Narrow(const __m512i (&sums)[4], __m512 scale) {
-  const __m512i costs[4] = {Cost<kWide>(sums[0], scale), Cost<kWide>(sums[1], scale),
-                            Cost<kWide>(sums[2], scale), Cost<kWide>(sums[3], scale)};
+// The low bytes of four vectors; in each 128-bit part, those of `a` come first.
+QXTOOLS_INLINE __m512i LowBytes(__m512i a, __m512i b, __m512i c, __m512i d) {
   const __m512i low = _mm512_set1_epi16(0xFF);
-  const __m512i ab = _mm512_and_si512(_mm512_packs_epi32(costs[0], costs[1]), low);
-  const __m512i cd = _mm512_and_si512(_mm512_packs_epi32(costs[2], costs[3]), low);
-  const __m512i i_m_j = _mm512_packus_epi16(ab, cd);  // byte order: part i, then m, then pixel j
-  const __m512i turn =
-      _mm512_broadcast_i32x4(_mm_setr_epi8(0, 4, 8, 12, 1, 5, 9, 13, 2, 6, 10, 14, 3, 7, 11, 15));
-  const __m512i i_j_m = _mm512_shuffle_epi8(i_m_j, turn);
-  const __m512i j_i_m = _mm512_permutexvar_epi32(
-      _mm512_setr_epi32(0, 4, 8, 12, 1, 5, 9, 13, 2, 6, 10, 14, 3, 7, 11, 15), i_j_m);
-  return _mm512_shuffle_epi8(j_i_m, turn);
+  return _mm512_packus_epi16(_mm512_and_si512(_mm512_packs_epi32(a, b), low),
+                             _mm512_and_si512(_mm512_packs_epi32(c, d), low));
 }
 
-// Where a tile's costs go.
-struct Target {
-  std::int8_t* cost;   // of its first pixel and disparity
-  std::size_t pitch;   // bytes from pixel to pixel
-  std::size_t pixels;  // that exist, at most kTileWidth
-  __mmask16 costs;     // that exist
-};
+QXTOOLS_INLINE void Store16(std::int8_t* to, __m128i bytes) {
+  _mm_storeu_si128(reinterpret_cast<__m128i*>(to), bytes);
+}
 
-QXTOOLS_INLINE void StoreQuad(const Target& to, std::size_t quad, __m512i costs) {
-  const __m128i pixel[kQuad] = {_mm512_castsi512_si128(costs), _mm512_extracti32x4_epi32(costs, 1),
-                                _mm512_extracti32x4_epi32(costs, 2),
-                                _mm512_extracti32x4_epi32(costs, 3)};
-  std::int8_t* cost = to.cost + quad * kQuad * to.pitch;
-  if (to.costs == 0xFFFF && (quad + 1) * kQuad <= to.pixels) {
-    QXTOOLS_UNROLL
-    for (std::size_t j = 0; j < kQuad; ++j) {
-      _mm_storeu_si128(reinterpret_cast<__m128i*>(cost + j * to.pitch), pixel[j]);
-    }
-    return;
-  }
-  for (std::size_t j = 0; j < kQuad && quad * kQuad + j < to.pixels; ++j) {
-    _mm_mask_storeu_epi8(cost + j * to.pitch, to.costs, pixel[j]);
+// The costs of a left quad: pixel i has those of four blocks in part i.
+template <bool kWide, std::size_t kBlocks, std::size_t kLeft = 0>
+QXTOOLS_INLINE void StoreGroups(const Sums<kBlocks>& sums, __m512 scale, std::int8_t* line,
+                                std::size_t pitch) {
+  if constexpr (kLeft < kStripQuads) {
+    const __m512i costs =
+        LowBytes(Cost<kWide>(sums[kLeft][0], scale), Cost<kWide>(sums[kLeft][1], scale),
+                 Cost<kWide>(sums[kLeft][2], scale), Cost<kWide>(sums[kLeft][3], scale));
+    Store16(line, _mm512_castsi512_si128(costs));
+    Store16(line + pitch, _mm512_extracti32x4_epi32(costs, 1));
+    Store16(line + 2 * pitch, _mm512_extracti32x4_epi32(costs, 2));
+    Store16(line + 3 * pitch, _mm512_extracti32x4_epi32(costs, 3));
+    StoreGroups<kWide, kBlocks, kLeft + 1>(sums, scale, line + kQuad * pitch, pitch);
   }
 }
 
-template <std::size_t kQuadIndex = 0>
-QXTOOLS_INLINE void StartSums(const std::int32_t* bias, Sums& sums) {
-  if constexpr (kQuadIndex < kTileQuads) {
-    const __m512i start = Repeat(bias + kQuadIndex * kQuad);
-    sums[kQuadIndex][0] = sums[kQuadIndex][1] = sums[kQuadIndex][2] = sums[kQuadIndex][3] = start;
-    StartSums<kQuadIndex + 1>(bias, sums);
-  }
-}
-
-template <bool kWide, std::size_t kQuadIndex = 0>
-QXTOOLS_INLINE void StoreSums(const Sums& sums, __m512 scale, const Target& to) {
-  if constexpr (kQuadIndex < kTileQuads) {
-    StoreQuad(to, kQuadIndex, Narrow<kWide>(sums[kQuadIndex], scale));
-    StoreSums<kWide, kQuadIndex + 1>(sums, scale, to);
-  }
-}
-
+// The fifth block of all four left quads: dword q of part i is that of pixel 4q + i.
 template <bool kWide>
-void Tile(const std::int8_t* left, const std::uint8_t* right, const std::int32_t* bias,
-          std::size_t quad_bytes, float scale, const Target& to) {
-  Sums sums;
-  StartSums(bias, sums);
-  Multiply(left, right, quad_bytes, sums);
-  StoreSums<kWide>(sums, _mm512_set1_ps(scale), to);
-}
-
-void StoreZeros(const Target& to) {
-  for (std::size_t x = 0; x < to.pixels; ++x) {
-    _mm_mask_storeu_epi8(to.cost + x * to.pitch, to.costs, _mm_setzero_si128());
+QXTOOLS_INLINE void StoreFifth(const Sums<5>& sums, __m512 scale, std::int8_t* line,
+                               std::size_t pitch) {
+  alignas(64) std::int32_t words[kQuad][kStripQuads];
+  _mm512_store_si512(words,
+                     LowBytes(Cost<kWide>(sums[0][4], scale), Cost<kWide>(sums[1][4], scale),
+                              Cost<kWide>(sums[2][4], scale), Cost<kWide>(sums[3][4], scale)));
+  QXTOOLS_UNROLL
+  for (std::size_t t = 0; t < kStrip; ++t) {
+    __builtin_memcpy(line + t * pitch, &words[t % kQuad][t / kQuad], kQuad);
   }
 }
 
-// All tiles of a panel whose first column is `first`; `cost` is that of the row's first pixel.
+template <std::size_t kBlocks, std::size_t kLeft = 0>
+QXTOOLS_INLINE void StartSums(const std::int32_t* bias, Sums<kBlocks>& sums) {
+  if constexpr (kLeft < kStripQuads) {
+    const __m512i start = _mm512_load_si512(bias + kLeft * 16);
+    sums[kLeft][0] = sums[kLeft][1] = sums[kLeft][2] = sums[kLeft][3] = start;
+    if constexpr (kBlocks == 5) sums[kLeft][4] = start;
+    StartSums<kBlocks, kLeft + 1>(bias, sums);
+  }
+}
+
+template <bool kWide, std::size_t kBlocks>
+void Tile(const Packed& packed, const std::uint8_t* right, const Plan& plan, float scale,
+          std::int8_t* line) {
+  Sums<kBlocks> sums;
+  StartSums<kBlocks>(packed.bias, sums);
+  Multiply<kBlocks>(packed.left, right, QuadBytes(plan), sums);
+  const __m512 scales = _mm512_set1_ps(scale);
+  StoreGroups<kWide, kBlocks>(sums, scales, line, plan.line);
+  if constexpr (kBlocks == 5) StoreFifth<kWide>(sums, scales, line + kGroup * kQuad, plan.line);
+}
+
+// Copies `count` costs of a line to their place, then as many zeros as are left of `all`.
+void StorePixel(const std::int8_t* line, std::size_t count, std::size_t all, std::int8_t* cost) {
+  std::size_t d = 0;
+  for (; d + 64 <= count; d += 64) _mm512_storeu_si512(cost + d, _mm512_loadu_si512(line + d));
+  for (; d + 16 <= count; d += 16) {
+    Store16(cost + d, Load16(line + d));
+  }
+  if (d < count) __builtin_memcpy(cost + d, line + d, count - d);
+  if (count < all) __builtin_memset(cost + count, 0, all - count);
+}
+
+// All disparities of the strip at column x; `right` is the packed quad at x, `cost` is pixel x.
 template <bool kWide>
-void Panel(const CostVolumeJob& job, const Plan& plan, const Packed& packed, std::size_t first,
-           std::int8_t* cost) {
-  const std::size_t quad_bytes = kQuad * plan.channels;
-  // Disparities in the outer loop: neighbouring tiles then share windows in the first-level cache.
-  for (std::size_t d = 0; d < job.disparities; d += kTileCosts) {
-    for (std::size_t x = 0; x < plan.panel && first + x < job.width; x += kTileWidth) {
-      const std::size_t costs = Smaller(job.disparities - d, kTileCosts);
-      const Target to{cost + (first + x) * job.disparities + d, job.disparities,
-                      Smaller(job.width - first - x, kTileWidth),
-                      static_cast<__mmask16>((1U << costs) - 1)};
-      // Every pixel of such a tile lies left of column d.
-      if (d >= plan.costs || d >= first + x + kTileWidth) {
-        StoreZeros(to);
-        continue;
-      }
-      const std::size_t window = (plan.costs + x - d) / kQuad - 3;
-      Tile<kWide>(packed.left + x * plan.channels, packed.right + window * WindowBytes(plan),
-                  packed.bias + x, quad_bytes, job.scale, to);
-    }
+void Strip(const CostVolumeJob& job, const Plan& plan, const Packed& packed, std::size_t x,
+           const std::uint8_t* right, std::int8_t* cost) {
+  // Every pixel of the strip lies left of the disparities from here on.
+  const std::size_t costs = Smaller(Smaller(job.disparities, job.width), x + kStrip);
+  const std::size_t blocks = Blocks(costs);
+  std::size_t m = 0;
+  for (; m + kGroup + 1 < blocks; m += kGroup) {
+    Tile<kWide, 4>(packed, right - (m + 3) * QuadBytes(plan), plan, job.scale,
+                   packed.lines + m * kQuad);
+  }
+  if (m + kGroup == blocks) {
+    Tile<kWide, 4>(packed, right - (m + 3) * QuadBytes(plan), plan, job.scale,
+                   packed.lines + m * kQuad);
+  } else {
+    Tile<kWide, 5>(packed, right - (m + 4) * QuadBytes(plan), plan, job.scale,
+                   packed.lines + m * kQuad);
+  }
+  for (std::size_t t = 0; t < kStrip && x + t < job.width; ++t) {
+    StorePixel(packed.lines + t * plan.line + 3 - t % kQuad, costs, job.disparities,
+               cost + t * job.disparities);
   }
 }
 
@@ -343,25 +367,49 @@ bool NeedsWide(const Plan& plan, float scale) {
   return !(static_cast<float>(plan.channels) * 16384.0F * magnitude < 32000.0F);
 }
 
+// Asks for the pixels of a strip, while the tiles of the one before hide the wait.
+void Prefetch(const Row& row, std::size_t x) {
+  if (x + kStrip > row.width) return;
+  const std::int8_t* pixel = row.pixels + x * row.channels;
+  for (std::size_t at = 0; at < kStrip * row.channels; at += kCostVolumeAlignment) {
+    _mm_prefetch(reinterpret_cast<const char*>(pixel + at), _MM_HINT_T0);
+  }
+}
+
+// The columns from `first` on, as many as a panel has.
+void Panel(const CostVolumeJob& job, const Plan& plan, const Packed& packed, std::size_t row,
+           std::size_t first) {
+  const auto strip = NeedsWide(plan, job.scale) ? Strip<true> : Strip<false>;
+  const Row left{job.left + row * job.width * job.channels, job.width, job.channels};
+  const Row right{job.right + row * job.width * job.channels, job.width, job.channels};
+  PackRight(right, static_cast<std::ptrdiff_t>(first) - static_cast<std::ptrdiff_t>(plan.lead),
+            plan.lead, plan, packed.right);
+  std::uint8_t* quads = packed.right + plan.lead * plan.channels;
+  const std::size_t end = Smaller(first + plan.panel, job.width);
+  for (std::size_t x = first; x < end; x += kStrip, quads += kStrip * plan.channels) {
+    PackLeft(left, x, plan, packed);
+    PackRight(right, static_cast<std::ptrdiff_t>(x), kStrip, plan, quads);
+    Prefetch(left, x + kStrip);
+    Prefetch(right, x + kStrip);
+    strip(job, plan, packed, x, quads, job.cost + (row * job.width + x) * job.disparities);
+  }
+}
+
 }  // namespace
 
 std::size_t CostVolumeScratchAvx512Vnni(const CostVolumeJob& job) {
   const Plan plan = PlanOf(job);
-  return (plan.costs + plan.panel) / kQuad * WindowBytes(plan) +
-         (plan.panel + 2 * kQuad) * plan.channels + plan.panel * sizeof(std::int32_t);
+  return RightBytes(plan) + LeftBytes(plan) + kStrip * plan.line +
+         kStripQuads * 16 * sizeof(std::int32_t);
 }
 
 void CostVolumeRowsAvx512Vnni(const CostVolumeJob& job, std::size_t first_row, std::size_t end_row,
                               std::uint8_t* scratch) {
   const Plan plan = PlanOf(job);
   const Packed packed = SplitScratch(plan, scratch);
-  const auto panel = NeedsWide(plan, job.scale) ? Panel<true> : Panel<false>;
   for (std::size_t y = first_row; y < end_row; ++y) {
-    const std::size_t row = y * job.width;
     for (std::size_t first = 0; first < job.width; first += plan.panel) {
-      PackLeft({job.left + row * job.channels, job.width, job.channels}, first, plan, packed);
-      PackRight({job.right + row * job.channels, job.width, job.channels}, first, plan, packed);
-      panel(job, plan, packed, first, job.cost + row * job.disparities);
+      Panel(job, plan, packed, y, first);
     }
   }
 }
