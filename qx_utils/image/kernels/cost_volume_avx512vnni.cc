@@ -55,9 +55,10 @@ Plan PlanOf(const CostVolumeJob& job) {
   Plan plan{};
   plan.channels = job.channels / kCostVolumeBlock * kCostVolumeBlock;
   plan.lead = kQuad * Blocks(Smaller(job.disparities, job.width));
-  const std::size_t columns = kPackedBudget / plan.channels;
-  const std::size_t fitting = columns > 2 * plan.lead ? (columns - plan.lead) / kStrip * kStrip : 0;
-  plan.panel = Smaller(RoundUp(job.width, kStrip), fitting == 0 ? 4 * kStrip : fitting);
+  const std::size_t fitting = kPackedBudget / plan.channels / kStrip * kStrip;
+  // At least half of what is packed is used for the first time.
+  const std::size_t lead = RoundUp(plan.lead, kStrip);
+  plan.panel = Smaller(RoundUp(job.width, kStrip), fitting > 2 * lead ? fitting - lead : lead);
   plan.line = RoundUp(plan.lead, kCostVolumeAlignment);
   return plan;
 }
