@@ -95,7 +95,7 @@ struct Quad {
   const std::int8_t* pixel[kQuad];
 };
 
-Quad QuadAt(const Row& row, std::size_t column) {
+QXTOOLS_INLINE Quad QuadAt(const Row& row, std::size_t column) {
   const std::size_t last = row.width - 1;
   return {{row.pixels + Smaller(column, last) * row.channels,
            row.pixels + Smaller(column + 1, last) * row.channels,
@@ -327,7 +327,8 @@ void Tile(const Packed& packed, const std::uint8_t* right, const Plan& plan, flo
 }
 
 // Copies `count` costs of a line to their place, then as many zeros as are left of `all`.
-void StorePixel(const std::int8_t* line, std::size_t count, std::size_t all, std::int8_t* cost) {
+QXTOOLS_INLINE void StorePixel(const std::int8_t* line, std::size_t count, std::size_t all,
+                               std::int8_t* cost) {
   std::size_t d = 0;
   for (; d + 64 <= count; d += 64) _mm512_storeu_si512(cost + d, _mm512_loadu_si512(line + d));
   for (; d + 16 <= count; d += 16) {
