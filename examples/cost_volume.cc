@@ -15,7 +15,7 @@ int main() {
 
   // What the left camera sees at column x, the right one sees at column x - shift.
   for (auto& value : left) value = static_cast<std::uint8_t>(random());
-  std::copy(left.begin() + kShift * kChannels, left.end(), right.begin());
+  std::copy(left.begin() + std::ptrdiff_t{kShift} * kChannels, left.end(), right.begin());
 
   using velkar::vision::ImageFrameImpl;
   const auto format = QXPixelFormat::kQXPixelFormatUint8;

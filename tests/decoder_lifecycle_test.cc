@@ -50,15 +50,12 @@ namespace utils {
 namespace ffmpeg {
 namespace {
 
-using ::testing::AnyOf;
 using ::testing::ContainsRegex;
 using testing::Drain;
-using ::testing::Each;
 using ::testing::ElementsAre;
 using ::testing::EndsWith;
 using testing::FramePtr;
 using testing::MakePacket;
-using testing::OpenDecoder;
 using testing::Receiver;
 using testing::SendAll;
 using ::testing::SizeIs;

@@ -13,11 +13,19 @@
 
 #include "qx_utils/internal/ffmpeg_handles.h"
 #include "tests/testing/log_capture.h"
+#include "tests/testing/temp_path.h"
 
 namespace {
 thread_local int allocations = 0;
 }  // namespace
 
+#if defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define QXTOOLS_HAS_OWN_NEW 1
+#endif
+#endif
+
+#ifndef QXTOOLS_HAS_OWN_NEW  // the thread sanitizer brings its own, which cannot be replaced
 // Out of line, or GCC takes free() in one and new in another for a mismatch.
 [[gnu::noinline]] void* operator new(std::size_t size) {
   ++allocations;
@@ -28,6 +36,7 @@ thread_local int allocations = 0;
 [[gnu::noinline]] void operator delete(void* block, std::size_t /*size*/) noexcept {
   std::free(block);
 }
+#endif
 
 namespace qx {
 namespace utils {
@@ -42,7 +51,7 @@ const std::string kClips = QXTOOLS_CLIPS_DIR "/";
 const std::string kEndOfFile = " Read frame failed. ErrCode: -541478725";  // AVERROR_EOF
 
 std::string WriteFile(const std::string& name, const std::string& bytes) {
-  std::string path = ::testing::TempDir() + name;
+  std::string path = testing::TempPath(name);
   std::ofstream(path, std::ios::binary) << bytes;
   return path;
 }

@@ -10,6 +10,7 @@
 #include "platform/emulated/board_environment.h"
 #include "tests/testing/fpga_runs.h"
 #include "tests/testing/log_capture.h"
+#include "tests/testing/temp_path.h"
 #include "xrt/xrt_bo.h"
 #include "xrt/xrt_device.h"
 #include "xrt/xrt_kernel.h"
@@ -49,7 +50,7 @@ std::string Replaced(const std::string& from, const std::string& to) {
 // A container file that Kernel_FPGA and the command find through the environment.
 class ContainerFile {
  public:
-  explicit ContainerFile(const std::string& text) : path(::testing::TempDir() + "fpga.container") {
+  explicit ContainerFile(const std::string& text) : path(testing::TempPath("fpga.container")) {
     std::ofstream(path) << text;
     setenv("xclbin_path", path.c_str(), 1);
   }

@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "tests/testing/temp_path.h"
 #include "tools/stereo_color.h"
 #include "tools/stereo_evaluation.h"
 #include "tools/stereo_features.h"
@@ -71,12 +72,8 @@ DisparityMap MapOf(int width, std::vector<float> values) {
   return map;
 }
 
-std::filesystem::path TempPath(const std::string& name) {
-  return std::filesystem::path(::testing::TempDir()) / ("stereo_test_" + name);
-}
-
 std::string WriteGray(const std::string& name, const GrayPicture& picture) {
-  std::string path = TempPath(name).string();
+  std::string path = testing::TempPath(name);
   std::ofstream file(path, std::ios::binary);
   file << "P5\n" << picture.width << ' ' << picture.height << "\n255\n";
   file.write(reinterpret_cast<const char*>(picture.luma.data()),
@@ -192,12 +189,12 @@ TEST(Evaluation, CountsKnownPixelsAndMissingAsWrong) {
 }
 
 TEST(Output, PgmHolds256thsOfAPixelAndZeroWhereMissing) {
-  const std::string path = TempPath("map.pgm").string();
+  const std::string path = testing::TempPath("map.pgm");
   WritePgmFile(MapOf(2, {kNone, 0, 1.5F, 255}), path);
   std::ifstream file(path, std::ios::binary);
   const std::string bytes{std::istreambuf_iterator<char>(file), {}};
   EXPECT_EQ(bytes, std::string("P5\n2 2\n65535\n\0\0\0\1\1\x80\xFF\0", 21));
-  EXPECT_THROW(WritePgmFile(MapOf(1, {1}), TempPath("none/map.pgm").string()), std::exception);
+  EXPECT_THROW(WritePgmFile(MapOf(1, {1}), testing::TempPath("none/map.pgm")), std::exception);
 }
 
 TEST(Output, ColoursGetLighterTowardsTheCameraAndTheLegendShowsThem) {
