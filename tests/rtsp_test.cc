@@ -33,6 +33,7 @@ class Server {
   explicit Server(std::vector<std::string> arguments) {
     arguments.insert(arguments.begin(), QXTOOLS_RTSP_SERVER);
     std::vector<char*> argv;
+    argv.reserve(arguments.size() + 1);
     for (std::string& argument : arguments) argv.push_back(&argument[0]);
     argv.push_back(nullptr);
     int input[2];
