@@ -3,26 +3,36 @@
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR aarch64)
 
+# The root must not lie in a folder whose name begins like the build folder's (build/aarch64...):
+# CMake then mistakes the compiler's own include folders.
+#
 # Try-compile projects read this file too and learn the root from the environment.
 if(NOT QXTOOLS_AARCH64_ROOT)
   set(QXTOOLS_AARCH64_ROOT "$ENV{QXTOOLS_AARCH64_ROOT}")
 endif()
 if(NOT QXTOOLS_AARCH64_ROOT)
-  get_filename_component(QXTOOLS_AARCH64_ROOT "${CMAKE_CURRENT_LIST_DIR}/../build/aarch64-root" ABSOLUTE)
+  get_filename_component(QXTOOLS_AARCH64_ROOT "${CMAKE_CURRENT_LIST_DIR}/../build/roots/aarch64" ABSOLUTE)
 endif()
 set(ENV{QXTOOLS_AARCH64_ROOT} "${QXTOOLS_AARCH64_ROOT}")
 set(CMAKE_SYSROOT "${QXTOOLS_AARCH64_ROOT}")
 
+# QXTOOLS_AARCH64_COMPILER=gcc takes Debian's cross compiler, which fits the bookworm root alone: its
+# address sanitizer runs under emulation.
 foreach(language C CXX)
   set(CMAKE_${language}_COMPILER_TARGET aarch64-linux-gnu)
   set(CMAKE_${language}_FLAGS_INIT "-mcpu=cortex-a53")
 endforeach()
-set(CMAKE_C_COMPILER clang-14)
-set(CMAKE_CXX_COMPILER clang++-14)
-file(GLOB openmp_folder "${QXTOOLS_AARCH64_ROOT}/usr/lib/llvm-*/lib")
-foreach(kind EXE SHARED MODULE)
-  set(CMAKE_${kind}_LINKER_FLAGS_INIT "-fuse-ld=lld -L${openmp_folder}")
-endforeach()
+if(QXTOOLS_AARCH64_COMPILER STREQUAL gcc)
+  set(CMAKE_C_COMPILER aarch64-linux-gnu-gcc)
+  set(CMAKE_CXX_COMPILER aarch64-linux-gnu-g++)
+else()
+  set(CMAKE_C_COMPILER clang-14)
+  set(CMAKE_CXX_COMPILER clang++-14)
+  file(GLOB openmp_folder "${QXTOOLS_AARCH64_ROOT}/usr/lib/llvm-*/lib")
+  foreach(kind EXE SHARED MODULE)
+    set(CMAKE_${kind}_LINKER_FLAGS_INIT "-fuse-ld=lld -L${openmp_folder}")
+  endforeach()
+endif()
 
 set(CMAKE_FIND_ROOT_PATH "${QXTOOLS_AARCH64_ROOT}")
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
@@ -36,14 +46,7 @@ set(ENV{PKG_CONFIG_LIBDIR}
 # The root's own include folders come after the standard library's; named again they would not.
 set(ENV{PKG_CONFIG_SYSTEM_INCLUDE_PATH}
   "/usr/include:/usr/include/aarch64-linux-gnu:${QXTOOLS_AARCH64_ROOT}/usr/include:${QXTOOLS_AARCH64_ROOT}/usr/include/aarch64-linux-gnu")
-foreach(language C CXX)
-  list(APPEND CMAKE_${language}_IMPLICIT_INCLUDE_DIRECTORIES
-    "${QXTOOLS_AARCH64_ROOT}/usr/include" "${QXTOOLS_AARCH64_ROOT}/usr/include/aarch64-linux-gnu")
-endforeach()
 
-# QXTOOLS_EMULATED_CPU=max adds the instructions that the board's processor lacks.
-if(NOT DEFINED QXTOOLS_EMULATED_CPU)
-  set(QXTOOLS_EMULATED_CPU cortex-a53)
-endif()
+# The environment variable QXTOOLS_EMULATED_CPU chooses the processor model of each run.
 set(CMAKE_CROSSCOMPILING_EMULATOR
-  "qemu-aarch64;-cpu;${QXTOOLS_EMULATED_CPU};-L;${QXTOOLS_AARCH64_ROOT}")
+  "${CMAKE_CURRENT_LIST_DIR}/../scripts/run-aarch64.sh;${QXTOOLS_AARCH64_ROOT}")

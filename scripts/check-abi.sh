@@ -18,6 +18,11 @@ if foreign=$(grep -vE '^((vtable|typeinfo|typeinfo name) for )?(qx|velkar)::' "$
   die "names of others leave the library; they stand above"
 fi
 
+# Every class of the public headers is on the list.
+for class in $(sed -nE 's/^(class|struct) (QXTOOLS_EXPORT )?(\w+)( : .*)? \{$/\3/p' include/qxtools/*.h); do
+  grep -qE "^ABI_CLASS\((\w+::)+$class(<float>)?\)$" abi/classes.inc || die "$class is missing in abi/classes.inc"
+done
+
 # One translation unit that sees every public header and asks for every class's layout.
 for header in include/qxtools/*.h; do echo "#include \"qxtools/$(basename "$header")\""; done >"$work/all.cc"
 cat abi/classes.inc >>"$work/all.cc"

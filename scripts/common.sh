@@ -23,6 +23,25 @@ configure_and_build() {
   fi
 }
 
+# unpack_root FOLDER SUITE MMDEBSTRAP-OPTION...: makes a Debian root; the log lies beside it.
+# Returns: 77 when the mirror no longer serves the suite, with the reason on standard output.
+unpack_root() {
+  local root=$1 suite=$2 log=$1.log
+  shift 2
+  rm -rf "$root"
+  mkdir -p "$(dirname "$root")"
+  mmdebstrap --mode=root "$@" "$suite" "$root" "deb $(debian_mirror) $suite main" >"$log" 2>&1 && return
+  grep '^E:' "$log" | cut -c1-300
+  grep -qE '^E: (The repository|Failed to fetch)' "$log" || die "$suite could not be unpacked; $log tells why"
+  return 77
+}
+
+# Debian 11 has no CLI11; it is headers alone, so this system's package serves in any root.
+unpack_cli11() {
+  (cd "$1/.." && rm -f libcli11-dev_*.deb && apt-get download -q libcli11-dev >/dev/null &&
+    dpkg-deb -x libcli11-dev_*.deb "$1") || die "libcli11-dev could not be fetched"
+}
+
 # The address of the package mirror that this machine uses.
 debian_mirror() {
   sed -n 's/^URIs: *//p' /etc/apt/sources.list.d/*.sources 2>/dev/null | head -n 1 | grep . ||

@@ -6,7 +6,7 @@
 # usage: count-instructions.sh
 . "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 
-root=$project/build/aarch64-root
+root=$project/build/roots/aarch64
 out=$project/build/count-instructions
 command -v qemu-aarch64 >/dev/null || die "qemu-aarch64 is missing; run: apt-get install qemu-user"
 scripts/setup-aarch64.sh

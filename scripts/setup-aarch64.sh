@@ -3,32 +3,31 @@
 # of everything that the library, the command and their tests need. Does nothing when it is there.
 #
 # usage: setup-aarch64.sh [SUITE [FOLDER]]
-#   SUITE    bookworm (FFmpeg 5.1, the default) or bullseye (FFmpeg 4.3, the board's generation)
-#   FOLDER   build/aarch64-root unless given; must be absolute for another one
+#   SUITE    bookworm (FFmpeg 5.1, the default) or bullseye (FFmpeg 4.3, the boards' generation)
+#   FOLDER   absolute; build/roots/aarch64 unless given
+# Exit status 77: the mirror no longer serves the suite.
 . "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 
 suite=${1-bookworm}
-root=${2-$project/build/aarch64-root}
+root=${2-$project/build/roots/aarch64}
+packages=libavformat-dev,libavcodec-dev,libavutil-dev,libswscale-dev,libgoogle-glog-dev
+packages+=,libgtest-dev,libgmock-dev,libbenchmark-dev,nlohmann-json3-dev,libpng-dev,libc6-dev,libgomp1
 case $suite in
-  bookworm) gcc=12 omp=14 ;;
-  bullseye) gcc=10 omp=11 ;;
+  bookworm) packages+=,libcli11-dev,libstdc++-12-dev,libomp-14-dev ;;
+  bullseye) packages+=,libstdc++-10-dev,libomp-11-dev ;;
   *) die "unknown suite '$suite'; usage: setup-aarch64.sh [bookworm|bullseye [FOLDER]]" ;;
 esac
-if [ -e "$root/.complete" ] && [ "$(cat "$root/.complete")" = "$suite" ]; then
-  say "The $suite root is in $root"
-  exit 0
-fi
-command -v mmdebstrap >/dev/null || die "mmdebstrap is missing; run: apt-get install mmdebstrap"
+[ "$(cat "$root/.complete" 2>/dev/null || true)" != "$suite" ] || exit 0
+scripts/install-packages.sh roots
 
 say "Unpacking $suite for arm64 into $root"
-rm -rf "$root"
-mkdir -p "$root"
-packages=libavformat-dev,libavcodec-dev,libavutil-dev,libswscale-dev,libgoogle-glog-dev
-packages+=,libgtest-dev,libgmock-dev,libbenchmark-dev,libcli11-dev,nlohmann-json3-dev,libpng-dev
-packages+=,libc6-dev,libstdc++-$gcc-dev,libgomp1,libomp-$omp-dev
-mirror=$(debian_mirror)
-mmdebstrap --mode=root --variant=extract --arch=arm64 --include="$packages" \
-  "$suite" "$root" "deb $mirror $suite main" || die "cannot unpack $suite for arm64"
+status=0
+unpack_root "$root" "$suite" --variant=extract --arch=arm64 --include="$packages" || status=$?
+if [ "$status" -eq 77 ]; then
+  echo "$suite is no longer served for arm64; the reason stands above"
+  exit 77
+fi
+[ "$suite" != bullseye ] || unpack_cli11 "$root"
 # Absolute links would lead out of the root.
 find "$root/lib" "$root/usr/lib" -type l -lname '/*' | while read -r link; do
   ln -srfn "$root$(readlink "$link")" "$link"

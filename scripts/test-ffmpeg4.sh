@@ -8,25 +8,20 @@
 [ "$(id -u)" -eq 0 ] || die "needs root, to unpack a Debian 11 root and to mount the sources into it"
 scripts/install-packages.sh roots
 
-root=$project/build/debian11-root
+root=$project/build/roots/debian11
 packages=g++,cmake,ninja-build,pkg-config,libavformat-dev,libavcodec-dev,libavutil-dev,libswscale-dev
 packages+=,libgoogle-glog-dev,libgtest-dev,libgmock-dev,libbenchmark-dev
 packages+=,nlohmann-json3-dev,libpng-dev,ffmpeg,python3-gi,gir1.2-gst-rtsp-server-1.0
 packages+=,gstreamer1.0-plugins-base,gstreamer1.0-plugins-good,gstreamer1.0-plugins-bad
 if [ ! -f "$root/.complete" ]; then
   say "Unpacking a Debian 11 root"
-  rm -rf "$root"
-  if ! mmdebstrap --mode=root --variant=minbase --include="$packages" bullseye "$root" \
-    "deb $(debian_mirror) bullseye main" >build/debian11-root.log 2>&1; then
-    grep '^E:' build/debian11-root.log | cut -c1-300
-    grep -qE "^E: (The repository|Failed to fetch)" build/debian11-root.log ||
-      die "Debian 11 could not be unpacked; build/debian11-root.log tells why"
+  status=0
+  unpack_root "$root" bullseye --variant=minbase --include="$packages" || status=$?
+  if [ "$status" -eq 77 ]; then
     echo "SKIPPED: Debian 11 is no longer served; the reason stands above"
     exit 0
   fi
-  # Debian 11 has no CLI11; it is headers alone, so this system's package serves.
-  (cd build && rm -f libcli11-dev_*.deb && apt-get download -q libcli11-dev >/dev/null &&
-    dpkg-deb -x libcli11-dev_*.deb "$root") || die "libcli11-dev could not be fetched"
+  unpack_cli11 "$root"
   touch "$root/.complete"
 fi
 

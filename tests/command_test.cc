@@ -12,6 +12,10 @@
 #include <string>
 #include <vector>
 
+extern "C" {
+#include <libavformat/avformat.h>
+}
+
 namespace {
 
 namespace fs = std::filesystem;
@@ -74,6 +78,29 @@ TEST_F(CommandTest, BoardShowsTheKernelThatAnApplicationWouldBind) {
   EXPECT_EQ(board["base_address"], "0xa0000000");
   EXPECT_EQ(board["argument_offsets"].size(), 4U);
   EXPECT_EQ(board["geometry"]["width"], 5);
+}
+
+TEST_F(CommandTest, DoctorShowsWhatTheProcessRunsWith) {
+  const auto found = nlohmann::json::parse(
+      Shell("QXTOOLS_FORCE_ISA=scalar OMP_NUM_THREADS=3 $Q doctor --json").out);
+  const struct {
+    const char* key;
+    nlohmann::json value;
+  } cases[] = {{"instruction_set", "scalar"},
+               {"openmp_threads", 3},
+               {"device_runtime", "emulated"},
+               {"rtsp_wait_limit_s", 3},
+               {"rtsp_open_limit_s", 7}};
+  const std::string text = Shell("QXTOOLS_FORCE_ISA=scalar OMP_NUM_THREADS=3 $Q doctor").out;
+  for (const auto& c : cases) {
+    EXPECT_EQ(found[c.key], c.value) << c.key;
+    EXPECT_NE(text.find(c.key), std::string::npos) << text;
+  }
+  EXPECT_EQ("qxtools " + found["library"].get<std::string>() + "\n", Shell("$Q --version").out);
+  EXPECT_EQ(found["libavformat"].get<std::string>().rfind(
+                std::to_string(AV_VERSION_MAJOR(avformat_version())) + '.', 0),
+            0U)
+      << found["libavformat"];
 }
 
 TEST_F(CommandTest, WrongUsageIsStatus2) {

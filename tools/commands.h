@@ -13,6 +13,7 @@ namespace tools {
 
 void AddBoard(CLI::App& app);
 void AddDecode(CLI::App& app);
+void AddDoctor(CLI::App& app);
 void AddIsa(CLI::App& app);
 void AddProbe(CLI::App& app);
 void AddStereo(CLI::App& app);

@@ -17,8 +17,8 @@ namespace {
 
 // In the order of --help.
 constexpr std::initializer_list<void (*)(CLI::App&)> kSubcommands = {
-    qx::tools::AddStereo, qx::tools::AddProbe, qx::tools::AddDecode, qx::tools::AddBoard,
-    qx::tools::AddIsa};
+    qx::tools::AddStereo, qx::tools::AddProbe, qx::tools::AddDecode,
+    qx::tools::AddBoard,  qx::tools::AddIsa,   qx::tools::AddDoctor};
 
 enum ExitStatus { kSuccess = 0, kFailure = 1, kUsage = 2 };
 

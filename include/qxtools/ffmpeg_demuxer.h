@@ -33,6 +33,13 @@ enum class DemuxerFault {
   kOther,          // none of the above; the log holds FFmpeg's code
 };
 
+// What the demuxer puts up with from an RTSP camera.
+struct RtspTimeLimits {
+  std::chrono::seconds wait;  // for the camera's next byte
+  std::chrono::seconds open;  // for all of Open(), the host's name and closing the last input aside
+};
+[[nodiscard]] QXTOOLS_EXPORT RtspTimeLimits GetRtspTimeLimits();
+
 // Hands out the packets of the first H.264 or H.265 stream of an input, without copying them.
 //
 // Threads: one demuxer is used by one thread at a time; Cancel() and ClearCancel() alone may be

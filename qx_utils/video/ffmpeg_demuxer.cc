@@ -63,6 +63,8 @@ bool ExamineStream(const AVStream& stream, unsigned index, VideoCodec& codec) {
 
 }  // namespace
 
+RtspTimeLimits GetRtspTimeLimits() { return {internal::kSocketLimit, kRtspOpenLimit}; }
+
 FfmpegDemuxer::FfmpegDemuxer() : watch_(std::make_shared<InputWatch>()) {}
 
 FfmpegDemuxer::~FfmpegDemuxer() = default;

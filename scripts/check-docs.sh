@@ -1,0 +1,71 @@
+#!/usr/bin/env bash
+# Checks every *.md of the project: relative links lead to a file and to a heading of it, paths in
+# backticks exist, and C++ blocks compile against the public headers. A block may be a
+# function's body; one without #include lines sees all public headers.
+#
+# usage: check-docs.sh [DOXYFILE]
+#   DOXYFILE   also builds the reference site with it, without a warning
+. "$(dirname "${BASH_SOURCE[0]}")/common.sh"
+
+mapfile -t pages < <(git ls-files '*.md')
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+failures=0
+complain() {
+  printf '%s\n' "$*" >&2
+  failures=$((failures + 1))
+}
+
+# The anchors that headings of a page get.
+anchors() {
+  awk '/^```/ {code = !code} !code' "$1" | sed -n 's/^##* *//p' | tr '[:upper:]' '[:lower:]' |
+    sed -e 's/[^a-z0-9 _-]//g' -e 's/ /-/g'
+}
+
+links=0
+for page in "${pages[@]}"; do
+  while read -r link; do
+    links=$((links + 1))
+    target=${link%%#*}
+    file=$(dirname "$page")/$target
+    [ -n "$target" ] || file=$page
+    if [ ! -e "$file" ]; then
+      complain "$page: dead link: $link"
+    elif [[ $link == *'#'* ]] && ! anchors "$file" | grep -qxF -- "${link#*#}"; then
+      complain "$page: no such heading: $link"
+    fi
+  done < <(grep -oE '\]\([^) ]+\)' "$page" | sed -e 's/^](//' -e 's/)$//' | grep -vE '^[a-z]+:' || true)
+  while read -r path; do
+    links=$((links + 1))
+    [ -e "$path" ] || complain "$page: \`$path\` does not exist"
+  done < <(grep -oE '`(bench|cmake|docs|examples|fuzz|include|platform|qx_utils|scripts|tests|tools|vision|vitis)/[A-Za-z0-9_./-]*`' "$page" |
+    tr -d '`' || true)
+done
+[ "$links" -gt 0 ] || die "no links found in ${#pages[@]} pages"
+
+# One file per C++ block, named after its page and line.
+for page in "${pages[@]}"; do
+  awk -v base="$work/${page//\//_}" '
+    /^```cpp$/ {file = base "-" NR ".cc"; next}
+    /^```$/ {if (file) close(file); file = ""}
+    file {print > file}' "$page"
+done
+mapfile -t blocks < <(find "$work" -name '*.cc' | sort)
+[ ${#blocks[@]} -gt 0 ] || die "no C++ blocks found in ${#pages[@]} pages"
+compiles() { g++ -std=c++17 -Iinclude -fsyntax-only "$1" 2>"$work/errors.txt"; }
+for block in "${blocks[@]}"; do
+  {
+    grep '^#include' "$block" || for header in include/qxtools/*.h; do echo "#include <qxtools/${header##*/}>"; done
+  } >"$work/head.txt"
+  grep -v '^#include' "$block" >"$work/body.txt"
+  cat "$work/head.txt" "$work/body.txt" >"$work/whole.cc"
+  { cat "$work/head.txt" && echo 'void Example() {' && cat "$work/body.txt" && echo '}'; } >"$work/wrapped.cc"
+  compiles "$work/whole.cc" || compiles "$work/wrapped.cc" || {
+    cat "$work/errors.txt" >&2
+    complain "$(basename "$block" .cc): does not compile"
+  }
+done
+
+[ $# -eq 0 ] || doxygen "$1" || complain "the reference site has the warnings above"
+[ "$failures" -eq 0 ] || die "$failures findings stand above"
+echo "docs: ${#pages[@]} pages, $links links and paths, ${#blocks[@]} C++ blocks"
