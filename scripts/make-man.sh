@@ -8,9 +8,10 @@ command=$1
 out=$2
 mkdir -p "$out"
 
+# Examples keep their lines.
 page() {  # page NAME SUMMARY COMMAND...
   help2man --no-info --no-discard-stderr --section 1 --name "$2" --version-string "$("$command" --version)" \
-    "${*:3}" | gzip -9n >"$out/$1.1.gz"
+    "${*:3}" | sed -e '/^\.SH EXAMPLES/,$ {s/^\.IP$/&\n.nf/; s/^\.PP$/.fi\n&/}' | gzip -9n >"$out/$1.1.gz"
 }
 
 subcommands=$("$command" --help | sed -n '/^Subcommands:/,$s/^  \([a-z][a-z-]*\)  *\(.*\)/\1 \2/p')
