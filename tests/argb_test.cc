@@ -136,7 +136,6 @@ TEST(CvtColorArgb, PutsAnAlphaOfZeroInFront) {
 }
 
 TEST(CvtColorArgbDeathTest, LengthsThatDoNotFitAreFatal) {
-  ::testing::FLAGS_gtest_death_test_style = "threadsafe";
   const struct {
     std::size_t src_len, dst_len;
     const char* text;

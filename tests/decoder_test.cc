@@ -268,7 +268,6 @@ TEST(ConvertAvPixelFormat, KnowsThreeFormatsAndDiesOfOthers) {
   EXPECT_EQ(ConvertAvPixelFormat(AV_PIX_FMT_YUV420P), 7);
   EXPECT_EQ(ConvertAvPixelFormat(AV_PIX_FMT_NV12), 6);
   EXPECT_EQ(ConvertAvPixelFormat(AV_PIX_FMT_NV21), 5);
-  ::testing::FLAGS_gtest_death_test_style = "threadsafe";
   EXPECT_DEATH(ConvertAvPixelFormat(AV_PIX_FMT_NONE),
                "Check failed: it != av2qx_map.end\\(\\) not found pixel format -1");
 }

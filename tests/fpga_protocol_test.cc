@@ -325,7 +325,6 @@ TEST_F(FpgaProtocol, BadSizesAreRefusedBeforeAnythingIsOpened) {
 }
 
 TEST_F(FpgaProtocol, OneShotsEndTheProcessForFramesThatDoNotFit) {
-  ::testing::FLAGS_gtest_death_test_style = "threadsafe";
   const StereoMaps other({2, 8, 64, 4});
   for (const auto one_shot : {CostVolume_FPGA, CostVolume_FPGA_old}) {
     const auto run = [&](velkar::vision::ImageFrame* right) {
