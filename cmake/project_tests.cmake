@@ -21,4 +21,4 @@ if(CMAKE_CXX_COMPILER_ID STREQUAL GNU AND CMAKE_CXX_COMPILER_VERSION VERSION_GRE
   project_test(abi "clang++-14" check-abi.sh $<TARGET_FILE:qxtools>)
 endif()
 project_test(consumer "g++;clang++-14;pkg-config" check-consumer.sh ${PROJECT_BINARY_DIR})
-project_test(docs "doxygen;git" check-docs.sh ${PROJECT_BINARY_DIR}/Doxyfile)
+project_test(docs doxygen check-docs.sh ${PROJECT_BINARY_DIR}/Doxyfile)

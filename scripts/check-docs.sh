@@ -7,7 +7,7 @@
 #   DOXYFILE   also builds the reference site with it, without a warning
 . "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 
-mapfile -t pages < <(git ls-files '*.md')
+mapfile -t pages < <(find . -path ./build -prune -o -path ./.git -prune -o -name '*.md' -printf '%P\n' | sort)
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 failures=0
