@@ -3,9 +3,9 @@
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR aarch64)
 
-# The root must not lie in a folder whose name begins like the build folder's (build/aarch64...):
-# CMake then mistakes the compiler's own include folders.
-#
+# With a base folder ccache makes paths relative, and CMake mistakes the compiler's include folders.
+unset(ENV{CCACHE_BASEDIR})
+
 # Try-compile projects read this file too and learn the root from the environment.
 if(NOT QXTOOLS_AARCH64_ROOT)
   set(QXTOOLS_AARCH64_ROOT "$ENV{QXTOOLS_AARCH64_ROOT}")
