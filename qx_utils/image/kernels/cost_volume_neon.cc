@@ -144,7 +144,7 @@ struct Sums {
 // assembly: of intrinsics compilers make spills, which cost more than the products.
 QXTOOLS_INLINE Sums Multiply(const std::int8_t* left, const std::int8_t* right, std::size_t steps,
                              std::size_t rest) {
-  Sums sums;
+  Sums sums{};
   __asm__ volatile(
       QXTOOLS_CHANNELS("saddlp") "1:\n\t" QXTOOLS_CHANNELS(
           "sadalp") "subs %[steps], %[steps], #1\n\tb.ne 1b\n\t" QXTOOLS_REDUCE("%0", 16, 17, 18,
@@ -224,7 +224,7 @@ void Strip(const CostVolumeJob& job, const Plan& plan, std::size_t x, const std:
   const std::size_t end = Smaller(plan.costs, x + pixels);
   const std::size_t whole =
       pixels == kTile ? Smaller(RoundUp(end, kTile), pitch / kTile * kTile) : 0;
-  right -= 3 * 16;
+  right -= (kTile - 1) * 16;
   std::size_t d = 0;
   for (; d < whole; d += kTile, right -= kTile * 16) {
     Store(cost + d, pitch, Narrow<kWide>(Multiply(left, right, steps, rest), bias + d, scale));
