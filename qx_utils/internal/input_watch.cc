@@ -56,7 +56,7 @@ InputWatch::Call::Call(InputWatch& watch, Clock::duration wait_limit)
   Restart();
 }
 
-InputWatch::Call::~Call() { watch_.deadline_ = kNoLimit.count(); }
+InputWatch::Call::~Call() { watch_.deadline_.store(kNoLimit.count(), std::memory_order_relaxed); }
 
 void InputWatch::Call::Restart() {
   auto deadline = end_;
@@ -64,7 +64,7 @@ void InputWatch::Call::Restart() {
     watch_.wait_began_ = Clock::now();
     deadline = std::min(deadline, After(watch_.wait_began_, wait_limit_));
   }
-  watch_.deadline_ = deadline.time_since_epoch().count();
+  watch_.deadline_.store(deadline.time_since_epoch().count(), std::memory_order_relaxed);
 }
 
 void InputWatch::SetFault(int code, const char* url) {
@@ -84,7 +84,7 @@ AVIOInterruptCB InputWatch::InterruptCallback() {
 }
 
 bool InputWatch::Late() const {
-  const Clock::rep deadline = deadline_;
+  const Clock::rep deadline = deadline_.load(std::memory_order_relaxed);
   return deadline != kNoLimit.count() && Clock::now().time_since_epoch().count() >= deadline;
 }
 

@@ -39,15 +39,15 @@ class InputWatch {
   };
 
   void SetLimit(Clock::duration limit) { limit_ = limit; }
-  void Cancel() { cancelled_ = true; }
-  void ClearCancel() { cancelled_ = false; }
+  void Cancel() { cancelled_.store(true, std::memory_order_relaxed); }
+  void ClearCancel() { cancelled_.store(false, std::memory_order_relaxed); }
 
   video::DemuxerFault fault() const { return fault_; }
   void set_fault(video::DemuxerFault fault) { fault_ = fault; }
   // Records the cause of a failure that FFmpeg reports as `code` on an input opened from `url`.
   void SetFault(int code, const char* url);
 
-  bool Cancelled() const { return cancelled_; }
+  bool Cancelled() const { return cancelled_.load(std::memory_order_relaxed); }
   bool Interrupted() const { return Cancelled() || Late(); }
 
   // For AVFormatContext::interrupt_callback. The watch must outlive the context.
@@ -56,6 +56,7 @@ class InputWatch {
  private:
   bool Late() const;
 
+  // Neither guards other data, and both are touched for every packet: relaxed accesses do.
   std::atomic<bool> cancelled_{false};
   std::atomic<Clock::rep> deadline_{kNoLimit.count()};  // on Clock
   Clock::duration limit_ = kNoLimit;
