@@ -1,6 +1,7 @@
 // The one-shot ways of running the correlation kernel.
 #include <glog/logging.h>
 
+#include "qx_utils/internal/frame_view.h"
 #include "qxtools/fpga_correlation.h"
 #include "vitis/correlation.h"
 
@@ -23,22 +24,13 @@ struct Sizes {
 
 // Tests the frames and logs their shapes. Returns: the buffer sizes; nothing has been opened yet.
 Sizes CheckFrames(const ImageFrame* input_l, const ImageFrame* input_r, const ImageFrame* output) {
-  CHECK(QXPixelFormat::kQXPixelFormatUint8 == input_l->pixel_format &&
-        QXPixelFormat::kQXPixelFormatUint8 == input_r->pixel_format &&
-        QXPixelFormat::kQXPixelFormatUint8 == output->pixel_format)
-      << "input_l, input_r, output pixel format must be Uint8 "
-      << QXPixelFormat::kQXPixelFormatUint8;
-  CHECK_EQ(input_l->DataSize(), input_r->DataSize())
-      << "The two inputs' size not same, please check.";
-  const auto shape = [](const ImageFrame* frame) {
-    return "(" + std::to_string(frame->Height()) + ", " + std::to_string(frame->Width()) + ", " +
-           std::to_string(frame->Channel()) + ") ";
-  };
-  LOG(INFO) << "cost_volume inputs shape: " << std::endl
-            << "left: " << shape(input_l) << "right: " << shape(input_r);
-  const std::uint32_t pixels = input_l->Height() * input_l->Width();
-  const Sizes sizes{static_cast<std::int32_t>(pixels * input_l->Channel()),
-                    static_cast<std::int32_t>(pixels * output->Channel())};
+  const internal::FrameView left(*input_l);
+  const internal::FrameView right(*input_r);
+  const internal::FrameView cost(*output);
+  internal::CheckCostVolumeFrames(&left, &right, &cost);
+  const std::uint32_t pixels = left.height * left.width;
+  const Sizes sizes{static_cast<std::int32_t>(pixels * left.channels),
+                    static_cast<std::int32_t>(pixels * cost.channels)};
   correlation::RequireSizes(sizes.input, sizes.output);
   return sizes;
 }

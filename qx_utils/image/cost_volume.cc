@@ -11,46 +11,15 @@
 
 #include "qx_utils/image/kernels/cost_volume.h"
 #include "qx_utils/internal/cpu_features.h"
+#include "qx_utils/internal/frame_view.h"
 
 namespace qx {
 namespace utils {
 namespace image {
 namespace {
 
+using internal::FrameView;
 using velkar::vision::ImageFrame;
-
-// A frame's answers, asked for once: frames of other components may change theirs between calls.
-struct FrameView {
-  explicit FrameView(const ImageFrame& frame)
-      : pixel_format(frame.pixel_format),
-        scale(frame.scale),
-        data(frame.Data()),
-        data_size(frame.DataSize()),
-        height(frame.Height()),
-        width(frame.Width()),
-        channels(frame.Channel()) {}
-
-  std::uint32_t DataSize() const { return data_size; }
-  // Elements, or more than 32 bits hold when the product does not fit.
-  std::uint64_t Elements() const {
-    constexpr std::uint64_t kTooMany = std::numeric_limits<std::uint64_t>::max();
-    const std::uint64_t pixels = std::uint64_t{height} * width;
-    if (channels != 0 && pixels > std::numeric_limits<std::uint32_t>::max()) return kTooMany;
-    return pixels * channels;
-  }
-
-  QXPixelFormat pixel_format;
-  float scale;
-  std::uint8_t* data;
-  std::uint32_t data_size;
-  std::uint32_t height;
-  std::uint32_t width;
-  std::uint32_t channels;
-};
-
-std::ostream& operator<<(std::ostream& out, const FrameView& view) {
-  return out << "(" << view.height << ", " << view.width << ", " << view.channels << ") ";
-}
 
 // What makes the frames unusable together, or null.
 const char* GeometryError(const FrameView& left, const FrameView& right, const FrameView& output) {
@@ -127,15 +96,7 @@ void RunAnywhere(const FrameView& left, const FrameView& right, const FrameView&
 }
 
 void Compute(const FrameView* input_l, const FrameView* input_r, const FrameView* output) {
-  CHECK(QXPixelFormat::kQXPixelFormatUint8 == input_l->pixel_format &&
-        QXPixelFormat::kQXPixelFormatUint8 == input_r->pixel_format &&
-        QXPixelFormat::kQXPixelFormatUint8 == output->pixel_format)
-      << "input_l, input_r, output pixel format must be Uint8 "
-      << QXPixelFormat::kQXPixelFormatUint8;
-  CHECK_EQ(input_l->DataSize(), input_r->DataSize())
-      << "The two inputs' size not same, please check.";
-  LOG(INFO) << "cost_volume inputs shape: " << std::endl
-            << "left: " << *input_l << "right: " << *input_r;
+  internal::CheckCostVolumeFrames(input_l, input_r, output);
   if (const char* error = GeometryError(*input_l, *input_r, *output)) {
     LOG(ERROR) << "cost_volume leaves the output untouched: " << error << "; left " << *input_l
                << input_l->data_size << " bytes, right " << *input_r << input_r->data_size

@@ -1,0 +1,40 @@
+// What a cost volume needs to know of a frame, and the checks with which each of them begins.
+#pragma once
+
+#include <cstdint>
+#include <ostream>
+
+#include "qxtools/image_frame.h"
+
+namespace qx {
+namespace utils {
+namespace internal {
+
+// A frame's attributes, read once: a frame of somebody else's could answer differently each time.
+struct FrameView {
+  explicit FrameView(const velkar::vision::ImageFrame& frame);
+
+  std::uint32_t DataSize() const { return data_size; }
+  // Elements, or more than 32 bits hold when the product does not fit.
+  std::uint64_t Elements() const;
+
+  QXPixelFormat pixel_format;
+  float scale;
+  std::uint8_t* data;
+  std::uint32_t data_size;
+  std::uint32_t height;
+  std::uint32_t width;
+  std::uint32_t channels;
+};
+
+// "(height, width, channels) ", with the blank at the end.
+std::ostream& operator<<(std::ostream& out, const FrameView& view);
+
+// Ends the process through a fatal log line unless all frames hold 8-bit maps and the inputs are of
+// one size; logs the inputs' shapes.
+void CheckCostVolumeFrames(const FrameView* input_l, const FrameView* input_r,
+                           const FrameView* output);
+
+}  // namespace internal
+}  // namespace utils
+}  // namespace qx
