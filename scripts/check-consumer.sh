@@ -32,6 +32,7 @@ done
 [ "$count" -gt 0 ] || die "no public headers were installed"
 
 run() { LD_LIBRARY_PATH=$(dirname "$(find "$stage" -name libqxtools.so)") "$1"; }
+rm -rf "$build/consumer"
 cmake -S tests/consumer -B "$build/consumer" -G Ninja -DCMAKE_PREFIX_PATH="$stage" >/dev/null
 cmake --build "$build/consumer" >/dev/null
 run "$build/consumer/consumer"
