@@ -28,6 +28,7 @@ class OnednnBands {
   // Whether this build has oneDNN.
   static bool Available();
   explicit OnednnBands(std::size_t strip) : strip_(strip) {}
+  std::size_t strip() const { return strip_; }
   void Run(const utils::image::CostVolumeJob& job, std::size_t rows);
 
  private:
