@@ -160,6 +160,8 @@ class QXTOOLS_EXPORT FfmpegDecoder : public video::Decoder {
   //          picture is lost.
   // Cost:    decoding, one allocation and one copy of the picture, one copy of the payload. The
   //          queue has no limit: it grows while the callback is slower than the packets.
+  //          glibc's heap gives freed pictures back to the system and faults them in again; small
+  //          pictures at high rates gain from a larger M_TRIM_THRESHOLD (mallopt) in the process.
   int SendFrame(std::shared_ptr<video::StreamPacket> packet, void* user_data) override;
 
  private:
