@@ -38,7 +38,8 @@ mount_below /proc /proc
 mount_below /dev /dev
 
 say "Build and test against FFmpeg 4"
-chroot "$root" /bin/bash -euc '
+# Nothing in this system's environment holds in there.
+env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/root chroot "$root" /bin/bash -euc '
   cd /src
   cmake -S . -B build/ffmpeg4 -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DQXTOOLS_WERROR=ON \
     -DQXTOOLS_CLIPS_DIR=/src/build/ffmpeg4/clips >/dev/null

@@ -2,7 +2,6 @@
 
 #include <glog/logging.h>
 #include <sys/mman.h>
-#include <sys/prctl.h>
 
 #include <cerrno>
 #include <system_error>
@@ -18,10 +17,9 @@ constexpr std::uint32_t kControlOffset = 0;
 constexpr std::uint32_t kRunning = 1;
 constexpr std::uint32_t kErrorValue = 0x80000006;  // control word after a run that failed
 
-// How soon a start is noticed: closely for a while after a run, lazily when nothing happens.
-constexpr std::chrono::microseconds kBusyRest{5};
-constexpr std::chrono::microseconds kIdleRest{500};
-constexpr std::chrono::milliseconds kBusyPeriod{100};
+// How soon a start is noticed: at once for a while after inputs were sent, else at the next look.
+constexpr std::chrono::milliseconds kAlertPeriod{1};
+constexpr std::chrono::microseconds kRest{200};
 
 }  // namespace
 
@@ -54,6 +52,11 @@ void ComputeUnit::Program(const Container& container) {
     StoreWord(Register(offset), 0);
   }
   container_ = container;
+  const auto& geometry = container.geometry;
+  const std::size_t pixels = std::size_t{geometry.height} * geometry.width;
+  left_.resize(pixels * geometry.channels);
+  right_.resize(pixels * geometry.channels);
+  cost_.resize(pixels * geometry.disparities);
   if (!thread_.joinable()) thread_ = std::thread([this] { Watch(); });
 }
 
@@ -66,7 +69,6 @@ void ComputeUnit::Attach() {
   {
     const Lock lock(mutex_);
     ++statistics_.handles;
-    last_run_ = Clock::now();  // a run is likely soon
   }
   changed_.notify_all();
 }
@@ -75,6 +77,14 @@ void ComputeUnit::Detach() {
   {
     const Lock lock(mutex_);
     --statistics_.handles;
+  }
+  changed_.notify_all();
+}
+
+void ComputeUnit::ExpectStart() {
+  {
+    const Lock lock(mutex_);
+    alert_until_ = Clock::now() + kAlertPeriod;
   }
   changed_.notify_all();
 }
@@ -119,7 +129,6 @@ bool ComputeUnit::HasStarted() const {
 }
 
 void ComputeUnit::Watch() {
-  prctl(PR_SET_TIMERSLACK, 1, 0, 0, 0);  // ns; the usual 50 us would delay every start
   Lock lock(mutex_);
   while (!stop_) {
     if (HasStarted()) {
@@ -135,21 +144,27 @@ void ComputeUnit::Rest(Lock& lock) {
     changed_.wait(lock, [this] { return stop_ || statistics_.handles != 0 || HasStarted(); });
     return;
   }
-  const bool busy = Clock::now() - last_run_ < kBusyPeriod;
-  changed_.wait_for(lock, busy ? kBusyRest : kIdleRest);
+  if (Clock::now() >= alert_until_) {
+    changed_.wait_for(lock, kRest);
+    return;
+  }
+  lock.unlock();
+  std::this_thread::yield();
+  lock.lock();
 }
 
 void ComputeUnit::Run(Lock& lock) {
   const Clock::time_point start = Clock::now();
+  alert_until_ = {};
   statistics_.running = true;
   log_.Note("unit.start", "");
   hung_ = log_.IsFaultDue("unit.hang");
   const bool fails = log_.IsFaultDue("unit.error");
   const Job job = LatchJob();
-  std::optional<std::vector<std::int8_t>> cost;
+  bool computed = false;
   if (!fails) {
     lock.unlock();
-    cost = Compute(job);
+    computed = Compute(job);
     lock.lock();
   }
   const auto interrupted = [this] { return stop_ || abandon_; };
@@ -160,10 +175,9 @@ void ComputeUnit::Run(Lock& lock) {
   if (abandon_) {
     StoreWord(Register(kControlOffset), 0);
   } else if (!stop_) {
-    FinishRun(job, cost);
+    FinishRun(job, computed);
   }
-  last_run_ = Clock::now();
-  statistics_.kernel_time += last_run_ - start;
+  statistics_.kernel_time += Clock::now() - start;
   statistics_.running = hung_ = false;
   changed_.notify_all();
 }
@@ -176,27 +190,25 @@ ComputeUnit::Job ComputeUnit::LatchJob() const {
   return {value(0), value(1), value(2), value(3)};
 }
 
-std::optional<std::vector<std::int8_t>> ComputeUnit::Compute(const Job& job) const {
-  const auto& geometry = container_.geometry;  // Program() waits for the run before changing it
-  const std::size_t bytes = std::size_t{geometry.height} * geometry.width * geometry.channels;
-  std::vector<std::int8_t> left(bytes), right(bytes);
-  if (!memory_.Read(job.left, left.data(), bytes) ||
-      !memory_.Read(job.right, right.data(), bytes)) {
+bool ComputeUnit::Compute(const Job& job) {
+  if (!memory_.Read(job.left, left_.data(), left_.size()) ||
+      !memory_.Read(job.right, right_.data(), right_.size())) {
     LOG(ERROR)
-        << "emulated board: the kernel needs " << bytes << " bytes at each of 0x" << std::hex
+        << "emulated board: the kernel needs " << left_.size() << " bytes at each of 0x" << std::hex
         << job.left << " and 0x" << job.right
         << ", but no such buffers exist; do the buffer sizes match the container's geometry?";
-    return std::nullopt;
+    return false;
   }
-  return Correlate(geometry, left, right, job.exponent);
+  Correlate(container_.geometry, left_, right_, job.exponent, cost_);
+  return true;
 }
 
-void ComputeUnit::FinishRun(const Job& job, const std::optional<std::vector<std::int8_t>>& cost) {
+void ComputeUnit::FinishRun(const Job& job, bool computed) {
   std::uint32_t value = kErrorValue;
-  if (cost && memory_.Write(job.output, cost->data(), cost->size())) {
+  if (computed && memory_.Write(job.output, cost_.data(), cost_.size())) {
     value = settings_.end_value;
-  } else if (cost) {
-    LOG(ERROR) << "emulated board: the kernel writes " << cost->size() << " bytes at 0x" << std::hex
+  } else if (computed) {
+    LOG(ERROR) << "emulated board: the kernel writes " << cost_.size() << " bytes at 0x" << std::hex
                << job.output
                << ", but no such buffer exists; does its size match the container's geometry?";
   }

@@ -7,7 +7,6 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
-#include <optional>
 #include <thread>
 #include <vector>
 
@@ -33,6 +32,9 @@ class ComputeUnit {
   // While handles of the unit are open the thread watches closely; without any it sleeps.
   void Attach();
   void Detach();
+
+  // A run is about to start: for a moment the thread does not rest, as the unit itself never does.
+  void ExpectStart();
 
   // To be called after each store to the control word: waits for the end of a started run if the
   // settings ask for that. A run that hangs is not waited for.
@@ -68,8 +70,8 @@ class ComputeUnit {
   void Rest(Lock& lock);
   void Run(Lock& lock);
   Job LatchJob() const;
-  std::optional<std::vector<std::int8_t>> Compute(const Job& job) const;
-  void FinishRun(const Job& job, const std::optional<std::vector<std::int8_t>>& cost);
+  bool Compute(const Job& job);
+  void FinishRun(const Job& job, bool computed);
   bool HasStarted() const;
   volatile std::uint32_t* Register(std::uint32_t offset) const;
 
@@ -80,11 +82,15 @@ class ComputeUnit {
   std::condition_variable changed_;
   std::unique_ptr<volatile std::uint32_t, Unmapper> registers_;
   Container container_;
+  // The unit's own memory, kept between runs: giving big blocks back to the system at the end of
+  // each run would hold up the application's threads. Used by the thread while a run is in
+  // progress, else under the mutex.
+  std::vector<std::int8_t> left_, right_, cost_;
   emulated_board::Settings settings_;
   bool stop_ = false;
   bool abandon_ = false;  // the run in progress shall end without a trace
   bool hung_ = false;     // the run in progress waits for EndHungRun()
-  Clock::time_point last_run_;
+  Clock::time_point alert_until_;
   Statistics statistics_;
   std::thread thread_;  // last: it uses everything above
 };

@@ -36,14 +36,14 @@ float Factor(std::uint32_t channels, std::uint32_t exponent) {
 
 }  // namespace
 
-std::vector<std::int8_t> Correlate(const emulated_board::Geometry& geometry,
-                                   const std::vector<std::int8_t>& left,
-                                   const std::vector<std::int8_t>& right, std::uint32_t exponent) {
+void Correlate(const emulated_board::Geometry& geometry, const std::vector<std::int8_t>& left,
+               const std::vector<std::int8_t>& right, std::uint32_t exponent,
+               std::vector<std::int8_t>& cost) {
   const std::size_t width = geometry.width;
   const std::size_t channels = geometry.channels;
   const std::uint32_t summed = geometry.channels / kBeatChannels * kBeatChannels;
   const float factor = Factor(geometry.channels, exponent);
-  std::vector<std::int8_t> cost(geometry.height * width * geometry.disparities);
+  cost.assign(geometry.height * width * geometry.disparities, 0);
   std::int8_t* out = cost.data();
   for (std::size_t y = 0; y < geometry.height; ++y) {
     for (std::size_t x = 0; x < width; ++x) {
@@ -56,7 +56,6 @@ std::vector<std::int8_t> Correlate(const emulated_board::Geometry& geometry,
       }
     }
   }
-  return cost;
 }
 
 }  // namespace platform

@@ -11,10 +11,10 @@ namespace qx {
 namespace platform {
 
 // Correlates two maps of signed bytes; `exponent` e scales the mean product by 2^-e.
-// Returns: height x width x disparities signed bytes, the disparities of a pixel adjacent.
-std::vector<std::int8_t> Correlate(const emulated_board::Geometry& geometry,
-                                   const std::vector<std::int8_t>& left,
-                                   const std::vector<std::int8_t>& right, std::uint32_t exponent);
+// Output: `cost`, height x width x disparities signed bytes, the disparities of a pixel adjacent.
+void Correlate(const emulated_board::Geometry& geometry, const std::vector<std::int8_t>& left,
+               const std::vector<std::int8_t>& right, std::uint32_t exponent,
+               std::vector<std::int8_t>& cost);
 
 }  // namespace platform
 }  // namespace qx

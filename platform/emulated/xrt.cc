@@ -184,9 +184,11 @@ void bo::sync(xclBOSyncDirection direction, std::size_t bytes, std::size_t offse
   Enter("xrt::bo::sync", block_->name + ' ' + std::to_string(static_cast<int>(direction)));
   const TransferTimer timer;
   std::uint8_t* host = block_->Range(bytes, offset);
-  auto& memory = Board::Get().memory();
-  const bool done = direction == kSyncToDevice ? memory.Write(block_->address + offset, host, bytes)
-                                               : memory.Read(block_->address + offset, host, bytes);
+  Board& board = Board::Get();
+  const bool to_device = direction == kSyncToDevice;
+  if (to_device) board.unit().ExpectStart();
+  const bool done = to_device ? board.memory().Write(block_->address + offset, host, bytes)
+                              : board.memory().Read(block_->address + offset, host, bytes);
   Require(done, "synchronisation failed");
 }
 
