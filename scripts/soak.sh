@@ -1,0 +1,41 @@
+#!/usr/bin/env bash
+# Runs bench/soak.cc against the test clips and RTSP peers of the loopback interface: a camera that
+# plays, and some that close, fall silent, trickle or send garbage. Every minute a line with what
+# the process holds; fails when something grows after the warm-up. Ctrl-C ends it early.
+#
+# usage: soak.sh [MINUTES]      (30)
+. "$(dirname "${BASH_SOURCE[0]}")/common.sh"
+
+minutes=${1:-30}
+[[ $minutes =~ ^[1-9][0-9]*$ ]] || die "'$minutes' is no number of minutes; usage: soak.sh [MINUTES]"
+scripts/install-packages.sh test
+configure_and_build dev soak
+scripts/make-clips.sh build/clips
+
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+# The peers end when nothing holds the other end of their standard input any more.
+mkfifo "$work/alive"
+exec 9<>"$work/alive"
+peers=("serve build/clips/left.h264" 'fault describe close' 'fault play close'
+  'fault stream silent' 'fault stream trickle' 'fault stream garbage')
+urls=()
+for i in "${!peers[@]}"; do
+  # shellcheck disable=SC2086 # words of a command
+  tests/testing/rtsp_server.py ${peers[i]} <"$work/alive" >"$work/port$i" 2>/dev/null 9>&- &
+done
+for i in "${!peers[@]}"; do
+  for _ in {1..100}; do
+    [ ! -s "$work/port$i" ] || break
+    sleep 0.1
+  done
+  if [ -s "$work/port$i" ]; then
+    urls+=("rtsp://127.0.0.1:$(<"$work/port$i")/cam")
+  else
+    echo "SKIPPED: the peer '${peers[i]}' does not start"
+  fi
+done
+build/dev/bench/soak "$minutes" build/clips "${urls[@]}" 9>&- &
+soak=$!
+trap 'kill -TERM $soak' INT TERM  # it ends by itself then, and reports
+wait $soak || wait $soak          # the first is cut short by the signal
