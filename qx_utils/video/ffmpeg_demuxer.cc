@@ -31,9 +31,12 @@ InputWatch::Clock::duration IfRtsp(const char* url, InputWatch::Clock::duration 
 // Returns: the open input, or null with the reason logged and recorded.
 internal::FfmpegPtr<AVFormatContext> OpenInput(const std::string& url, InputWatch& watch) {
   AVFormatContext* context = avformat_alloc_context();
-  if (context != nullptr) context->interrupt_callback = watch.InterruptCallback();
   AVDictionary* options = internal::InputOptions(url).release();
-  const int code = avformat_open_input(&context, url.c_str(), nullptr, &options);
+  int code = AVERROR(ENOMEM);  // FFmpeg would make a context of its own that nothing interrupts
+  if (context != nullptr) {
+    context->interrupt_callback = watch.InterruptCallback();
+    code = avformat_open_input(&context, url.c_str(), nullptr, &options);
+  }
   av_dict_free(&options);
   if (code == 0) return internal::FfmpegPtr<AVFormatContext>(context);
   LOG(ERROR) << "Open input stream FAILED: " << url << ", ret=" << code;

@@ -1,0 +1,246 @@
+// Every allocation on the calling thread, and every call of FFmpeg's that can report failure, fails
+// in its turn. Memory that is lost on the way is seen by the address sanitizer's build.
+#include <gmock/gmock.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+#include <thread>
+#include <utility>
+
+#include "qx_utils/internal/ffmpeg_handles.h"
+#include "tests/testing/decoding.h"
+#include "tests/testing/fpga_runs.h"
+#include "tests/testing/log_capture.h"
+
+namespace {
+
+// What is to fail: use number `nth` of `name`, and all later ones when `for_good`.
+struct Fault {
+  const char* name = "";
+  long nth = 0;
+  bool for_good = false;
+  bool happened = false;
+};
+thread_local Fault fault;
+constexpr char kNew[] = "operator new";
+constexpr char kEmptyPacket[] = "empty packet";
+
+bool FailsNow(const char* name) {
+  if (fault.nth == 0 || std::strcmp(fault.name, name) != 0 || --fault.nth > 0) return false;
+  fault.nth = fault.for_good ? 1 : 0;
+  fault.happened = true;
+  return true;
+}
+
+void* Allocate(std::size_t bytes) {
+  void* const block = FailsNow(kNew) ? nullptr : std::malloc(bytes == 0 ? 1 : bytes);
+  return block != nullptr ? block : throw std::bad_alloc();
+}
+
+}  // namespace
+
+void* operator new(std::size_t bytes) { return Allocate(bytes); }
+void* operator new[](std::size_t bytes) { return Allocate(bytes); }
+void operator delete(void* block) noexcept { std::free(block); }
+void operator delete[](void* block) noexcept { std::free(block); }
+void operator delete(void* block, std::size_t) noexcept { std::free(block); }
+void operator delete[](void* block, std::size_t) noexcept { std::free(block); }
+
+// The linker sends the library's own calls here (-Wl,--wrap), and nobody else's.
+// NOLINTBEGIN(bugprone-reserved-identifier,bugprone-macro-parentheses): names are the linker's.
+#define QXTOOLS_WRAP(name, failure, parameters, arguments)                                \
+  extern "C" decltype(name) __real_##name, __wrap_##name;                                 \
+  auto __wrap_##name parameters->decltype(name arguments) {                               \
+    return FailsNow(#name) ? decltype(name arguments){failure} : __real_##name arguments; \
+  }
+using Bsf = AVBSFContext;
+using Codec = AVCodecContext;
+using Filter = AVBitStreamFilter;
+using InputFormat = decltype(AVFormatContext::iformat);
+using Options = AVDictionary**;
+constexpr int kFailure = AVERROR(ENOMEM);
+QXTOOLS_WRAP(avformat_alloc_context, nullptr, (), ())
+QXTOOLS_WRAP(avformat_find_stream_info, kFailure, (AVFormatContext * c, Options o), (c, o))
+QXTOOLS_WRAP(avcodec_alloc_context3, nullptr, (const AVCodec* c), (c))
+QXTOOLS_WRAP(avcodec_open2, kFailure, (Codec * x, const AVCodec* c, Options o), (x, c, o))
+QXTOOLS_WRAP(avcodec_send_packet, kFailure, (Codec * x, const AVPacket* p), (x, p))
+QXTOOLS_WRAP(avcodec_receive_frame, kFailure, (Codec * x, AVFrame* f), (x, f))
+QXTOOLS_WRAP(av_frame_alloc, nullptr, (), ())
+QXTOOLS_WRAP(av_bsf_get_by_name, nullptr, (const char* name), (name))
+QXTOOLS_WRAP(av_bsf_alloc, kFailure, (const Filter* f, Bsf** b), (f, b))
+QXTOOLS_WRAP(av_bsf_init, kFailure, (Bsf * b), (b))
+QXTOOLS_WRAP(av_bsf_send_packet, kFailure, (Bsf * b, AVPacket* p), (b, p))
+QXTOOLS_WRAP(av_bsf_receive_packet, kFailure, (Bsf * b, AVPacket* p), (b, p))
+QXTOOLS_WRAP(av_packet_ref, kFailure, (AVPacket * a, const AVPacket* b), (a, b))
+QXTOOLS_WRAP(avformat_open_input, (avformat_free_context(*c), *c = nullptr, kFailure),
+             (AVFormatContext * *c, const char* url, InputFormat f, Options o), (c, url, f, o))
+extern "C" decltype(av_read_frame) __real_av_read_frame, __wrap_av_read_frame;
+int __wrap_av_read_frame(AVFormatContext* context, AVPacket* packet) {
+  if (FailsNow("av_read_frame")) return kFailure;
+  if (!FailsNow(kEmptyPacket)) return __real_av_read_frame(context, packet);
+  packet->stream_index = 0;
+  return 0;
+}
+// NOLINTEND(bugprone-reserved-identifier,bugprone-macro-parentheses)
+
+namespace qx {
+namespace testing {
+namespace {
+
+using ::testing::Contains;
+using ::testing::HasSubstr;
+
+// From the clip to the callback. Everything in it is used again by the next Run().
+struct Pipeline {
+  utils::video::FfmpegDemuxer demuxer;
+  utils::video::AnnexBFilter filter;
+  std::atomic<int> delivered{0};
+  std::shared_ptr<utils::ffmpeg::FfmpegDecoder> decoder;
+
+  // Returns: the first step that failed, with its status; "" when none did. `sent` counts frames.
+  std::string Run(int& sent) {
+    delivered = 0;
+    if (demuxer.Open(ClipPath("two_videos.mp4"), {}) != 0) return "open";
+    if (filter.Init(demuxer) != 0) return "filter";
+    if (decoder == nullptr) decoder = utils::ffmpeg::CreateFfmpegDecoder();
+    decoder->SetCallback([this](const FramePtr&, void*) { ++delivered; });
+    if (decoder->Init() != 0) return "init";
+    int failure = 0;
+    for (int i = 0; i < 4; ++i) {
+      const auto packet = demuxer.ReadFrame();
+      if (packet == nullptr) return "read";
+      // -3 for a packet that the filter has lost.
+      const int status = decoder->SendFrame(filter.Filter(packet), nullptr);
+      if (status == utils::ffmpeg::kDecodeOk) ++sent;
+      if (status != utils::ffmpeg::kDecodeNoPicture && failure == 0) failure = status;
+    }
+    return failure == 0 ? "" : "send " + std::to_string(failure);
+  }
+
+  std::string RunToEnd() {
+    int sent = 0;
+    std::string failure = Run(sent);
+    while (delivered < sent) std::this_thread::yield();
+    return failure;
+  }
+};
+
+// Makes use 1, 2, 3 ... of `name` fail in `attempt`, until it has no such use; `check` follows with
+// no fault in force. Returns: how many uses there were.
+template <typename Attempt, typename Check>
+long Sweep(const char* name, bool for_good, const Attempt& attempt, const Check& check) {
+  for (long nth = 1;; ++nth) {
+    SCOPED_TRACE(std::string(name) + " " + std::to_string(nth) + (for_good ? " for good" : ""));
+    fault = {name, nth, for_good, false};
+    bool threw = false;
+    try {
+      attempt();
+    } catch (const std::bad_alloc&) {
+      threw = true;
+    }
+    const Fault used = std::exchange(fault, {});
+    check(threw);
+    if (!used.happened || ::testing::Test::HasFailure()) return nth - 1;
+  }
+}
+
+TEST(FaultSweep, EveryAllocationFromFileToCallback) {
+  Pipeline kept;
+  const auto use = [&kept] { kept.RunToEnd(); };
+  const auto use_again = [&kept](bool) { EXPECT_EQ(kept.RunToEnd(), ""); };
+  EXPECT_GT(Sweep(kNew, false, use, use_again), 20);
+  const auto destroy = [] { Pipeline().RunToEnd(); };  // while nothing can be allocated
+  const auto nothing = [](bool) {};
+  EXPECT_GT(Sweep(kNew, true, destroy, nothing), 20);
+}
+
+TEST(FaultSweep, EveryCallOfFfmpeg) {
+  const struct {
+    const char *name, *failure, *message;
+  } rows[] = {
+      {"avformat_alloc_context", "open", "Open input stream FAILED: "},
+      {"avformat_open_input", "open", "Open input stream FAILED: "},
+      {"avformat_find_stream_info", "open", "Don't find stream information."},
+      {"av_read_frame", "", " Read frame failed. ErrCode: -12"},
+      {kEmptyPacket, "", "Invalid pkt.size= 0"},
+      {"av_bsf_get_by_name", "filter", "FFmpeg refuses"},
+      {"av_bsf_alloc", "filter", "FFmpeg refuses"},
+      {"av_bsf_init", "filter", "FFmpeg refuses"},
+      {"av_packet_ref", "send -3", "bytes refused, ret=-12"},
+      {"av_bsf_send_packet", "send -3", "bytes refused, ret=-12"},
+      {"av_bsf_receive_packet", "send -3", "bytes refused, ret=-12"},
+      {"avcodec_alloc_context3", "init", ""},
+      {"avcodec_open2", "init", ""},
+      {"avcodec_send_packet", "send -1", ""},
+      {"avcodec_receive_frame", "send -1", ""},
+      {"av_frame_alloc", "send -9", ""},
+  };
+  Pipeline kept;
+  const LogCapture log;
+  for (const auto& row : rows) {
+    std::vector<std::string> failures;
+    const auto attempt = [&] { failures.push_back(kept.RunToEnd()); };
+    const auto use_again = [&kept](bool) { EXPECT_EQ(kept.RunToEnd(), ""); };
+    EXPECT_GT(Sweep(row.name, false, attempt, use_again), 0) << row.name << " is never called";
+    EXPECT_EQ(failures.front(), row.failure) << row.name;
+    EXPECT_THAT(log.Messages(google::ERROR), Contains(HasSubstr(row.message))) << row.name;
+  }
+}
+
+TEST(FaultSweep, AFailedReadAndAnEmptyPacketCountAlike) {
+  Pipeline pipeline;
+  for (const char* name : {"av_read_frame", kEmptyPacket}) {
+    const LogCapture log;
+    fault = {name, 1, true, false};
+    EXPECT_EQ(pipeline.RunToEnd(), "read");
+    EXPECT_EQ(log.Messages(google::ERROR).size(), 3U) << name;
+  }
+  fault = {};
+}
+
+TEST(FaultSweep, EveryAllocationOfACostVolume) {
+  StereoMaps maps({4, 40, 32, 16});
+  const auto expected = maps.Expected();
+  const auto run = [&] {
+    utils::image::CostVolume(maps.left.get(), maps.right.get(), maps.output.get());
+  };
+  for (auto* volume : {&maps.cost, &maps.left_bytes}) {  // the second lies over an input
+    maps.output = StereoMaps::Frame::Create(kQXPixelFormatUint8, volume->data(), 4, 40, 16);
+    const auto before = *volume;
+    auto after = before;
+    std::copy(expected.begin(), expected.end(), after.begin());
+    const auto check = [&](bool threw) {
+      EXPECT_TRUE(*volume == (threw ? before : after));
+      *volume = before;
+      run();
+      EXPECT_TRUE(*volume == after);
+      *volume = before;
+    };
+    for (const bool for_good : {false, true}) EXPECT_GT(Sweep(kNew, for_good, run, check), 0);
+  }
+}
+
+TEST(FaultSweep, EveryAllocationOfARunOfTheKernel) {
+  const BoardScope board;
+  StereoMaps maps({2, 8, 32, 4});
+  const auto expected = maps.Expected();
+  for (const bool for_good : {false, true}) {
+    for (const Way way : kWays) {
+      const auto run = [&] { maps.Run(way); };
+      const auto check = [&](bool) {
+        EXPECT_EQ(emulated_board::GetStatus().open_units, 0U);
+        EXPECT_EQ(emulated_board::GetStatus().buffers, 0U);
+        std::fill(maps.cost.begin(), maps.cost.end(), std::uint8_t{0xA5});
+        run();
+        EXPECT_EQ(maps.cost, expected);
+      };
+      EXPECT_GT(Sweep(kNew, for_good, run, check), 5) << NameOf(way);
+    }
+  }
+}
+
+}  // namespace
+}  // namespace testing
+}  // namespace qx
