@@ -162,6 +162,8 @@ class QXTOOLS_EXPORT FfmpegDecoder : public video::Decoder {
   //          queue has no limit: it grows while the callback is slower than the packets.
   //          glibc's heap gives freed pictures back to the system and faults them in again; small
   //          pictures at high rates gain from a larger M_TRIM_THRESHOLD (mallopt) in the process.
+  //          While frames come less than 1 ms apart, the worker looks out for the next one without
+  //          sleeping, for 1 ms at most.
   int SendFrame(std::shared_ptr<video::StreamPacket> packet, void* user_data) override;
 
  private:

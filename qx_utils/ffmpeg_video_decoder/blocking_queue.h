@@ -2,10 +2,12 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
 #include <mutex>
+#include <thread>
 #include <utility>
 
 namespace qx {
@@ -20,18 +22,28 @@ class BlockingQueue {
  public:
   // Errors: std::bad_alloc; the queue is unchanged then.
   void Push(T element) {
+    bool awaited;
     {
       const std::lock_guard<std::mutex> lock(mutex_);
       elements_.push_back(std::move(element));
       size_ = elements_.size();
+      awaited = waiting_ > 0;
     }
-    not_empty_.notify_one();
+    if (awaited) not_empty_.notify_one();
+  }
+
+  // Waits for an element without sleeping, for `limit` at most.
+  void LookOut(std::chrono::steady_clock::duration limit) const {
+    const auto end = std::chrono::steady_clock::now() + limit;
+    while (Size() == 0 && std::chrono::steady_clock::now() < end) std::this_thread::yield();
   }
 
   // Returns: the oldest element, as soon as there is one.
   T Pop() {
     std::unique_lock<std::mutex> lock(mutex_);
+    ++waiting_;
     not_empty_.wait(lock, [this] { return !elements_.empty(); });
+    --waiting_;
     T element = std::move(elements_.front());
     elements_.pop_front();
     size_ = elements_.size();
@@ -55,6 +67,7 @@ class BlockingQueue {
  private:
   std::deque<T> elements_;
   std::atomic<std::uint64_t> size_{0};
+  unsigned waiting_ = 0;  // readers in Pop(): without one, there is nobody to wake
   std::mutex mutex_;
   std::condition_variable not_empty_;
 };
