@@ -33,6 +33,15 @@ std::size_t EntriesOf(const char* folder) {
   return count;
 }
 
+// Bytes of the heap in use.
+std::size_t HeapBytes() {
+#if __GLIBC_PREREQ(2, 33)
+  return mallinfo2().uordblks;
+#else
+  return static_cast<unsigned>(mallinfo().uordblks);
+#endif
+}
+
 // What a process can leak besides memory that a sanitizer sees.
 struct Resources {
   std::size_t descriptors = EntriesOf("/proc/self/fd");
@@ -196,10 +205,10 @@ TEST_F(FpgaFault, AThousandInterleavedRunsLeaveEverythingFlat) {
   };
   for (int i = 0; i < 20; ++i) round();
   const Resources before;
-  const std::size_t memory_before = mallinfo2().uordblks;
+  const std::size_t memory_before = HeapBytes();
   for (int i = 0; i < 250; ++i) round();  // 1,000 runs
   ExpectNothingLeft(before);
-  EXPECT_LE(mallinfo2().uordblks, memory_before + 16384);
+  EXPECT_LE(HeapBytes(), memory_before + 16384);
   EXPECT_EQ(maps_.cost, maps_.Expected());
 }
 
