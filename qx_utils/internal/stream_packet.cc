@@ -28,10 +28,9 @@ std::shared_ptr<video::StreamPacket> WrapPacket(AVPacket& packet, video::VideoCo
   record->data = packet.data;
   record->size = static_cast<std::uint64_t>(packet.size);
   record->codec = codec;
-  PacketDeleter deleter{packet};
-  InitPacket(*guard.release());
   // From here on the deleter owns the payload: it runs even if the control block is not allocated.
-  return {record.release(), deleter};
+  static_cast<void>(guard.release());
+  return {record.release(), PacketDeleter{packet}};
 }
 
 const AVPacket* WrappedPacket(const std::shared_ptr<video::StreamPacket>& packet) {

@@ -10,8 +10,8 @@ namespace qx {
 namespace utils {
 namespace internal {
 
-// Wraps `packet`, whose reference moves into the result's deleter; `packet` is blank afterwards, or
-// released when an allocation throws. The payload is not copied.
+// Wraps `packet`, whose reference moves into the result's deleter, or is released when an
+// allocation throws: either way the caller has done with it. The payload is not copied.
 std::shared_ptr<video::StreamPacket> WrapPacket(AVPacket& packet, video::VideoCodec codec);
 
 // Returns: the AVPacket that `packet` owns; null when WrapPacket() did not make it.
