@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Installs what is missing, builds, checks format and lint, and runs all tests: as they are, under
-# the address and undefined-behaviour sanitizers and under the thread sanitizer.
+# the address and undefined-behaviour sanitizers and under the thread sanitizer; what has vector code
+# once more without it; and the kernels as 64-bit Arm programs under emulation.
 #
 # usage: test.sh [--quick]
 #   --quick   one build without sanitizers, and its tests
@@ -13,20 +14,28 @@ case ${1-} in
   *) die "unknown argument '$1'; usage: test.sh [--quick]" ;;
 esac
 
-# run_tests PRESET [CTEST ARGUMENT...]
+# run_tests PRESET LOG [CTEST ARGUMENT...]
 run_tests() {
-  local preset=$1
-  shift
-  ctest --test-dir "build/$preset" --output-on-failure -j "$(nproc)" "$@" >"build/$preset/tests.log" ||
-    { grep -vE ' Start |Passed ' "build/$preset/tests.log" && die "tests failed in build/$preset"; }
-  grep -E 'tests passed|Total Test time|Skipped' "build/$preset/tests.log"
+  local preset=$1 log=build/$1/$2.log
+  shift 2
+  ctest --test-dir "build/$preset" --output-on-failure -j "$(nproc)" "$@" >"$log" ||
+    { grep -vE ' Start |Passed ' "$log" && die "tests failed in build/$preset"; }
+  grep -E 'tests passed|Total Test time|Skipped' "$log"
 }
+
+# run_all_tests PRESET: as the processor can, then the tests of what has vector code without it.
+run_all_tests() {
+  run_tests "$1" tests
+  echo "without vector code:"
+  QXTOOLS_FORCE_ISA=scalar run_tests "$1" scalar -R "$vectorised"
+}
+vectorised='Argb|CostVolume|FaultSweep|ImageCopy|Stereo'
 
 scripts/install-packages.sh test
 
 say "Build and test"
 configure_and_build dev
-run_tests dev
+run_all_tests dev
 [ -z "$quick" ] || exit 0
 
 say "Format and lint"
@@ -34,10 +43,13 @@ scripts/lint.sh
 
 say "Address and undefined-behaviour sanitizers"
 configure_and_build asan-ubsan
-run_tests asan-ubsan
+run_all_tests asan-ubsan
 
 say "Thread sanitizer"
 configure_and_build tsan
-run_tests tsan
+run_all_tests tsan
+
+say "Kernels as 64-bit Arm programs"
+scripts/test-aarch64.sh --fast
 
 say "All checks passed"
