@@ -11,6 +11,7 @@
 #include "qx_utils/internal/stream_packet.h"
 #include "qxtools/ffmpeg_demuxer.h"
 #include "tests/testing/log_capture.h"
+#include "tests/testing/temp_path.h"
 
 namespace qx {
 namespace utils {
@@ -99,18 +100,42 @@ TEST(AnnexBFilter, RefusesDamageAndGoesOn) {
   const auto good = demuxer.ReadFrame();
   const std::string expected = Bytes(*filter.Filter(good));
   const testing::LogCapture log;
-  std::string damaged = Bytes(*good);
-  damaged[0] = '\x7F';  // longer than the packet
-  EXPECT_EQ(filter.Filter(MakePacket(damaged, AV_PKT_FLAG_KEY)), nullptr);
-  EXPECT_EQ(log.Messages(google::ERROR).size(), 1U);
+  std::string too_long = Bytes(*good);
+  too_long[0] = '\x7F';  // longer than the packet
+  // Empty NAL units alone came out as a packet without bytes, which no decoder takes.
+  for (const std::string& damaged : {too_long, std::string(8, '\0')}) {
+    EXPECT_EQ(filter.Filter(MakePacket(damaged, AV_PKT_FLAG_KEY)), nullptr);
+  }
+  EXPECT_EQ(log.Messages(google::ERROR).size(), 2U);
   EXPECT_EQ(Bytes(*filter.Filter(good)), expected);
 
-  StreamPacket record{};  // made by the application
+  const auto own = std::make_shared<StreamPacket>();  // made by the application
   std::string copy = Bytes(*good);
-  record.data = reinterpret_cast<std::uint8_t*>(&copy[0]);
-  record.size = copy.size();
-  const auto own = std::make_shared<StreamPacket>(record);
+  own->data = reinterpret_cast<std::uint8_t*>(&copy[0]);
+  own->size = copy.size();
   EXPECT_EQ(Bytes(*filter.Filter(own)), expected);
+  // Of a size above 32 bits only the lower half was looked at.
+  own->size += std::uint64_t{1} << 32U;
+  EXPECT_EQ(filter.Filter(own), nullptr);
+}
+
+// FFmpeg made 65,535 empty parameter sets of a record that announces more than it holds.
+TEST(AnnexBFilter, RefusesParameterSetsThatAreCutOff) {
+  const std::string whole = ReadFile(kClips + "hevc.mp4");
+  const std::size_t arrays = whole.find("hvcC") + 4 + 22;
+  const std::string path = testing::TempPath("cut.mp4");
+  for (const std::size_t count : {0U, 2U, 4U}) {  // of arrays, sets, bytes
+    std::string cut = whole;
+    cut[arrays + count] = '\x7F';
+    std::ofstream(path, std::ios::binary) << cut;
+    FfmpegDemuxer demuxer;
+    AnnexBFilter filter;
+    ASSERT_EQ(demuxer.Open(path, {}), 0);
+    const testing::LogCapture log;
+    EXPECT_EQ(filter.Init(demuxer), -1);
+    EXPECT_THAT(log.Messages(google::ERROR),
+                ::testing::ElementsAre("Annex B filter: the stream's parameter sets are cut off"));
+  }
 }
 
 TEST(AnnexBFilter, SaysWhenThereIsNothingToFilter) {

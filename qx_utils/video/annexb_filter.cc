@@ -2,7 +2,9 @@
 
 #include <glog/logging.h>
 
+#include <cstddef>
 #include <cstdint>
+#include <limits>
 
 #include "qx_utils/internal/ffmpeg_handles.h"
 #include "qx_utils/internal/stream_packet.h"
@@ -25,6 +27,26 @@ bool IsLengthPrefixed(const AVCodecParameters& parameters) {
   const std::uint8_t* bytes = parameters.extradata;
   if (parameters.extradata_size < least) return false;
   return !(bytes[0] == 0 && bytes[1] == 0 && (bytes[2] == 1 || (bytes[2] == 0 && bytes[3] == 1)));
+}
+
+// Returns: whether the parameter sets that an H.265 record announces lie within it (ISO/IEC
+// 14496-15,
+//          8.3.3.1). FFmpeg takes those that are missing for empty ones, tens of thousands of them.
+bool IsWholeHevcRecord(const std::uint8_t* record, int size) {
+  constexpr int kArrayCount = 22;  // offset
+  const std::uint8_t* at = record + kArrayCount;
+  const std::uint8_t* const end = record + size;
+  for (int arrays = *at++; arrays > 0; --arrays) {
+    if (end - at < 3) return false;
+    int units = at[1] << 8 | at[2];
+    for (at += 3; units > 0; --units) {
+      if (end - at < 2) return false;
+      const std::ptrdiff_t unit_bytes = at[0] << 8 | at[1];
+      if (end - at < 2 + unit_bytes) return false;
+      at += 2 + unit_bytes;
+    }
+  }
+  return true;
 }
 
 // Returns: whether the Annex B packet holds a sequence parameter set before its first slice.
@@ -91,6 +113,9 @@ class AnnexBFilter::Impl {
 
   // Returns: 0 with the converted packet in `buffer`, or FFmpeg's code with `buffer` blank.
   int Run(const std::shared_ptr<StreamPacket>& packet, AVPacket& buffer) {
+    if (packet->size > static_cast<std::uint64_t>(std::numeric_limits<int>::max())) {
+      return AVERROR(EINVAL);  // FFmpeg's packets are no longer
+    }
     AVPacket bytes;  // stands for a packet that was not made by a demuxer; copied by the reference
     internal::InitPacket(bytes);
     bytes.data = packet->data;
@@ -99,6 +124,7 @@ class AnnexBFilter::Impl {
     int code = av_packet_ref(&buffer, wrapped != nullptr ? wrapped : &bytes);
     if (code == 0) code = av_bsf_send_packet(filter_.get(), &buffer);
     if (code == 0) code = av_bsf_receive_packet(filter_.get(), &buffer);
+    if (code == 0 && buffer.size == 0) code = AVERROR_INVALIDDATA;  // empty NAL units alone
     if (code != 0) av_packet_unref(&buffer);
     return code;
   }
@@ -118,8 +144,14 @@ int AnnexBFilter::Init(const FfmpegDemuxer& demuxer) {
     LOG(ERROR) << "Annex B filter: the demuxer has no video stream open";
     return -1;
   }
-  auto impl = std::make_unique<Impl>(
-      *demuxer.avformat_cxt_->streams[demuxer.video_stream_index_]->codecpar);
+  const AVCodecParameters& parameters =
+      *demuxer.avformat_cxt_->streams[demuxer.video_stream_index_]->codecpar;
+  if (parameters.codec_id == AV_CODEC_ID_HEVC && IsLengthPrefixed(parameters) &&
+      !IsWholeHevcRecord(parameters.extradata, parameters.extradata_size)) {
+    LOG(ERROR) << "Annex B filter: the stream's parameter sets are cut off";
+    return -1;
+  }
+  auto impl = std::make_unique<Impl>(parameters);
   if (!impl->ok()) {
     LOG(ERROR) << "Annex B filter: FFmpeg refuses the stream's parameter sets";
     return -1;
