@@ -8,6 +8,7 @@
 
 #include "tools/commands.h"
 #include "tools/output_file.h"
+#include "tools/passwords.h"
 #include "tools/picture_writer.h"
 #include "tools/progress.h"
 #include "tools/video_reader.h"
@@ -71,7 +72,8 @@ DecodeSummary Copy(VideoReader& reader, PictureWriter& writer, std::size_t limit
 }
 
 void Report(const DecodeOptions& options, const VideoReader& reader, const DecodeSummary& summary) {
-  const char* name = options.input.c_str();
+  const std::string shown = WithoutPasswords(options.input);
+  const char* name = shown.c_str();
   if (reader.DamagedPackets() > 0) {
     std::fprintf(stderr, "qxtools: warning: '%s': %zu damaged packets\n", name,
                  reader.DamagedPackets());

@@ -12,6 +12,7 @@
 
 #include "tools/commands.h"
 #include "tools/library_log.h"
+#include "tools/passwords.h"
 
 namespace {
 
@@ -52,6 +53,9 @@ int Run(int argc, char** argv) {
   app.add_flag_callback(
       "-v,--verbose", [] { qx::tools::ShowLibraryLog(1); },
       "Show the library's log on standard error");
+  app.failure_message([](const CLI::App* failed, const CLI::Error& error) {
+    return qx::tools::WithoutPasswords(CLI::FailureMessage::simple(failed, error));
+  });
   app.require_subcommand(1);
   app.fallthrough();
   app.footer(
@@ -78,7 +82,8 @@ int main(int argc, char** argv) {
   try {
     return Run(argc, argv);
   } catch (const std::exception& failure) {
-    std::fprintf(stderr, "qxtools: %s\n", OneLine(failure.what()).c_str());
+    const std::string reason = OneLine(qx::tools::WithoutPasswords(failure.what()));
+    std::fprintf(stderr, "qxtools: %s\n", reason.c_str());
     return kFailure;
   }
 }

@@ -9,6 +9,7 @@
 
 #include "qxtools/h264_h265_info_parse.h"
 #include "tools/commands.h"
+#include "tools/passwords.h"
 #include "tools/video_input.h"
 
 namespace qx {
@@ -57,7 +58,7 @@ void Probe(const std::string& name, bool json) {
   VideoInput input(name);
   const VideoParams params = FirstParams(input);
   const nlohmann::ordered_json result = {
-      {"input", name},
+      {"input", WithoutPasswords(name)},
       {"codec", params.is_h265 != 0 ? "h265" : "h264"},
       {"stream_index", input.StreamIndex()},
       {"width", params.width},
