@@ -1,22 +1,19 @@
 // The bit reader against a model that lays all bits out as text before anything is read.
 #include <algorithm>
 #include <cstdint>
-#include <cstdlib>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "fuzz/require.h"
 #include "qx_utils/h264_h265_info_parse/bit_reader.h"
 
 namespace {
 
+using qx::fuzzing::Require;
 using qx::utils::BitReader;
 
 constexpr std::size_t kMaxReads = 32;
-
-void Require(bool holds) {
-  if (!holds) std::abort();
-}
 
 struct Model {
   std::string bits;                  // without emulation-prevention bytes, zeros behind the end

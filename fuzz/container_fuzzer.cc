@@ -1,20 +1,13 @@
 // Container files of the emulated board: whatever is accepted can be programmed and run.
 #include <cstdint>
-#include <cstdlib>
 #include <stdexcept>
 #include <string>
 
+#include "fuzz/require.h"
 #include "platform/emulated/container.h"
 
-namespace {
-
-void Require(bool holds) {
-  if (!holds) std::abort();
-}
-
-}  // namespace
-
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  using qx::fuzzing::Require;
   using namespace qx::platform;  // NOLINT(google-build-using-namespace)
   const std::string text(reinterpret_cast<const char*>(data), size);
   Container container;

@@ -68,13 +68,6 @@ class Delivered {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
-  av_log_set_level(AV_LOG_QUIET);
-  av_max_alloc(std::size_t{16} << 20);  // a damaged size must not use up the memory
-  FLAGS_minloglevel = google::FATAL;
-  return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   Delivered delivered;
   const auto decoder = qx::utils::ffmpeg::CreateFfmpegDecoder();

@@ -4,19 +4,15 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <vector>
 
+#include "fuzz/require.h"
 #include "tests/testing/sps_writer.h"
 
 namespace qx {
 namespace fuzzing {
-
-inline void Require(bool holds) {
-  if (!holds) std::abort();
-}
 
 using Parser = utils::VideoParams (*)(const char*, std::size_t);
 using TypeOf = std::uint32_t (*)(std::uint8_t header);
