@@ -307,8 +307,10 @@ TEST_F(CommandTest, AFullDiskKeepsTheOldFileAndNoPartialOne) {
       {"$Q decode $C/left.mp4 -o old.yuv", "old.yuv\n"},
       {"$Q stereo $C/left.mp4 $C/right.mp4 -o .", "disparity-0000.png\nold.yuv\n"}};
   for (const auto& [line, files] : cases) {
-    const Result result = Shell(small_disk + "&& echo same > old.yuv && ! " + line +
-                                " --frames 1 && grep -qx same old.yuv && ls\"");
+    std::string script = small_disk;
+    script +=
+        "&& echo same > old.yuv && ! " + line + " --frames 1 && grep -qx same old.yuv && ls\"";
+    const Result result = Shell(script);
     EXPECT_EQ(result.out, files) << line;
     EXPECT_NE(result.err.find("No space left"), std::string::npos) << line << result.err;
   }

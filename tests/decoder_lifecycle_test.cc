@@ -6,12 +6,14 @@
 #include <deque>
 #include <future>
 #include <stdexcept>
+#include <string>
 #include <thread>
 #include <utility>
 
 #include "qx_utils/ffmpeg_video_decoder/blocking_queue.h"
 #include "qx_utils/internal/ffmpeg_handles.h"
 #include "tests/testing/decoding.h"
+#include "tests/testing/effort.h"
 #include "tests/testing/log_capture.h"
 
 namespace {
@@ -219,15 +221,18 @@ void ThrowFromCallback(Subject& s, bool is_new) {
 using Enter = void (*)(Subject&);
 using Act = void (*)(Subject&, bool is_new);
 
+// Creates, uses and destroys on three threads.
 void RunCase(Enter enter, Act act) {
   Subject subject;
   const bool is_new = enter == nullptr;
   if (!is_new) {
-    EXPECT_EQ(subject.decoder->Init(), 0);
-    EXPECT_EQ(subject.decoder->SetReorderDepth(2), 0);  // holds pictures back
-    enter(subject);
+    std::thread([&] {
+      EXPECT_EQ(subject.decoder->Init(), 0);
+      EXPECT_EQ(subject.decoder->SetReorderDepth(2), 0);  // holds pictures back
+      enter(subject);
+    }).join();
   }
-  act(subject, is_new);
+  std::thread([&] { act(subject, is_new); }).join();
 }
 
 TEST(Decoder, TakesEveryActionInEveryState) {
@@ -253,14 +258,58 @@ TEST(Decoder, TakesEveryActionInEveryState) {
   }
 }
 
-TEST(Decoder, DiesInFiveWaysAHundredTimesEach) {
-  for (int i = 0; i < 100; ++i) {
+TEST(Decoder, DiesInFiveWaysManyTimesEach) {
+  for (std::size_t i = 0; i < 100 * testing::Effort(); ++i) {
     RunCase([](Subject&) {}, Destroy);
     RunCase(FillQueue, Destroy);
     RunCase(BlockWorker, Destroy);
     RunCase(FillQueue, DestroyFromCallback);
     RunCase(FillQueue, ThrowFromCallback);
   }
+}
+
+TEST(Decoder, QueuesWithoutLimitForASlowConsumerAndReleasesWhatItTook) {
+  Subject s;
+  ASSERT_EQ(s.decoder->Init(), 0);
+  Receiver receiver;
+  std::weak_ptr<velkar::vision::ImageFrame> last;
+  s.decoder->SetCallback([&, receive = receiver.Callback()](const FramePtr& frame, void* tag) {
+    s.opened.wait();
+    EXPECT_TRUE(last.expired()) << "an earlier frame is still held";
+    last = frame;
+    receive(nullptr, tag);
+  });
+  std::vector<void*> queued;
+  for (std::size_t i = 0; i < 1000; ++i) {
+    const int status = s.decoder->SendFrame(Packets()[i % Packets().size()], testing::Tag(i));
+    if (status == kDecodeOk) queued.push_back(testing::Tag(i));
+  }
+  EXPECT_GT(queued.size(), 900U);
+  s.gate.set_value();
+  receiver.Wait(queued.size());
+  s.decoder.reset();
+  EXPECT_EQ(receiver.Tags(), queued);
+  EXPECT_TRUE(last.expired());
+}
+
+TEST(Decoder, SixtyFourAtOnceDecodeTheSame) {
+  std::promise<void> gate;
+  const auto opened = gate.get_future().share();
+  const auto decode = [opened] {
+    Receiver receiver;
+    const auto decoder = testing::OpenDecoder(receiver.Callback());
+    opened.wait();
+    const std::size_t sent = SendAll(*decoder, Packets()).size() + Drain(*decoder);
+    std::string samples;
+    for (const FramePtr& frame : receiver.Wait(sent)) samples += testing::Samples(frame);
+    return samples;
+  };
+  std::vector<std::future<std::string>> decoders(64);
+  for (auto& decoder : decoders) decoder = std::async(std::launch::async, decode);
+  gate.set_value();
+  const std::string first = decoders[0].get();
+  EXPECT_EQ(first.size(), Packets().size() * 160 * 120 * 3 / 2);
+  for (std::size_t i = 1; i < decoders.size(); ++i) EXPECT_TRUE(decoders[i].get() == first) << i;
 }
 
 TEST(Decoder, DiesWithACallbackThatOwnsIt) {

@@ -42,6 +42,20 @@ inline PacketPtr MakePacket(std::uint8_t* data, std::uint64_t size) {
   return packet;
 }
 
+// Returns: the samples of all planes, without what fills up the rows.
+inline std::string Samples(const FramePtr& frame) {
+  const utils::ffmpeg::FrameLayout& layout = *utils::ffmpeg::LayoutOf(frame);
+  std::string samples;
+  for (std::uint32_t i = 0; i < layout.plane_count; ++i) {
+    const auto& plane = layout.planes[i];
+    const auto* row = reinterpret_cast<const char*>(frame->Data()) + plane.offset;
+    for (std::uint32_t y = 0; y < plane.rows; ++y, row += plane.pitch) {
+      samples.append(row, plane.row_bytes);
+    }
+  }
+  return samples;
+}
+
 inline void* Tag(std::size_t number) { return reinterpret_cast<void*>(number); }
 
 // Keeps what the callback gets.
