@@ -24,8 +24,9 @@ fuzz() {
     printf '%-28s FOUND A FAULT; the input lies in build/fuzz-corpus/%s-*\n' "$target" "$target"
     return 1
   fi
-  printf '%-28s %12s executions %6s s  %s\n' "$target" \
-    "$(sed -n 's/^stat::number_of_executed_units: *//p' "$log")" "$seconds" \
+  stat() { sed -n "s/^stat::$1: *//p" "$log"; }
+  printf '%-20s %12s executions %6s s %6s new inputs  %s\n' "$target" \
+    "$(stat number_of_executed_units)" "$seconds" "$(stat new_units_added)" \
     "$(grep -oE 'cov: [0-9]+ ft: [0-9]+' "$log" | tail -n 1)"
 }
 export -f fuzz
