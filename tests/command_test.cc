@@ -317,13 +317,13 @@ TEST_F(CommandTest, AFullDiskKeepsTheOldFileAndNoPartialOne) {
 }
 
 TEST_F(CommandTest, SignalsRemoveThePartialFileAndKeepTheOldOne) {
-  // The input never ends. Shells let background jobs ignore SIGINT; env undoes that.
+  // The input never ends. Shells let background jobs ignore SIGINT; env undoes that, and nohup.
   const std::pair<std::string, int> signals[] = {{"HUP", 129}, {"INT", 130}, {"TERM", 143}};
   for (const auto& [signal, status] : signals) {
     const Result result = Shell(
         "rm -f endless; mkfifo endless; echo old > x.yuv; "
         "(while cat $C/left.h264; do :; done) > endless 2> /dev/null & "
-        "env --default-signal=INT $Q decode endless -o x.yuv & "
+        "env --default-signal=HUP,INT $Q decode endless -o x.yuv & "
         "while [ -z \"$(find . -name 'x.yuv.*' -size +0)\" ]; do sleep 0.05; done; kill -" +
         signal + " $!; wait $!");
     EXPECT_EQ(result.status, status);
