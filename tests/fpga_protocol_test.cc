@@ -278,7 +278,7 @@ TEST_F(FpgaProtocol, PollsAtEachWaysOwnInterval) {
     const auto took = std::chrono::steady_clock::now() - start;
     const auto busy = emulated_board::GetStatus().kernel_time - busy_before;
     EXPECT_GE(busy, std::chrono::milliseconds(50));
-    EXPECT_LT(took - busy, std::chrono::milliseconds(100));  // an interval and a loaded machine
+    EXPECT_LT(took - busy, std::chrono::seconds(1));  // an interval, emulated on a loaded machine
     Lines sleeps;
     for (const auto& call : emulated_board::TakeRecording()) {
       if (call.name == "nanosleep") sleeps.push_back(call.detail);
