@@ -1,10 +1,11 @@
-// Cost volume with AVX2: register tiles of 6 left pixels x 16 right pixels.
+// Cost volume with AVX2: register tiles of 3 left pixels x 4 windows of the right row.
 //
 // Values are widened to 16 bits, since the instruction for 8 bits saturates its sums of two
-// products. The right row is packed once: for every pair of channels, all columns from right to
-// left, so that a vector of neighbouring columns has rising disparities. A left pixel's pair is
-// broadcast against it. The tile is a rectangle; its corners outside the band 0 <= d < D end up
-// in the margins of the lines that the costs are collected in.
+// products. The right row is packed with its columns reversed: four channels (a grain) of all
+// columns side by side. 32 bytes from any column on are a window: the right factors of a left pixel
+// for four neighbouring disparities, two partial sums for each. What is disparity d for a left
+// pixel is d + 4 for the pixel four columns further, so these share windows: 6 windows and 3 left
+// grains feed 12 multiplications, and nothing outside the band is computed.
 #include <immintrin.h>
 
 #include "qx_utils/image/kernels/cost_volume.h"
@@ -16,11 +17,14 @@ namespace utils {
 namespace image {
 namespace {
 
-constexpr std::size_t kTileWidth = 6;   // left pixels
-constexpr std::size_t kTileRight = 16;  // right pixels, in two vectors
-constexpr std::size_t kMargin = 32;     // bytes before and after a line's costs
-constexpr std::size_t kPackedBudget = std::size_t{256} * 1024;  // bytes of packed columns
-constexpr std::size_t kVector = 32;                             // bytes
+constexpr std::size_t kWindow = 32;                 // bytes
+constexpr std::size_t kGrain = 4;                   // channels
+constexpr std::size_t kColumns = 4;                 // of a window
+constexpr std::size_t kPixels = 3;                  // left pixels of a tile, kColumns apart
+constexpr std::size_t kWindows = 4;                 // of each of them
+constexpr std::size_t kBand = kWindows * kColumns;  // disparities of a tile
+constexpr std::size_t kSpan = kPixels * kColumns;   // columns that tiles side by side share
+constexpr std::size_t kPackedBudget = std::size_t{192} * 1024;  // bytes of a panel's windows
 
 std::size_t RoundUp(std::size_t value, std::size_t unit) {
   return (value + unit - 1) / unit * unit;
@@ -30,40 +34,31 @@ std::size_t Smaller(std::size_t a, std::size_t b) { return a < b ? a : b; }
 // How a job is cut: columns are worked on in panels so that scratch stays bounded.
 struct Plan {
   std::size_t channels;  // in whole blocks
-  std::size_t costs;     // disparities that some pixel has
-  std::size_t panel;     // columns, in whole tiles
-  std::size_t columns;   // packed right columns; an odd number of cache lines per channel pair
-  std::size_t line;      // bytes of the collected costs of a pixel
+  std::size_t cover;     // disparities that tiles compute; no pixel has more
+  std::size_t panel;     // columns, in whole spans
+  std::size_t pitch;     // bytes from grain to grain; an odd number of cache lines
+  bool wide;             // see NeedsWide()
 };
+
+// Whether some sum can make a cost that 14 bits do not hold; true for a scale that is no number.
+bool NeedsWide(std::size_t channels, float scale) {
+  const float magnitude = scale < 0 ? -scale : scale;
+  return !(static_cast<float>(channels) * 16384.0F * magnitude < 16000.0F);
+}
 
 Plan PlanOf(const CostVolumeJob& job) {
   Plan plan{};
   plan.channels = job.channels / kCostVolumeBlock * kCostVolumeBlock;
-  plan.costs = Smaller(job.disparities, job.width);
-  const std::size_t columns = kPackedBudget / (4 * plan.channels);  // of both maps, 16 bits each
-  const std::size_t fitting =
-      columns > plan.costs ? (columns - plan.costs) / kTileWidth * kTileWidth : 0;
-  plan.panel = Smaller(RoundUp(job.width, kTileWidth), fitting == 0 ? 10 * kTileWidth : fitting);
-  plan.columns = RoundUp(plan.panel + plan.costs + kTileRight, 16) | 16;
-  plan.line = RoundUp(plan.costs, kVector) + 2 * kMargin;
+  const std::size_t costs = RoundUp(Smaller(job.disparities, job.width), kBand);
+  plan.cover = job.disparities < kBand ? kBand : Smaller(costs, job.disparities);
+  const std::size_t lead = RoundUp(plan.cover, kColumns);
+  const std::size_t fitting = kPackedBudget / (2 * plan.channels);
+  const std::size_t panel = fitting > 2 * lead ? fitting - lead : lead;
+  plan.panel = RoundUp(Smaller(job.width, panel), kSpan);
+  const std::size_t lines = RoundUp((plan.panel + lead) * kGrain * 2, kCostVolumeAlignment);
+  plan.pitch = (lines / kCostVolumeAlignment | 1) * kCostVolumeAlignment;
+  plan.wide = NeedsWide(plan.channels, job.scale);
   return plan;
-}
-
-// Scratch of a thread.
-struct Packed {
-  std::int16_t* left;   // the panel's pixels, channels adjacent
-  std::int32_t* right;  // [channel pair][column], the panel's last column first
-  std::int8_t* lines;   // collected costs of a tile's pixels
-};
-
-Packed SplitScratch(const Plan& plan, std::uint8_t* scratch) {
-  Packed packed{};
-  packed.right = reinterpret_cast<std::int32_t*>(scratch);
-  scratch += plan.columns * plan.channels * 2;
-  packed.left = reinterpret_cast<std::int16_t*>(scratch);
-  scratch += plan.panel * plan.channels * 2;
-  packed.lines = reinterpret_cast<std::int8_t*>(scratch);
-  return packed;
 }
 
 struct Row {
@@ -72,98 +67,152 @@ struct Row {
   std::size_t channels;  // distance of pixels
 };
 
-// A column's pixel, or null outside the row: such a pixel counts as zeros.
-const std::int8_t* PixelAt(const Row& row, std::ptrdiff_t column) {
-  const bool inside = column >= 0 && column < static_cast<std::ptrdiff_t>(row.width);
-  return inside ? row.pixels + static_cast<std::size_t>(column) * row.channels : nullptr;
+// Behind the row its last pixel is repeated: nothing made of it is kept.
+const std::int8_t* PixelAt(const Row& row, std::size_t column) {
+  return row.pixels + Smaller(column, row.width - 1) * row.channels;
 }
 
-void PackLeft(const Row& row, std::size_t first, const Plan& plan, std::int16_t* to) {
-  for (std::size_t x = 0; x < plan.panel; ++x, to += plan.channels) {
-    const std::int8_t* pixel = PixelAt(row, static_cast<std::ptrdiff_t>(first + x));
-    for (std::size_t c = 0; c < plan.channels; c += 16) {
-      const __m256i wide =
-          pixel == nullptr
-              ? _mm256_setzero_si256()
-              : _mm256_cvtepi8_epi16(_mm_loadu_si128(reinterpret_cast<const __m128i*>(pixel + c)));
-      _mm256_storeu_si256(reinterpret_cast<__m256i*>(to + c), wide);
-    }
+QXTOOLS_INLINE __m256i Widen(const std::int8_t* from) {
+  return _mm256_cvtepi8_epi16(_mm_loadu_si128(reinterpret_cast<const __m128i*>(from)));
+}
+
+QXTOOLS_INLINE void Store(void* to, __m256i value) {
+  _mm256_storeu_si256(static_cast<__m256i*>(to), value);
+}
+
+void PackLeft(const Row& row, std::size_t column, std::size_t channels, std::int16_t* to) {
+  for (std::size_t t = 0; t < kSpan; ++t) {
+    const std::int8_t* pixel = PixelAt(row, column + t);
+    for (std::size_t c = 0; c < channels; c += 16, to += 16) Store(to, Widen(pixel + c));
   }
 }
 
-QXTOOLS_INLINE __m128i Widen(const std::int8_t* pixel, std::size_t channel) {
-  if (pixel == nullptr) return _mm_setzero_si128();
-  return _mm_cvtepi8_epi16(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(pixel + channel)));
-}
-
-// Packs four columns: `pixels` in the order of the packed columns, `to` the first channel pair's.
-void PackColumns(const std::int8_t* const pixels[4], const Plan& plan, std::int32_t* to) {
-  for (std::size_t c = 0; c < plan.channels; c += 8, to += 4 * plan.columns) {
-    const __m128i a = Widen(pixels[0], c);
-    const __m128i b = Widen(pixels[1], c);
-    const __m128i x = Widen(pixels[2], c);
-    const __m128i y = Widen(pixels[3], c);
-    const __m128i ab_low = _mm_unpacklo_epi32(a, b);
-    const __m128i ab_high = _mm_unpackhi_epi32(a, b);
-    const __m128i xy_low = _mm_unpacklo_epi32(x, y);
-    const __m128i xy_high = _mm_unpackhi_epi32(x, y);
-    const __m128i pairs[4] = {
-        _mm_unpacklo_epi64(ab_low, xy_low), _mm_unpackhi_epi64(ab_low, xy_low),
-        _mm_unpacklo_epi64(ab_high, xy_high), _mm_unpackhi_epi64(ab_high, xy_high)};
-    for (std::size_t k = 0; k < 4; ++k) {
-      _mm_store_si128(reinterpret_cast<__m128i*>(to + k * plan.columns), pairs[k]);
-    }
+// Packs a window: the pixel at `column` first, then those left of it.
+void PackWindow(const Row& row, std::size_t column, const Plan& plan, std::uint8_t* to) {
+  const std::int8_t* const pixel[kColumns] = {PixelAt(row, column), PixelAt(row, column - 1),
+                                              PixelAt(row, column - 2), PixelAt(row, column - 3)};
+  for (std::size_t c = 0; c < plan.channels; c += 16, to += 4 * plan.pitch) {
+    const __m256i p0 = Widen(pixel[0] + c);
+    const __m256i p1 = Widen(pixel[1] + c);
+    const __m256i p2 = Widen(pixel[2] + c);
+    const __m256i p3 = Widen(pixel[3] + c);
+    const __m256i even01 = _mm256_unpacklo_epi64(p0, p1);
+    const __m256i odd01 = _mm256_unpackhi_epi64(p0, p1);
+    const __m256i even23 = _mm256_unpacklo_epi64(p2, p3);
+    const __m256i odd23 = _mm256_unpackhi_epi64(p2, p3);
+    Store(to, _mm256_permute2x128_si256(even01, even23, 0x20));
+    Store(to + plan.pitch, _mm256_permute2x128_si256(odd01, odd23, 0x20));
+    Store(to + 2 * plan.pitch, _mm256_permute2x128_si256(even01, even23, 0x31));
+    Store(to + 3 * plan.pitch, _mm256_permute2x128_si256(odd01, odd23, 0x31));
   }
 }
 
-void PackRight(const Row& row, std::size_t first, const Plan& plan, std::int32_t* to) {
-  const auto last = static_cast<std::ptrdiff_t>(first + plan.panel - 1);
-  for (std::size_t at = 0; at < plan.columns; at += 4) {
-    const std::ptrdiff_t column = last - static_cast<std::ptrdiff_t>(at);
-    const std::int8_t* const pixels[4] = {PixelAt(row, column), PixelAt(row, column - 1),
-                                          PixelAt(row, column - 2), PixelAt(row, column - 3)};
-    PackColumns(pixels, plan, to + at);
+// Packs `count` columns, whole windows, from `column` on; `to` is the place of the last of them.
+void PackColumns(const Row& row, std::size_t column, std::size_t count, const Plan& plan,
+                 std::uint8_t* to) {
+  for (std::size_t t = 0; t < count; t += kColumns, to += kWindow) {
+    PackWindow(row, column + count - 1 - t, plan, to);
   }
 }
 
-// [left pixel][vector of eight right pixels]
-template <std::size_t kVectors>
-using Sums = __m256i[kTileWidth][kVectors];
+// Those of a tile: [left pixel][window].
+using Sums = __m256i[kPixels][kWindows];
 
 // sum += term, with the sum tied to its register: GCC 12 spills sums of the plain intrinsic.
 QXTOOLS_INLINE void Add(__m256i term, __m256i& sum) {
   __asm__("vpaddd %1, %0, %0" : "+x"(sum) : "x"(term));
 }
 
-// The loop over left pixels is a recursion with constant indices: an array that a loop variable
-// indexes would be kept in memory.
-template <std::size_t kVectors, std::size_t kPixel = 0>
-QXTOOLS_INLINE void AddProducts(const std::int16_t* left, std::size_t channels, __m256i right0,
-                                __m256i right1, Sums<kVectors>& sums) {
-  if constexpr (kPixel < kTileWidth) {
-    std::int32_t pair;
-    __builtin_memcpy(&pair, left + kPixel * channels, sizeof(pair));
-    const __m256i pairs = _mm256_set1_epi32(pair);
-    Add(_mm256_madd_epi16(pairs, right0), sums[kPixel][0]);
-    if constexpr (kVectors == 2) Add(_mm256_madd_epi16(pairs, right1), sums[kPixel][1]);
-    AddProducts<kVectors, kPixel + 1>(left, channels, right0, right1, sums);
+// Keeps the compiler from loading a value anew for each of its uses.
+QXTOOLS_INLINE __m256i InRegister(__m256i value) {
+  __asm__("" : "+x"(value));
+  return value;
+}
+
+// The left grains of a tile's pixels, repeated, and where they come from.
+struct Left {
+  const std::int16_t* pixel[kPixels];
+  __m256i grain[kPixels];
+};
+
+// The loops over registers are recursions with constant indices: arrays that a loop variable
+// indexes would be kept in memory. Window 0 is the first of the tile's last pixel. Pixels count
+// down and load their grain at their first window, so 16 registers suffice: the first one of a
+// window needs its grain no more, or the last one has it not yet.
+template <std::size_t kNumber, std::size_t kCount = kPixels>
+QXTOOLS_INLINE void AddProducts(__m256i window, std::size_t channel, Left& left, Sums& sums) {
+  if constexpr (kCount > 0) {
+    constexpr std::size_t kPixel = kCount - 1;
+    constexpr std::size_t kReach = kNumber + kPixel;  // kPixels - 1 for a pixel's first window
+    if constexpr (kReach == kPixels - 1) {
+      long long grain;
+      __builtin_memcpy(&grain, left.pixel[kPixel] + channel, sizeof(grain));
+      left.grain[kPixel] = InRegister(_mm256_set1_epi64x(grain));
+    }
+    if constexpr (kReach >= kPixels - 1 && kReach < kPixels - 1 + kWindows) {
+      Add(_mm256_madd_epi16(left.grain[kPixel], window), sums[kPixel][kReach - (kPixels - 1)]);
+    }
+    AddProducts<kNumber, kCount - 1>(window, channel, left, sums);
   }
 }
 
-template <std::size_t kVectors, std::size_t kPixel = 0>
-QXTOOLS_INLINE void Clear(Sums<kVectors>& sums) {
-  if constexpr (kPixel < kTileWidth) {
-    sums[kPixel][0] = _mm256_setzero_si256();
-    sums[kPixel][kVectors - 1] = _mm256_setzero_si256();
-    Clear<kVectors, kPixel + 1>(sums);
+template <std::size_t kEnd, std::size_t kNumber = 0>
+QXTOOLS_INLINE void AddWindows(const std::uint8_t* right, std::size_t channel, Left& left,
+                               Sums& sums) {
+  if constexpr (kNumber < kEnd) {
+    const auto* window = reinterpret_cast<const __m256i*>(right + kNumber * kWindow);
+    AddProducts<kNumber>(InRegister(_mm256_loadu_si256(window)), channel, left, sums);
+    AddWindows<kEnd, kNumber + 1>(right, channel, left, sums);
   }
 }
 
-// The integer whose low 8 bits are the cost.
-QXTOOLS_INLINE __m256i Cost(__m256i sum, __m256 scale) {
-  const __m256 value = _mm256_mul_ps(_mm256_cvtepi32_ps(sum), scale);
-  // The larger of the two is the leaky one below zero and the plain one above.
-  const __m256 leaky = _mm256_max_ps(value, _mm256_mul_ps(value, _mm256_set1_ps(kCostVolumeLeak)));
+// A tile: where its parts are.
+struct TilePlace {
+  const std::int16_t* left;   // first pixel
+  const std::uint8_t* right;  // first window of the last pixel
+  std::int8_t* cost;          // first cost of the first pixel
+  std::size_t pixels;         // 1 .. kPixels, to be stored
+};
+
+template <std::size_t kPixel = 0>
+QXTOOLS_INLINE void Clear(Sums& sums) {
+  if constexpr (kPixel < kPixels) {
+    sums[kPixel][0] = sums[kPixel][1] = sums[kPixel][2] = sums[kPixel][3] = _mm256_setzero_si256();
+    Clear<kPixel + 1>(sums);
+  }
+}
+
+template <std::size_t kSkipped>
+QXTOOLS_INLINE void Multiply(const Plan& plan, const TilePlace& place, Sums& sums) {
+  Clear(sums);
+  const std::uint8_t* right = place.right;
+  const std::size_t channels = plan.channels;
+  const std::size_t pitch = plan.pitch;
+  const std::size_t step = kColumns * channels;
+  Left left{{place.left, place.left + step, place.left + 2 * step}, {}};
+  for (std::size_t c = 0; c < channels; c += kGrain, right += pitch) {
+    AddWindows<kWindows + kPixels - 1 - kSkipped>(right, c, left, sums);
+  }
+}
+
+// Scaled and leaky: the larger of the two is the leaky one below zero and the plain one above.
+QXTOOLS_INLINE __m256 Leaky(__m256i sums, __m256 scale) {
+  const __m256 value = _mm256_mul_ps(_mm256_cvtepi32_ps(sums), scale);
+  return _mm256_max_ps(value, _mm256_mul_ps(value, _mm256_set1_ps(kCostVolumeLeak)));
+}
+
+// Words of costs: those of `low` in the lower half of each 128-bit part. Twice a cost is rounded
+// down, and half of that up.
+QXTOOLS_INLINE __m256i Words(__m256i low, __m256i high, float scale) {
+  const __m256 twice = _mm256_set1_ps(2.0F * scale);
+  const __m256i a = _mm256_cvttps_epi32(_mm256_floor_ps(Leaky(low, twice)));
+  const __m256i b = _mm256_cvttps_epi32(_mm256_floor_ps(Leaky(high, twice)));
+  return _mm256_srai_epi16(_mm256_add_epi16(_mm256_packs_epi32(a, b), _mm256_set1_epi16(1)), 1);
+}
+
+// The integer whose low 8 bits are the cost, for all costs.
+__m256i WideCost(__m256i sums, __m256 scale) {
+  const __m256 leaky = Leaky(sums, scale);
   // The distance to the integer below is exact, or on the right side of a half (0 > q > -0.5).
   const __m256 below = _mm256_floor_ps(leaky);
   const __m256 up = _mm256_cmp_ps(_mm256_sub_ps(leaky, below), _mm256_set1_ps(0.5F), _CMP_GE_OQ);
@@ -174,84 +223,155 @@ QXTOOLS_INLINE __m256i Cost(__m256i sum, __m256 scale) {
                           _mm256_set1_epi32(0xFF));
 }
 
-// Writes the costs of pixel kPixel and on; of the tile's last pixel, lane 0 has disparity 0.
-template <std::size_t kVectors, std::size_t kPixel = 0>
-QXTOOLS_INLINE void StoreCosts(const Sums<kVectors>& sums, __m256 scale, std::int8_t* line,
-                               std::size_t line_bytes) {
-  if constexpr (kPixel < kTileWidth) {
-    const __m256i a = Cost(sums[kPixel][0], scale);
-    const __m256i b = kVectors == 2 ? Cost(sums[kPixel][kVectors - 1], scale) : a;
-    const __m256i words = _mm256_permute4x64_epi64(_mm256_packs_epi32(a, b), 0xD8);
-    const __m128i bytes =
-        _mm_packus_epi16(_mm256_castsi256_si128(words), _mm256_extracti128_si256(words, 1));
-    auto* to = reinterpret_cast<__m128i*>(line + kPixel + 1 - kTileWidth);
-    if constexpr (kVectors == 2) {
-      _mm_storeu_si128(to, bytes);
-    } else {
-      _mm_storel_epi64(to, bytes);
-    }
-    StoreCosts<kVectors, kPixel + 1>(sums, scale, line + line_bytes, line_bytes);
+// The low bytes of a pixel's 16 costs as words: 0 1 4 5 8 9 12 13 and the rest in the other half.
+QXTOOLS_INLINE __m256i PixelWords(const __m256i (&sums)[kWindows], float scale, bool wide) {
+  const __m256i low = _mm256_hadd_epi32(sums[0], sums[1]);
+  const __m256i high = _mm256_hadd_epi32(sums[2], sums[3]);
+  if (wide) {
+    const __m256 scales = _mm256_set1_ps(scale);
+    return _mm256_packs_epi32(WideCost(low, scales), WideCost(high, scales));
+  }
+  return _mm256_and_si256(Words(low, high, scale), _mm256_set1_epi16(0xFF));
+}
+
+QXTOOLS_INLINE void StorePixel(__m128i bytes, std::size_t count, std::int8_t* cost) {
+  if (count >= kBand) {
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(cost), bytes);
+  } else {
+    std::int8_t all[kBand];
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(all), bytes);
+    __builtin_memcpy(cost, all, count);
   }
 }
 
-template <std::size_t kVectors>
-void Tile(const std::int16_t* left, const std::int32_t* right, const Plan& plan, float scale,
-          std::int8_t* line) {
-  Sums<kVectors> sums;
-  Clear<kVectors>(sums);
-  for (std::size_t c = 0; c < plan.channels; c += 2, right += plan.columns) {
-    const auto* columns = reinterpret_cast<const __m256i*>(right);
-    AddProducts<kVectors>(left + c, plan.channels, _mm256_loadu_si256(columns),
-                          _mm256_loadu_si256(columns + (kVectors - 1)), sums);
-  }
-  StoreCosts<kVectors>(sums, _mm256_set1_ps(scale), line, plan.line);
+template <std::size_t kSkipped>
+void ComputeTile(const CostVolumeJob& job, const Plan& plan, const TilePlace& place) {
+  Sums sums;
+  Multiply<kSkipped>(plan, place, sums);
+  const __m256i words[kPixels] = {PixelWords(sums[0], job.scale, plan.wide),
+                                  PixelWords(sums[1], job.scale, plan.wide),
+                                  PixelWords(sums[2], job.scale, plan.wide)};
+  const __m256i first = _mm256_packus_epi16(words[0], words[1]);
+  const __m256i last = _mm256_packus_epi16(words[2], words[2]);
+  const __m128i first_low = _mm256_castsi256_si128(first);
+  const __m128i first_high = _mm256_extracti128_si256(first, 1);
+  const std::size_t step = kColumns * job.disparities;
+  StorePixel(_mm_unpacklo_epi16(first_low, first_high), job.disparities, place.cost);
+  if (place.pixels < 2) return;
+  StorePixel(_mm_unpackhi_epi16(first_low, first_high), job.disparities, place.cost + step);
+  if (place.pixels < 3) return;
+  StorePixel(_mm_unpacklo_epi16(_mm256_castsi256_si128(last), _mm256_extracti128_si256(last, 1)),
+             job.disparities, place.cost + 2 * step);
 }
 
-void CopyCosts(const CostVolumeJob& job, const Plan& plan, const Packed& packed, std::size_t x,
-               std::int8_t* cost) {
-  for (std::size_t t = 0; t < kTileWidth && x + t < job.width; ++t) {
-    const std::size_t costs = Smaller(plan.costs, x + t + 1);
-    std::int8_t* to = cost + (x + t) * job.disparities;
-    __builtin_memcpy(to, packed.lines + t * plan.line + kMargin, costs);
-    __builtin_memset(to + costs, 0, job.disparities - costs);
+// Columns of a row whose windows are in scratch together.
+struct Panel {
+  std::size_t row;       // number of the row's first pixel in the maps
+  std::size_t first;     // column
+  std::size_t end;       // column behind the last one
+  bool keeps_lead;       // what it needs before its first column is there from the row before
+  std::uint8_t* packed;  // place of column first + plan.panel - 1
+  std::int16_t* left;    // a span's pixels
+};
+
+std::uint8_t* PackedAt(const Plan& plan, const Panel& panel, std::size_t column) {
+  return panel.packed + (panel.first + plan.panel - 1 - column) * kGrain * 2;
+}
+
+// Packs what the panel needs before its first column. What lies left of the row counts as zeros,
+// and so do its costs.
+void PackLead(const Row& row, const Plan& plan, const Panel& panel) {
+  std::uint8_t* to = panel.packed + plan.panel * kGrain * 2;
+  const std::size_t lead = RoundUp(plan.cover, kColumns);
+  const std::size_t inside = Smaller(panel.first, lead);
+  PackColumns(row, panel.first - inside, inside, plan, to);
+  to += inside * kGrain * 2;
+  for (std::size_t c = 0; c < plan.channels; c += kGrain, to += plan.pitch) {
+    __builtin_memset(to, 0, (lead - inside) * kGrain * 2);
   }
 }
 
-// All tiles of a panel whose first column is `first`; `cost` is that of the row's first pixel.
-void Panel(const CostVolumeJob& job, const Plan& plan, const Packed& packed, std::size_t first,
-           std::int8_t* cost) {
-  for (std::size_t x = 0; x < plan.panel && first + x < job.width; x += kTileWidth) {
-    const std::int16_t* left = packed.left + x * plan.channels;
-    const std::int32_t* right = packed.right + (plan.panel - kTileWidth - x);
-    // Lanes that hold a cost of the tile; pixels at column x have no disparities above x.
-    const std::size_t lanes = Smaller(plan.costs, first + x + kTileWidth) + kTileWidth - 1;
-    for (std::size_t lane = 0; lane < lanes; lane += kTileRight) {
-      const auto tile = lanes - lane > kTileRight / 2 ? Tile<2> : Tile<1>;
-      tile(left, right + lane, plan, job.scale, packed.lines + kMargin + lane);
-    }
-    CopyCosts(job, plan, packed, first + x, cost);
+// The data may lie behind the end of all: the request is then dropped.
+QXTOOLS_INLINE void Prefetch(const std::int8_t* from, std::size_t offset, std::size_t bytes) {
+  std::uintptr_t at = reinterpret_cast<std::uintptr_t>(from) + offset;
+  for (const std::uintptr_t end = at + bytes; at < end; at += kCostVolumeAlignment) {
+    _mm_prefetch(reinterpret_cast<const char*>(at), _MM_HINT_T0);
   }
 }
+
+// The span's tiles of disparities d and on. Each asks for a share of the next span's data, the
+// first for number `share`, while it hides the wait.
+void ComputeBand(const CostVolumeJob& job, const Plan& plan, const Panel& panel, std::size_t start,
+                 std::size_t d, std::size_t share, std::size_t shares) {
+  const auto tile = start <= d ? ComputeTile<kWindows - 1> : ComputeTile<0>;
+  const std::size_t next = panel.row + start + kSpan;  // pixel
+  const std::size_t pixel_bytes = kSpan * job.channels / shares;
+  const std::size_t cost_bytes = kSpan * job.disparities / shares;
+  for (std::size_t t = 0; t < kColumns && start + t < panel.end; ++t, ++share) {
+    Prefetch(job.left, next * job.channels + share * pixel_bytes, pixel_bytes);
+    Prefetch(job.right, next * job.channels + share * pixel_bytes, pixel_bytes);
+    Prefetch(job.cost, next * job.disparities + share * cost_bytes, cost_bytes);
+    const std::size_t column = start + t;
+    std::size_t pixels = 1;
+    while (pixels < kPixels && column + pixels * kColumns < panel.end) ++pixels;
+    const std::uint8_t* first = PackedAt(plan, panel, column) + d * kGrain * 2;
+    tile(job, plan,
+         {panel.left + t * plan.channels, first - (kPixels - 1) * kWindow,
+          job.cost + (panel.row + column) * job.disparities + d, pixels});
+  }
+}
+
+void ComputeSpan(const CostVolumeJob& job, const Plan& plan, const Panel& panel,
+                 std::size_t start) {
+  // Pixels of the span have no disparities from here on.
+  const std::size_t reach = Smaller(plan.cover, RoundUp(start + kSpan, kBand));
+  const std::size_t bands = RoundUp(reach, kBand) / kBand;
+  for (std::size_t b = 0; b < bands; ++b) {
+    // A band that would end behind the last cost is moved back to overlap the one before.
+    const std::size_t d = Smaller(b * kBand, plan.cover - kBand);
+    ComputeBand(job, plan, panel, start, d, b * kColumns, bands * kColumns);
+  }
+  if (reach >= job.disparities) return;
+  const std::size_t end = Smaller(start + kSpan, panel.end);
+  for (std::size_t column = start; column < end; ++column) {
+    std::int8_t* cost = job.cost + (panel.row + column) * job.disparities;
+    __builtin_memset(cost + reach, 0, job.disparities - reach);
+  }
+}
+
+void ComputePanel(const CostVolumeJob& job, const Plan& plan, const Panel& panel) {
+  const Row left{job.left + panel.row * job.channels, job.width, job.channels};
+  const Row right{job.right + panel.row * job.channels, job.width, job.channels};
+  if (!panel.keeps_lead) PackLead(right, plan, panel);
+  for (std::size_t x = panel.first; x < panel.end; x += kSpan) {
+    const std::size_t count = Smaller(kSpan, RoundUp(panel.end - x, kColumns));
+    PackColumns(right, x, count, plan, PackedAt(plan, panel, x + count - 1));
+    // A span that would end behind the panel is moved back as well.
+    const bool whole = panel.end - panel.first >= kSpan;
+    const std::size_t start = whole ? Smaller(x, panel.end - kSpan) : panel.first;
+    PackLeft(left, start, plan.channels, panel.left);
+    ComputeSpan(job, plan, panel, start);
+  }
+}
+
+std::size_t RightBytes(const Plan& plan) { return plan.channels / kGrain * plan.pitch; }
 
 }  // namespace
 
 std::size_t CostVolumeScratchAvx2(const CostVolumeJob& job) {
   const Plan plan = PlanOf(job);
-  return (plan.columns + plan.panel) * plan.channels * 2 + kTileWidth * plan.line;
+  return RightBytes(plan) + kSpan * plan.channels * sizeof(std::int16_t);
 }
 
 void CostVolumeRowsAvx2(const CostVolumeJob& job, std::size_t first_row, std::size_t end_row,
                         std::uint8_t* scratch) {
   const Plan plan = PlanOf(job);
-  const Packed packed = SplitScratch(plan, scratch);
+  auto* left = reinterpret_cast<std::int16_t*>(scratch + RightBytes(plan));
   for (std::size_t y = first_row; y < end_row; ++y) {
-    const std::size_t row = y * job.width;
-    const Row left{job.left + row * job.channels, job.width, job.channels};
-    const Row right{job.right + row * job.channels, job.width, job.channels};
+    const bool keeps_lead = y > first_row && plan.panel >= job.width;
     for (std::size_t first = 0; first < job.width; first += plan.panel) {
-      PackLeft(left, first, plan, packed.left);
-      PackRight(right, first, plan, packed.right);
-      Panel(job, plan, packed, first, job.cost + row * job.disparities);
+      const std::size_t end = Smaller(first + plan.panel, job.width);
+      ComputePanel(job, plan, {y * job.width, first, end, keeps_lead, scratch, left});
     }
   }
 }

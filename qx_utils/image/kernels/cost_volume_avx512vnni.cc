@@ -176,6 +176,7 @@ struct Panel {
   std::size_t row;      // number of the row's first pixel in the maps
   std::size_t first;    // column
   std::size_t end;      // column behind the last one
+  bool keeps_lead;      // what it needs before its first column is there from the row before
   std::int8_t* packed;  // place of column first + plan.panel - 1
 };
 
@@ -249,7 +250,7 @@ void ComputeSpan(const CostVolumeJob& job, const Plan& plan, const TileJob& tile
 void ComputePanel(const CostVolumeJob& job, const Plan& plan, const TileJob& tiles,
                   const Panel& panel) {
   const Row right{job.right + panel.row * job.channels, job.width, job.channels};
-  PackLead(right, plan, panel);
+  if (!panel.keeps_lead) PackLead(right, plan, panel);
   for (std::size_t x = panel.first; x < panel.end; x += plan.span) {
     const std::size_t count = Smaller(plan.span, RoundUp(panel.end - x, plan.columns));
     PackColumns(right, x, count, plan, PackedAt(plan, panel, x + count - 1));
@@ -276,11 +277,12 @@ void CostVolumeRowsAvx512Vnni(const CostVolumeJob& job, std::size_t first_row, s
                       Smaller(plan.band, job.disparities),
                       job.scale,
                       avx512vnni::NeedsWide(plan.channels, job.scale)};
+  auto* packed = reinterpret_cast<std::int8_t*>(scratch);
   for (std::size_t y = first_row; y < end_row; ++y) {
+    const bool keeps_lead = y > first_row && plan.panel >= job.width;
     for (std::size_t first = 0; first < job.width; first += plan.panel) {
       const std::size_t end = Smaller(first + plan.panel, job.width);
-      ComputePanel(job, plan, tiles,
-                   {y * job.width, first, end, reinterpret_cast<std::int8_t*>(scratch)});
+      ComputePanel(job, plan, tiles, {y * job.width, first, end, keeps_lead, packed});
     }
   }
 }
