@@ -11,18 +11,19 @@
 #include <cstdlib>
 #include <cstring>
 #include <functional>
-#include <memory>
 #include <random>
 #include <string>
 #include <vector>
 
 #include "bench/cost_volume_rivals.h"
+#include "qx_utils/image/cost_volume_threads.h"
 #include "qx_utils/internal/cpu_features.h"
 
 namespace qx {
 namespace bench {
 namespace {
 
+using utils::image::ComputeCostVolume;
 using utils::image::CostVolumeJob;
 using utils::image::CostVolumeVariant;
 
@@ -65,21 +66,6 @@ double Median(std::vector<double> values) {
   return values[values.size() / 2];
 }
 
-void RunVariant(const CostVolumeVariant& variant, const CostVolumeJob& job, std::size_t rows) {
-  const std::size_t bytes = variant.scratch_bytes(job) / 64 * 64 + 128;
-  const int threads = omp_get_max_threads();
-  const std::unique_ptr<std::uint8_t[]> scratch(
-      new std::uint8_t[bytes * static_cast<std::size_t>(threads) + 64]);
-  const auto first = reinterpret_cast<std::uintptr_t>(scratch.get());
-#pragma omp parallel num_threads(threads)
-  {
-    const auto team = static_cast<std::size_t>(omp_get_num_threads());
-    const auto thread = static_cast<std::size_t>(omp_get_thread_num());
-    variant.rows(job, rows * thread / team, rows * (thread + 1) / team,
-                 scratch.get() + (64 - first % 64) % 64 + thread * bytes);
-  }
-}
-
 struct Result {
   Shape shape;
   std::string variant;
@@ -112,7 +98,7 @@ std::vector<Result> Measure(const Shape& shape, int threads, int runs) {
 #pragma omp parallel reduction(+ : peak_macs) num_threads(threads)
     peak_macs += PeakMacsPerSecond();
     for (std::size_t v = 0; v < variants.size(); ++v) {
-      const double seconds = Seconds([&] { RunVariant(*variants[v], job, shape.height); });
+      const double seconds = Seconds([&] { ComputeCostVolume(*variants[v], job, shape.height); });
       if (run == 0) continue;
       times[v].push_back(seconds);
       loop[v].push_back(loop_seconds / seconds);

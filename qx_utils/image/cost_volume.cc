@@ -1,14 +1,13 @@
 #include "qxtools/cost_volume.h"
 
 #include <glog/logging.h>
-#include <omp.h>
 
-#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <limits>
 #include <memory>
 
+#include "qx_utils/image/cost_volume_threads.h"
 #include "qx_utils/image/kernels/cost_volume.h"
 #include "qx_utils/internal/cpu_features.h"
 #include "qx_utils/internal/frame_view.h"
@@ -50,33 +49,6 @@ float CombinedScale(const FrameView& left, const FrameView& right, const FrameVi
   return right.scale * left.scale * output.scale * per_channel;
 }
 
-// Thread `thread` of `threads` takes a contiguous share; the first ones take one row more.
-void RunShare(const CostVolumeVariant& variant, const CostVolumeJob& job, std::size_t rows,
-              std::size_t thread, std::size_t threads, std::uint8_t* scratch) {
-  const std::size_t share = rows / threads;
-  const std::size_t longer = rows % threads;
-  const std::size_t first = thread * share + std::min(thread, longer);
-  variant.rows(job, first, first + share + (thread < longer ? 1 : 0), scratch);
-}
-
-void RunRows(const CostVolumeVariant& variant, const CostVolumeJob& job, std::size_t rows) {
-  const auto most = static_cast<std::size_t>(std::max(1, omp_get_max_threads()));
-  const auto threads = static_cast<int>(std::min(most, rows));
-  constexpr std::size_t kAlign = kCostVolumeAlignment;
-  const std::size_t per_thread = (variant.scratch_bytes(job) + kAlign - 1) / kAlign * kAlign;
-  // All memory of the call, before the threads start: nothing below can fail.
-  const std::unique_ptr<std::uint8_t[]> block(
-      new std::uint8_t[per_thread * static_cast<std::size_t>(threads) + kAlign]);
-  std::uint8_t* const scratch =
-      block.get() + (kAlign - reinterpret_cast<std::uintptr_t>(block.get()) % kAlign) % kAlign;
-#pragma omp parallel num_threads(threads)
-  {
-    const auto thread = static_cast<std::size_t>(omp_get_thread_num());
-    const auto team = static_cast<std::size_t>(omp_get_num_threads());
-    RunShare(variant, job, rows, thread, team, scratch + thread * per_thread);
-  }
-}
-
 // Bytes are read while costs are written, so a volume laid over an input is computed elsewhere.
 void RunAnywhere(const FrameView& left, const FrameView& right, const FrameView& output) {
   const std::size_t bytes = static_cast<std::size_t>(output.Elements());
@@ -91,7 +63,8 @@ void RunAnywhere(const FrameView& left, const FrameView& right, const FrameView&
                           CombinedScale(left, right, output)};
   std::size_t count = 0;
   const CostVolumeVariant* table = CostVolumeVariants(&count);
-  RunRows(internal::BestVariant(table, count, internal::ActiveFeatures()), job, left.height);
+  ComputeCostVolume(internal::BestVariant(table, count, internal::ActiveFeatures()), job,
+                    left.height);
   if (shared) std::memcpy(output.data, copy.get(), bytes);
 }
 
