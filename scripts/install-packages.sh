@@ -1,9 +1,10 @@
 #!/usr/bin/env bash
 # Installs the packages that the project needs and that are missing.
 #
-# usage: install-packages.sh [demo|test|bench|package|roots]...
+# usage: install-packages.sh [demo|test|faults|bench|package|roots]...
 #   demo     what building and running the command takes (the default)
 #   test     demo, and what scripts/test.sh takes
+#   faults   demo, and what scripts/test-faults.sh takes beyond test
 #   bench    demo, and the rivals that the benchmarks measure against
 #   package  demo, and what scripts/build-packages.sh takes
 #   roots    demo, and what the scripts take that test for boards
@@ -22,6 +23,7 @@ test_packages=(
   python3 python3-gi gir1.2-gst-rtsp-server-1.0
   gstreamer1.0-plugins-base gstreamer1.0-plugins-good gstreamer1.0-plugins-bad
 )
+faults_packages=(valgrind)
 bench_packages=(libbenchmark-dev libyuv-dev libdnnl-dev)
 package_packages=(dpkg-dev lintian help2man file)
 roots_packages=(mmdebstrap qemu-user lld-14 clang-14 g++-aarch64-linux-gnu)
@@ -31,10 +33,11 @@ for group in "$@"; do
   case $group in
     demo) ;;
     test) wanted+=("${test_packages[@]}") ;;
+    faults) wanted+=("${faults_packages[@]}") ;;
     bench) wanted+=("${bench_packages[@]}") ;;
     package) wanted+=("${package_packages[@]}") ;;
     roots) wanted+=("${roots_packages[@]}") ;;
-    *) die "unknown group '$group'; known are demo, test, bench, package and roots" ;;
+    *) die "unknown group '$group'; known are demo, test, faults, bench, package and roots" ;;
   esac
 done
 
