@@ -1,12 +1,11 @@
 #include <cstdio>
-#include <iostream>
 #include <memory>
-#include <nlohmann/json.hpp>
 #include <string>
 
 #include "qxtools/emulated_board.h"
 #include "qxtools/fpga_correlation.h"
 #include "tools/commands.h"
+#include "tools/report.h"
 
 namespace qx {
 namespace tools {
@@ -45,14 +44,7 @@ void ShowBoard(int device, bool json) {
   for (const std::uint32_t offset : unit.offsets) result["argument_offsets"].push_back(Hex(offset));
   result["memory_groups"] = unit.memory_groups;
   if (emulated_board::IsEmulated()) AddEmulated(result);
-  if (json) {
-    std::cout << result.dump(2, ' ', false, ordered_json::error_handler_t::replace) << '\n';
-    return;
-  }
-  for (const auto& [key, value] : result.items()) {
-    const std::string text = value.is_string() ? value.get<std::string>() : value.dump();
-    std::cout << key << ": " << text << '\n';
-  }
+  PrintReport(result, json);
 }
 
 }  // namespace

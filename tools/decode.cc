@@ -75,16 +75,16 @@ void Report(const DecodeOptions& options, const VideoReader& reader, const Decod
   const std::string shown = WithoutPasswords(options.input);
   const char* name = shown.c_str();
   if (reader.DamagedPackets() > 0) {
-    std::fprintf(stderr, "qxtools: warning: '%s': %zu damaged packets\n", name,
-                 reader.DamagedPackets());
+    std::fprintf(stderr, "qxtools: warning: '%s': %zu damaged packet%s\n", name,
+                 reader.DamagedPackets(), reader.DamagedPackets() == 1 ? "" : "s");
   }
   if (reader.Truncated()) {
     std::fprintf(stderr, "qxtools: warning: '%s': unreadable behind picture %zu\n", name,
                  summary.pictures);
   }
   if (summary.size_changes > 0) {
-    std::fprintf(stderr, "qxtools: warning: '%s': the picture size changes %zu times\n", name,
-                 summary.size_changes);
+    std::fprintf(stderr, "qxtools: warning: '%s': the picture size changes %zu time%s\n", name,
+                 summary.size_changes, summary.size_changes == 1 ? "" : "s");
   }
 }
 

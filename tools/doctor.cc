@@ -1,8 +1,6 @@
 #include <omp.h>
 
-#include <iostream>
 #include <memory>
-#include <nlohmann/json.hpp>
 #include <string>
 
 extern "C" {
@@ -17,6 +15,7 @@ extern "C" {
 #include "qxtools/instruction_sets.h"
 #include "qxtools/version.h"
 #include "tools/commands.h"
+#include "tools/report.h"
 
 namespace qx {
 namespace tools {
@@ -55,18 +54,6 @@ ordered_json Examine() {
           {"rtsp_open_limit_s", limits.open.count()}};
 }
 
-void Report(bool json) {
-  const ordered_json findings = Examine();
-  if (json) {
-    std::cout << findings.dump(2, ' ', false, ordered_json::error_handler_t::replace) << '\n';
-    return;
-  }
-  for (const auto& [key, value] : findings.items()) {
-    const std::string text = value.is_string() ? value.get<std::string>() : value.dump();
-    std::cout << key << ": " << text << '\n';
-  }
-}
-
 }  // namespace
 
 void AddDoctor(CLI::App& app) {
@@ -80,7 +67,7 @@ void AddDoctor(CLI::App& app) {
       "Examples:\n"
       "  qxtools doctor\n"
       "  QXTOOLS_FORCE_ISA=scalar OMP_NUM_THREADS=1 qxtools doctor --json | jq .instruction_set");
-  doctor->callback([json] { Report(*json); });
+  doctor->callback([json] { PrintReport(Examine(), *json); });
 }
 
 }  // namespace tools

@@ -1,15 +1,14 @@
 #include <cinttypes>
 #include <cstddef>
 #include <cstdio>
-#include <iostream>
 #include <memory>
-#include <nlohmann/json.hpp>
 #include <stdexcept>
 #include <string>
 
 #include "qxtools/h264_h265_info_parse.h"
 #include "tools/commands.h"
 #include "tools/passwords.h"
+#include "tools/report.h"
 #include "tools/video_input.h"
 
 namespace qx {
@@ -67,15 +66,7 @@ void Probe(const std::string& name, bool json) {
       {"level_idc", params.level_idc},
       {"chroma_format_idc", params.chroma_format_idc},
   };
-  if (json) {
-    // File names need not be UTF-8, JSON does.
-    std::cout << result.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) << '\n';
-    return;
-  }
-  for (const auto& [key, value] : result.items()) {
-    const std::string text = value.is_string() ? value.get<std::string>() : value.dump();
-    std::cout << key << ": " << text << '\n';
-  }
+  PrintReport(result, json);
 }
 
 }  // namespace

@@ -6,6 +6,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <system_error>
 
 #include "tools/commands.h"
 #include "tools/progress.h"
@@ -88,7 +89,9 @@ void MatchAll(const StereoOptions& options) {
     return PairReader(options.left, options.right, options.frames);
   };
   PairReader reader = open();
-  std::filesystem::create_directories(options.folder);
+  std::error_code error;
+  std::filesystem::create_directories(options.folder, error);
+  if (error) throw std::system_error(error, "cannot make the folder '" + options.folder + "'");
   const auto next = [&] {
     const StageTimer timer(times.decode);
     return reader.Next();
