@@ -34,9 +34,9 @@
 
 namespace {
 
-using qx::testing::StereoMaps;
-using qx::testing::Way;
 using qx::utils::ffmpeg::FfmpegDecoder;
+using qx::utils::image::StereoMaps;
+using qx::utils::image::Way;
 using qx::utils::video::AnnexBFilter;
 using qx::utils::video::FfmpegDemuxer;
 using std::chrono::steady_clock;
@@ -152,7 +152,7 @@ void VisitCamera(const std::string& url, Random& random) {
 // All three ways of running the kernel, each with a random fault and then without.
 void RunKernel(StereoMaps& maps, const std::vector<std::uint8_t>& expected, Random& random) {
   static const auto kNames = board::FaultNames();
-  for (const Way way : qx::testing::kWays) {
+  for (const Way way : qx::utils::image::kWays) {
     qx::utils::image::SetKernelTimeLimit(std::chrono::milliseconds(20));
     board::FailCall(kNames[random() % kNames.size()], 1 + static_cast<unsigned>(random() % 3));
     try {
@@ -272,7 +272,7 @@ class Soak {
   std::vector<std::string> urls_;
   std::uint64_t inputs_ = 0, visits_ = 0, kernels_ = 0;
   Random file_random_{1}, camera_random_{2}, kernel_random_{3};
-  qx::testing::BoardScope board_{{8, 40, 32, 16}, false};
+  qx::utils::image::BoardScope board_{{8, 40, 32, 16}, false};
   StereoMaps small_{{8, 40, 32, 16}};
   StereoMaps large_{{96, 320, 32, 48}};
   std::vector<std::uint8_t> small_expected_ = small_.Expected();

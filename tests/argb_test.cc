@@ -1,25 +1,16 @@
 #include "qxtools/argb.h"
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <cstdint>
 #include <cstring>
-#include <string>
-#include <vector>
 
 #include "qx_utils/image/kernels/argb.h"
 #include "qx_utils/internal/cpu_features.h"
-#include "tests/testing/guarded_buffer.h"
+#include "tests/testing/test.h"
 
 namespace qx {
 namespace utils {
 namespace image {
 namespace {
 
-using ::testing::ElementsAre;
-using testing::GuardedBuffer;
 using Bytes = std::vector<std::uint8_t>;
 
 constexpr std::size_t kMaxPixels = 400, kShifts = 64, kCanaries = 64;

@@ -1,22 +1,15 @@
 #include "qx_utils/h264_h265_info_parse/bit_reader.h"
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <vector>
-
-#include "tests/testing/guarded_buffer.h"
-#include "tests/testing/log_capture.h"
 #include "tests/testing/sps_writer.h"
+#include "tests/testing/test.h"
 
 namespace qx {
 namespace utils {
 namespace {
 
 using testing::Bytes;
-using ::testing::ElementsAre;
 
-BitReader ReaderOf(const testing::GuardedBuffer& buffer) {
+BitReader ReaderOf(const GuardedBuffer& buffer) {
   BitReader reader;
   reader.data = buffer.data();
   reader.size = buffer.size();
@@ -49,7 +42,7 @@ TEST(ReadBits, SkipsEmulationPrevention) {
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.why);
-    const testing::GuardedBuffer buffer(c.bytes.size());
+    const GuardedBuffer buffer(c.bytes.size());
     std::copy(c.bytes.begin(), c.bytes.end(), buffer.data());
     BitReader r = ReaderOf(buffer);
     for (std::size_t i = 0; i < c.counts.size(); ++i) {
@@ -60,11 +53,11 @@ TEST(ReadBits, SkipsEmulationPrevention) {
 }
 
 TEST(ReadBits, RefusesMoreThanIsLeftAndStaysWhereItWas) {
-  const testing::GuardedBuffer buffer(2);
+  const GuardedBuffer buffer(2);
   buffer.data()[1] = 0x01;
   BitReader r = ReaderOf(buffer);
   EXPECT_EQ(ReadBits(r, 15), 0U);
-  const testing::LogCapture log(1);
+  const LogCapture log(1);
   EXPECT_EQ(ReadBits(r, 2), 0U);
   EXPECT_EQ(ReadBits(r, ~std::uint64_t{0}), 0U);
   EXPECT_EQ(r.bit_pos, 15U);
@@ -93,7 +86,7 @@ TEST(ReadUE, ReadsExpGolombCodes) {
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.why);
-    const testing::GuardedBuffer buffer(c.bytes.size());
+    const GuardedBuffer buffer(c.bytes.size());
     std::copy(c.bytes.begin(), c.bytes.end(), buffer.data());
     BitReader r = ReaderOf(buffer);
     for (const std::uint32_t value : c.values) EXPECT_EQ(ReadUE(r), value);

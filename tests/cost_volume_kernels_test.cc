@@ -1,26 +1,19 @@
 // Every variant that this processor runs, byte for byte against `scalar`.
-#include <gtest/gtest.h>
-
 #include <cmath>
-#include <cstdint>
 #include <cstring>
 #include <functional>
 #include <initializer_list>
-#include <limits>
 #include <random>
-#include <vector>
 
 #include "qx_utils/image/kernels/cost_volume.h"
 #include "qx_utils/internal/cpu_features.h"
 #include "qxtools/instruction_sets.h"
-#include "tests/testing/guarded_buffer.h"
+#include "tests/testing/test.h"
 
 namespace qx {
 namespace utils {
 namespace image {
 namespace {
-
-using testing::GuardedBuffer;
 
 constexpr std::uint32_t kSeed = 20;
 constexpr std::size_t kRows = 3;

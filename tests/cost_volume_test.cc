@@ -1,29 +1,17 @@
 #include "qxtools/cost_volume.h"
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <omp.h>
 
-#include <algorithm>
 #include <cmath>
-#include <cstdint>
-#include <limits>
 #include <random>
-#include <vector>
 
 #include "qx_utils/internal/cpu_features.h"
-#include "tests/testing/log_capture.h"
+#include "tests/testing/test.h"
 
 namespace qx {
 namespace utils {
 namespace image {
 namespace {
-
-using ::testing::Each;
-using ::testing::ElementsAre;
-using ::testing::HasSubstr;
-using ::testing::IsEmpty;
-using ::testing::SizeIs;
 
 // A frame of somebody else's making: every answer can be set on its own.
 class LooseFrame : public velkar::vision::ImageFrame {
@@ -56,15 +44,6 @@ struct Frames {
   void Run() { CostVolume(&left, &right, &out); }
   LooseFrame left, right, out;
 };
-
-TEST(CostVolume, OneDisparityComparesEveryPixelWithItself) {
-  Frames f(3, 5, 32, 1);
-  testing::LogCapture log;
-  f.Run();
-  EXPECT_THAT(f.out.bytes, Each(1));
-  EXPECT_THAT(log.Messages(),
-              ElementsAre("cost_volume inputs shape: \nleft: (3, 5, 32) right: (3, 5, 32) "));
-}
 
 // Every sum is 32 x 1, so the right frame's scale alone makes the cost.
 TEST(CostVolume, QuantisesWithALeakAndTiesUpwards) {
@@ -106,8 +85,8 @@ TEST(CostVolume, CountsWholeBlocksOfChannels) {
 
 TEST(CostVolume, ScalesMultiplyInTheirOrder) {
   Frames f(1, 1, 32, 1);
-  f.right.scale = 1e30F;
-  f.left.scale = 1e30F;  // right x left overflows before the output's scale can help
+  f.right.scale = 1e20F;
+  f.left.scale = 1e20F;  // right x left overflows before the output's scale can help
   f.out.scale = 1e-38F;
   f.Run();
   EXPECT_EQ(f.out.bytes[0], 0xFF);
@@ -133,10 +112,9 @@ TEST(CostVolume, SameBytesForAnyNumberOfThreads) {
   Frames shared = f;
   shared.left.data = f.left.bytes.data();
   shared.right.data = f.right.bytes.data();
-  shared.out.data = f.left.bytes.data();  // 19 disparities fit into the 64 channels
+  shared.out.data = f.left.bytes.data() + 33 * 64;  // the first row's costs over the second row
   shared.Run();
-  f.left.bytes.resize(one.size());
-  EXPECT_EQ(f.left.bytes, one) << "an output laid over an input";
+  EXPECT_TRUE(std::equal(one.begin(), one.end(), shared.out.data)) << "laid over an input";
 }
 
 TEST(CostVolume, RefusesFramesThatDoNotFit) {
@@ -165,13 +143,13 @@ TEST(CostVolume, RefusesFramesThatDoNotFit) {
   for (const auto& c : cases) {
     Frames f(4, 4, 32, 5);
     c.spoil(f);
-    testing::LogCapture log;
+    LogCapture log;
     f.Run();
     EXPECT_THAT(log.Messages(google::ERROR), ElementsAre(HasSubstr(c.reason)));
     EXPECT_THAT(f.out.bytes, Each(0xEE)) << c.reason;
   }
   Frames f(4, 4, 32, 5);
-  testing::LogCapture log;
+  LogCapture log;
   CostVolume(nullptr, &f.right, &f.out);
   CostVolume(&f.left, nullptr, &f.out);
   CostVolume(&f.left, &f.right, nullptr);
@@ -180,7 +158,7 @@ TEST(CostVolume, RefusesFramesThatDoNotFit) {
 }
 
 TEST(CostVolume, EmptyFramesAndSpareBytesAreFine) {
-  testing::LogCapture log;
+  LogCapture log;
   for (auto shape : {std::vector<std::uint32_t>{0, 4, 32, 3}, {4, 0, 32, 3}, {4, 4, 32, 0}}) {
     Frames(shape[0], shape[1], shape[2], shape[3]).Run();
   }
@@ -191,6 +169,8 @@ TEST(CostVolume, EmptyFramesAndSpareBytesAreFine) {
   f.Run();
   EXPECT_THAT(f.out.bytes, ElementsAre(1, 0, 1, 1, 1, 0, 1, 1, 0xEE, 0xEE, 0xEE));
   EXPECT_THAT(log.Messages(google::ERROR), IsEmpty());
+  EXPECT_EQ(log.Messages().back(),
+            "cost_volume inputs shape: \nleft: (2, 2, 32) right: (2, 2, 32) ");
 }
 
 TEST(CostVolumeDeathTest, WrongFormatsAndSizesEndTheProcess) {
@@ -214,7 +194,7 @@ TEST(CpuFeatures, ForcedNamesAreObeyedOrReported) {
   using internal::ChooseFeatures;
   const auto& isas = internal::CompiledIsas();
   const std::uint32_t all = isas.front().features;
-  testing::LogCapture log;
+  LogCapture log;
   EXPECT_EQ(ChooseFeatures(nullptr, all), all);
   EXPECT_EQ(ChooseFeatures("", all), all);
   for (const auto& isa : isas) EXPECT_EQ(ChooseFeatures(isa.name, all), isa.features);

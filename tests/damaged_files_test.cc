@@ -1,18 +1,14 @@
 // One short clip per container, cut at every byte and with flipped bits, from the demuxer to the
 // last sample of every frame.
-#include <gtest/gtest.h>
-
-#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <random>
-#include <string>
-#include <vector>
 
 #include "tests/testing/decoding.h"
 #include "tests/testing/effort.h"
 #include "tests/testing/temp_path.h"
+#include "tests/testing/test.h"
 
 namespace qx {
 namespace testing {

@@ -1,8 +1,4 @@
-#include <dlfcn.h>
-#include <gmock/gmock.h>
-
 #include <atomic>
-#include <cstdio>
 #include <deque>
 #include <future>
 #include <stdexcept>
@@ -11,56 +7,21 @@
 #include <utility>
 
 #include "qx_utils/ffmpeg_video_decoder/blocking_queue.h"
-#include "qx_utils/internal/ffmpeg_handles.h"
 #include "tests/testing/decoding.h"
 #include "tests/testing/effort.h"
-#include "tests/testing/log_capture.h"
-
-namespace {
-
-enum class Fault { kNone, kNoDecoder, kNoContext, kNoPicture };
-std::atomic<Fault> next_fault{Fault::kNone};
-
-// True once for the fault that a test has asked for.
-bool FailsNow(Fault fault) { return next_fault.compare_exchange_strong(fault, Fault::kNone); }
-
-template <typename Function>
-Function* Real(const char* name) {
-  return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
-}
-
-}  // namespace
-
-// These stand in front of FFmpeg's own.
-extern "C" {
-decltype(avcodec_find_decoder(AV_CODEC_ID_H264)) avcodec_find_decoder(AVCodecID id) {
-  if (FailsNow(Fault::kNoDecoder)) return nullptr;
-  return Real<decltype(avcodec_find_decoder)>("avcodec_find_decoder")(id);
-}
-AVCodecContext* avcodec_alloc_context3(const AVCodec* codec) {
-  if (FailsNow(Fault::kNoContext)) return nullptr;
-  return Real<decltype(avcodec_alloc_context3)>("avcodec_alloc_context3")(codec);
-}
-AVFrame* av_frame_alloc() {
-  if (FailsNow(Fault::kNoPicture)) return nullptr;
-  return Real<decltype(av_frame_alloc)>("av_frame_alloc")();
-}
-}
+#include "tests/testing/test.h"
 
 namespace qx {
 namespace utils {
 namespace ffmpeg {
 namespace {
 
-using ::testing::ContainsRegex;
 using testing::Drain;
-using ::testing::ElementsAre;
 using ::testing::EndsWith;
 using testing::FramePtr;
 using testing::MakePacket;
 using testing::Receiver;
 using testing::SendAll;
-using ::testing::SizeIs;
 
 const std::vector<testing::PacketPtr>& Packets() {
   static const auto packets = [] {
@@ -86,34 +47,6 @@ TEST(BlockingQueue, KeepsOrderAndEndsAWait) {
   EXPECT_EQ(waiting.wait_for(std::chrono::milliseconds(20)), std::future_status::timeout);
   queue.Push(4);
   EXPECT_EQ(waiting.get(), 4);
-}
-
-TEST(Decoder, PrintsWhatFfmpegLacksAndGoesOn) {
-  const struct {
-    Fault fault;
-    int init, send;
-    const char* output;
-  } cases[] = {
-      {Fault::kNoDecoder, -1, kDecodeNotInitialised,
-       "^####\\[Init:[0-9]+\\]assert failed:p_avcodec_ != NULL\nCould not open codec\n$"},
-      {Fault::kNoContext, -1, kDecodeNotInitialised,
-       "^####\\[Init:[0-9]+\\]assert failed:p_avcodec_ctx_ != NULL\n$"},
-      {Fault::kNoPicture, 0, kDecodeOutOfMemory,
-       "^####\\[SendFrame:[0-9]+\\]assert failed:ptFrame != NULL\n$"},
-  };
-  for (const auto& c : cases) {
-    const auto decoder = CreateFfmpegDecoder();
-    Packets();  // FFmpeg is called for them too
-    ASSERT_EQ(decoder->Init(), 0);
-    next_fault = c.fault;
-    ::testing::internal::CaptureStdout();
-    EXPECT_EQ(c.fault == Fault::kNoPicture ? 0 : decoder->Init(), c.init);
-    EXPECT_EQ(decoder->SendFrame(Packets().front(), nullptr), c.send);
-    std::fflush(stdout);
-    EXPECT_THAT(::testing::internal::GetCapturedStdout(), ContainsRegex(c.output));
-    EXPECT_EQ(decoder->Init(), 0);
-    EXPECT_EQ(decoder->SendFrame(Packets().front(), nullptr), kDecodeOk);
-  }
 }
 
 // A decoder in some state. Where the state blocks the worker, `gate` lets it go on.
@@ -199,7 +132,7 @@ void DestroyFromCallback(Subject& s, bool is_new) {
 }
 
 void ThrowFromCallback(Subject& s, bool is_new) {
-  const testing::LogCapture log;
+  const LogCapture log;
   Receiver receiver;
   s.decoder->SetCallback(
       [receive = receiver.Callback(), calls = 0](FramePtr frame, void* user_data) mutable {

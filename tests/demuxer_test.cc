@@ -1,51 +1,17 @@
 #include "qxtools/ffmpeg_demuxer.h"
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include <atomic>
-#include <cstdlib>
 #include <fstream>
-#include <new>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "qx_utils/internal/ffmpeg_handles.h"
-#include "tests/testing/log_capture.h"
 #include "tests/testing/temp_path.h"
-
-namespace {
-thread_local int allocations = 0;
-}  // namespace
-
-#if defined(__has_feature)
-#if __has_feature(thread_sanitizer)
-#define QXTOOLS_HAS_OWN_NEW 1
-#endif
-#endif
-
-#ifndef QXTOOLS_HAS_OWN_NEW  // the thread sanitizer brings its own, which cannot be replaced
-// Out of line, or GCC takes free() in one and new in another for a mismatch.
-[[gnu::noinline]] void* operator new(std::size_t size) {
-  ++allocations;
-  if (void* block = std::malloc(size)) return block;
-  throw std::bad_alloc();
-}
-[[gnu::noinline]] void operator delete(void* block) noexcept { std::free(block); }
-[[gnu::noinline]] void operator delete(void* block, std::size_t /*size*/) noexcept {
-  std::free(block);
-}
-#endif
+#include "tests/testing/test.h"
 
 namespace qx {
 namespace utils {
 namespace video {
 namespace {
-
-using qx::testing::LogCapture;
-using ::testing::ElementsAre;
-using ::testing::ElementsAreArray;
 
 const std::string kClips = QXTOOLS_CLIPS_DIR "/";
 const std::string kEndOfFile = " Read frame failed. ErrCode: -541478725";  // AVERROR_EOF
@@ -68,78 +34,47 @@ TEST(Factories, MakeIndependentDemuxersAndNothingElse) {
   EXPECT_NE(first->ReadFrame(), nullptr);
 }
 
+std::string Lines(const LogCapture& log, google::LogSeverity severity) {
+  std::string lines;
+  for (const std::string& message : log.Messages(severity)) lines += message + '\n';
+  return lines;
+}
+
 TEST(Demuxer, ChoosesTheFirstStreamItKnows) {
   const struct {
-    std::string clip;
-    int result, index;
+    const char* clip;
+    int index;
     VideoCodec codec;
     int packets;
-    std::vector<std::string> errors, traces;
+    const char *errors, *traces;
   } cases[] = {
-      {"left.h264",
-       0,
-       0,
-       kVideoCodecH264,
-       24,
-       {},
-       {"index: 0 codec_type=0", "found video stream index=0, codecId=27"}},
-      {"hevc.mp4",
-       0,
-       0,
-       kVideoCodecH265,
-       12,
-       {},
-       {"index: 0 codec_type=0", "found video stream index=0, codecId=173"}},
-      {"audio_first.mp4",
-       0,
-       1,
-       kVideoCodecH264,
-       24,
-       {"Error codec_type 1"},
-       {"index: 0 codec_type=1", "index: 1 codec_type=0",
-        "found video stream index=1, codecId=27"}},
-      {"two_videos.mp4",
-       0,
-       0,
-       kVideoCodecH264,
-       12,
-       {},
-       {"index: 0 codec_type=0", "found video stream index=0, codecId=27"}},
-      {"other_codec_first.mkv",
-       0,
-       1,
-       kVideoCodecH264,
-       24,
-       {"Error unsupported format 12"},
-       {"index: 0 codec_type=0", "index: 1 codec_type=0",
-        "found video stream index=1, codecId=27"}},
-      {"mjpeg.mkv",
-       -1,
-       -1,
-       kVideoCodecH264,
-       0,
-       {"Error unsupported format 7", "Didn't find a video stream."},
-       {"index: 0 codec_type=0"}},
-      {"audio.m4a",
-       -1,
-       -1,
-       kVideoCodecH264,
-       0,
-       {"Error codec_type 1", "Didn't find a video stream."},
-       {"index: 0 codec_type=1"}},
+      {"left.h264", 0, kVideoCodecH264, 24, "",
+       "index: 0 codec_type=0\nfound video stream index=0, codecId=27\n"},
+      {"hevc.mp4", 0, kVideoCodecH265, 12, "",
+       "index: 0 codec_type=0\nfound video stream index=0, codecId=173\n"},
+      {"audio_first.mp4", 1, kVideoCodecH264, 24, "Error codec_type 1\n",
+       "index: 0 codec_type=1\nindex: 1 codec_type=0\nfound video stream index=1, codecId=27\n"},
+      {"two_videos.mp4", 0, kVideoCodecH264, 12, "",
+       "index: 0 codec_type=0\nfound video stream index=0, codecId=27\n"},
+      {"other_codec_first.mkv", 1, kVideoCodecH264, 24, "Error unsupported format 12\n",
+       "index: 0 codec_type=0\nindex: 1 codec_type=0\nfound video stream index=1, codecId=27\n"},
+      {"mjpeg.mkv", -1, kVideoCodecH264, 0,
+       "Error unsupported format 7\nDidn't find a video stream.\n", "index: 0 codec_type=0\n"},
+      {"audio.m4a", -1, kVideoCodecH264, 0, "Error codec_type 1\nDidn't find a video stream.\n",
+       "index: 0 codec_type=1\n"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.clip);
     FfmpegDemuxer demuxer;
     {
       const LogCapture log(2);
-      ASSERT_EQ(demuxer.Open(kClips + c.clip, {}), c.result);
-      EXPECT_THAT(log.Messages(google::ERROR), ElementsAreArray(c.errors));
-      EXPECT_THAT(log.Messages(google::INFO), ElementsAreArray(c.traces));
+      ASSERT_EQ(demuxer.Open(kClips + c.clip, {}), c.index >= 0 ? 0 : -1);
+      EXPECT_EQ(Lines(log, google::ERROR), c.errors);
+      EXPECT_EQ(Lines(log, google::INFO), c.traces);
     }
     EXPECT_EQ(demuxer.VideoStreamIndex(), c.index);
     EXPECT_EQ(demuxer.LastFault(),
-              c.result == 0 ? DemuxerFault::kNone : DemuxerFault::kNoVideoStream);
+              c.index >= 0 ? DemuxerFault::kNone : DemuxerFault::kNoVideoStream);
     int packets = 0;
     const LogCapture log;
     while (const auto packet = demuxer.ReadFrame()) {
@@ -215,17 +150,6 @@ TEST(Demuxer, PacketsAndInputsOutliveTheDemuxerAndGoOnAnyThread) {
   internal::InitPacket(packet);
   EXPECT_EQ(av_read_frame(input.get(), &packet), 0);  // asks the demuxer's watch
   av_packet_unref(&packet);
-}
-
-TEST(Demuxer, AllocatesTwiceForAPacketAndCopiesNothing) {
-  FfmpegDemuxer demuxer;
-  ASSERT_EQ(demuxer.Open(kClips + "audio_first.mp4", {}), 0);
-  for (int i = 0; i < 24; ++i) {
-    allocations = 0;
-    const auto packet = demuxer.ReadFrame();
-    ASSERT_NE(packet, nullptr);
-    EXPECT_LE(allocations, 2);
-  }
 }
 
 TEST(Demuxer, CancelStaysInForceUntilCleared) {

@@ -1,16 +1,12 @@
 // The emulated board itself: containers, handles, memory, and that it computes what the processor
 // computes.
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include <cstdlib>
 #include <fstream>
-#include <limits>
 
 #include "platform/emulated/board_environment.h"
 #include "tests/testing/fpga_runs.h"
-#include "tests/testing/log_capture.h"
 #include "tests/testing/temp_path.h"
+#include "tests/testing/test.h"
 #include "xrt/xrt_bo.h"
 #include "xrt/xrt_device.h"
 #include "xrt/xrt_kernel.h"
@@ -21,15 +17,6 @@ namespace image {
 namespace {
 
 using emulated_board::Geometry;
-using qx::testing::BoardScope;
-using qx::testing::kContainerPath;
-using qx::testing::kUnitName;
-using qx::testing::kWays;
-using qx::testing::LogCapture;
-using qx::testing::NameOf;
-using qx::testing::StereoMaps;
-using qx::testing::Way;
-using ::testing::HasSubstr;
 
 const char kContainer[] = R"({
   "format": "qxtools emulated container 1",
@@ -64,36 +51,29 @@ class ContainerFile {
   const std::string path;
 };
 
-// A product of exactly 2^-e, e >= 0, gives the processor's bytes; so does a product of zero.
+// A product of exactly 2^-e, e >= 0, gives the processor's bytes; so does a product of zero. Others
+// between 0 and 1 act as the next larger power of two.
 TEST(FpgaBoard, ComputesWhatTheProcessorComputes) {
   const Geometry shapes[] = {{3, 40, 32, 16}, {2, 17, 96, 33}, {1, 5, 48, 9},   {4, 3, 31, 2},
                              {1, 1, 64, 1},   {2, 9, 2048, 4}, {5, 70, 160, 64}};
-  const float products[] = {1.0F, 0.5F, 0x1p-5F, 0x1p-7F, 0x1p-20F, 0x1p-126F, 0x1p-140F, 0.0F};
+  const struct {
+    float product, acts_as;
+  } cases[] = {{1.0F, 1.0F},           {0.5F, 0.5F},         {0x1p-5F, 0x1p-5F},
+               {0x1p-7F, 0x1p-7F},     {0x1p-20F, 0x1p-20F}, {0x1p-126F, 0x1p-126F},
+               {0x1p-140F, 0x1p-140F}, {0.0F, 0.0F},         {0.01F, 0x1p-6F}};
   for (const Geometry& shape : shapes) {
     const BoardScope board(shape);
     StereoMaps maps(shape, shape.width);
     std::fill_n(maps.left_bytes.begin(), shape.channels, 0x80);  // the extremes, too
     std::fill_n(maps.right_bytes.begin(), shape.channels, 0x80);
     Kernel_FPGA kernel(0, maps.input_size(), maps.output_size());
-    for (const float product : products) {
-      maps.SetScales(product, 1.0F, 1.0F);
-      kernel.CostVolume_FPGA(maps.left.get(), maps.right.get(), maps.output.get());
+    for (const auto& c : cases) {
+      maps.SetScales(c.product, 1.0F, 1.0F);
+      maps.RunOn(kernel);
+      maps.SetScales(c.acts_as, 1.0F, 1.0F);
       EXPECT_EQ(maps.cost, maps.Expected())
-          << shape.width << 'x' << shape.channels << ", product " << product;
+          << shape.width << 'x' << shape.channels << ", product " << c.product;
     }
-  }
-}
-
-// Other products between 0 and 1 act as the next larger power of two.
-TEST(FpgaBoard, RoundsTheProductUpToAPowerOfTwo) {
-  const Geometry shape{3, 40, 64, 16};
-  const BoardScope board(shape);
-  for (const Way way : kWays) {
-    StereoMaps maps(shape);
-    maps.SetScales(0.1F, 0.1F, 1.0F);
-    maps.Run(way);
-    maps.SetScales(0x1p-6F, 1.0F, 1.0F);
-    EXPECT_EQ(maps.cost, maps.Expected()) << NameOf(way);
   }
 }
 
@@ -145,8 +125,8 @@ TEST(FpgaBoard, ContainerFileDecidesAddressesOffsetsAndGeometry) {
 
   const CorrelationUnit unit = DescribeCorrelationUnit(0);
   EXPECT_EQ(unit.base_address, 0xB0000010U);
-  EXPECT_THAT(unit.offsets, ::testing::ElementsAre(256, 0x1C, 40, 52));
-  EXPECT_THAT(unit.memory_groups, ::testing::ElementsAre(0, 0, 1));
+  EXPECT_THAT(unit.offsets, ElementsAre(256, 0x1C, 40, 52));
+  EXPECT_THAT(unit.memory_groups, ElementsAre(0, 0, 1));
   const emulated_board::Status status = emulated_board::GetStatus();
   EXPECT_EQ(status.container, file.path);
   EXPECT_EQ(status.geometry.channels, 32U);
@@ -154,11 +134,8 @@ TEST(FpgaBoard, ContainerFileDecidesAddressesOffsetsAndGeometry) {
 
   // The one-shot looks for the registers at their usual place, where nothing answers.
   SetKernelTimeLimit(std::chrono::milliseconds(10));
-  const auto one_shot = [&](auto function, const char* unit_name) {
-    function(maps.left.get(), maps.right.get(), maps.output.get(), file.path, unit_name, 0);
-  };
-  EXPECT_THROW(one_shot(CostVolume_FPGA, kUnitName), KernelTimeout);
-  one_shot(CostVolume_FPGA_old, kUnitName);
+  EXPECT_THROW(maps.Run(Way::kOneShot, kUnitName, file.path.c_str()), KernelTimeout);
+  maps.Run(Way::kOld, kUnitName, file.path.c_str());
   EXPECT_EQ(maps.cost, maps.Expected());
 }
 
@@ -173,9 +150,8 @@ TEST(FpgaBoard, WhatCannotBeLoadedOrBoundSaysWhy) {
   const BoardScope board;
   const ContainerFile other_kernel(Replaced("\"Corr\"", "\"Warp\""));
   const auto error_of = [](const char* container, int device) -> std::string {
-    StereoMaps maps({2, 8, 32, 4});
     try {
-      CostVolume_FPGA(maps.left.get(), maps.right.get(), maps.output.get(), container, "", device);
+      StereoMaps({2, 8, 32, 4}).Run(Way::kOneShot, "", container, device);
     } catch (const std::runtime_error& error) {
       return error.what();
     }
@@ -273,7 +249,7 @@ TEST(FpgaBoard, BuffersThatDoNotMatchTheGeometryAreReported) {
     StereoMaps maps(c.maps);
     const LogCapture log;
     maps.Run(Way::kOld);
-    EXPECT_THAT(log.Messages(google::ERROR), ::testing::ElementsAre(HasSubstr(c.error)));
+    EXPECT_THAT(log.Messages(google::ERROR), ElementsAre(HasSubstr(c.error)));
   }
 }
 

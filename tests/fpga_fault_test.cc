@@ -1,15 +1,15 @@
 // What happens when the board, the operating system or the kernel fails.
-#include <dirent.h>
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <malloc.h>
 
+#include <array>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <system_error>
 #include <thread>
 
 #include "tests/testing/fpga_runs.h"
+#include "tests/testing/test.h"
 
 namespace qx {
 namespace utils {
@@ -17,20 +17,9 @@ namespace image {
 namespace {
 
 using emulated_board::FailCall;
-using qx::testing::BoardScope;
-using qx::testing::kWays;
-using qx::testing::NameOf;
-using qx::testing::StereoMaps;
-using qx::testing::Way;
-using ::testing::AllOf;
-using ::testing::HasSubstr;
 
-std::size_t EntriesOf(const char* folder) {
-  std::size_t count = 0;
-  DIR* dir = opendir(folder);
-  while (readdir(dir) != nullptr) ++count;
-  closedir(dir);
-  return count;
+std::ptrdiff_t EntriesOf(const char* folder) {
+  return std::distance(std::filesystem::directory_iterator(folder), {});
 }
 
 // Bytes of the heap in use.
@@ -42,34 +31,25 @@ std::size_t HeapBytes() {
 #endif
 }
 
-// What a process can leak besides memory that a sanitizer sees.
-struct Resources {
-  std::size_t descriptors = EntriesOf("/proc/self/fd");
-  std::size_t threads = EntriesOf("/proc/self/task");
-  std::size_t mappings = CountMappings();
+// What a process can leak besides memory that a sanitizer sees: descriptors, threads, mappings of
+// the board's memory.
+using Resources = std::array<std::ptrdiff_t, 3>;
 
-  static std::size_t CountMappings() {
-    std::ifstream maps("/proc/self/maps");
-    std::size_t count = 0;
-    for (std::string line; std::getline(maps, line);)
-      count += line.find("qxtools-board") != line.npos;
-    return count;
+Resources CountResources() {
+  std::ifstream maps("/proc/self/maps");
+  std::ptrdiff_t mappings = 0;
+  for (std::string line; std::getline(maps, line);) {
+    mappings += line.find("qxtools-board") != line.npos ? 1 : 0;
   }
-  bool operator==(const Resources& other) const {
-    return descriptors == other.descriptors && threads == other.threads &&
-           mappings == other.mappings;
-  }
-};
+  return {EntriesOf("/proc/self/fd"), EntriesOf("/proc/self/task"), mappings};
+}
 
 void ExpectNothingLeft(const Resources& before) {
   const emulated_board::Status status = emulated_board::GetStatus();
   EXPECT_EQ(status.buffers, 0U);
   EXPECT_EQ(status.buffer_bytes, 0U);
   EXPECT_EQ(status.open_units, 0U);
-  const Resources now;
-  EXPECT_TRUE(now == before) << now.descriptors << " descriptors, were " << before.descriptors
-                             << "; " << now.threads << " threads, were " << before.threads << "; "
-                             << now.mappings << " mappings, were " << before.mappings;
+  EXPECT_EQ(CountResources(), before);
 }
 
 class FpgaFault : public ::testing::Test {
@@ -105,7 +85,7 @@ class FpgaFault : public ::testing::Test {
 
 TEST_F(FpgaFault, EveryUseOfEveryCallCanFailAndNothingIsLeftBehind) {
   for (const Way way : kWays) ExpectGoodRun(way);
-  const Resources before;
+  const Resources before = CountResources();
   std::size_t failures[3] = {};
   for (const Way way : kWays) {
     for (const std::string& call : emulated_board::FaultNames()) {
@@ -139,20 +119,17 @@ TEST_F(FpgaFault, EveryUseOfEveryCallCanFailAndNothingIsLeftBehind) {
 
 TEST_F(FpgaFault, AFailedRunLeavesTheObjectUsable) {
   Kernel_FPGA kernel(0, maps_.input_size(), maps_.output_size());
-  const auto run = [&] {
-    kernel.CostVolume_FPGA(maps_.left.get(), maps_.right.get(), maps_.output.get());
-  };
   for (const char* call :
        {"xrt::bo::write", "xrt::bo::sync", "xrt::kernel::offset", "xrt::bo::read"}) {
     for (const unsigned nth : {1U, 2U}) {
       FailCall(call, nth);
       try {
-        run();
+        maps_.RunOn(kernel);
       } catch (const std::runtime_error& error) {
         EXPECT_THAT(error.what(), HasSubstr(call));
       }
       emulated_board::ClearFaults();
-      run();
+      maps_.RunOn(kernel);
       EXPECT_EQ(maps_.cost, maps_.Expected());
     }
   }
@@ -160,17 +137,14 @@ TEST_F(FpgaFault, AFailedRunLeavesTheObjectUsable) {
 
 TEST_F(FpgaFault, AKernelThatNeverEndsGivesATimeoutUntilItEnds) {
   Kernel_FPGA kernel(0, maps_.input_size(), maps_.output_size());
-  const auto run = [&](Kernel_FPGA& object) {
-    object.CostVolume_FPGA(maps_.left.get(), maps_.right.get(), maps_.output.get());
-  };
   FailCall("unit.hang");
-  EXPECT_THROW(run(kernel), KernelTimeout);
+  EXPECT_THROW(maps_.RunOn(kernel), KernelTimeout);
   EXPECT_TRUE(emulated_board::GetStatus().running);
-  EXPECT_THROW(run(kernel), KernelTimeout);  // its end would be taken for this run's
+  EXPECT_THROW(maps_.RunOn(kernel), KernelTimeout);  // its end would be taken for this run's
   EXPECT_THROW(maps_.Run(Way::kOneShot), KernelTimeout);
   emulated_board::EndHungRun();
   while (emulated_board::GetStatus().running) std::this_thread::yield();
-  run(kernel);
+  maps_.RunOn(kernel);
   EXPECT_EQ(maps_.cost, maps_.Expected());
 }
 
@@ -197,14 +171,14 @@ TEST_F(FpgaFault, AThousandInterleavedRunsLeaveEverythingFlat) {
   const auto round = [&] {
     {
       Kernel_FPGA kernel(0, maps_.input_size(), maps_.output_size());
-      kernel.CostVolume_FPGA(maps_.left.get(), maps_.right.get(), maps_.output.get());
+      maps_.RunOn(kernel);
       maps_.Run(Way::kOneShot);
-      kernel.CostVolume_FPGA(maps_.left.get(), maps_.right.get(), maps_.output.get());
+      maps_.RunOn(kernel);
     }
     maps_.Run(Way::kOld);
   };
   for (int i = 0; i < 20; ++i) round();
-  const Resources before;
+  const Resources before = CountResources();
   const std::size_t memory_before = HeapBytes();
   for (int i = 0; i < 250; ++i) round();  // 1,000 runs
   ExpectNothingLeft(before);

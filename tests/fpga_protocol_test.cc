@@ -1,32 +1,18 @@
 // The order of everything that the three ways of running the correlation kernel do.
 #include <fcntl.h>
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-#include <sys/mman.h>
 
 #include <cmath>
 #include <cstdlib>
-#include <limits>
 #include <regex>
-#include <string>
 
-#include "platform/register_device.h"
 #include "tests/testing/fpga_runs.h"
-#include "tests/testing/log_capture.h"
+#include "tests/testing/test.h"
 
 namespace qx {
 namespace utils {
 namespace image {
 namespace {
 
-using qx::testing::BoardScope;
-using qx::testing::kUnitName;
-using qx::testing::kWays;
-using qx::testing::LogCapture;
-using qx::testing::NameOf;
-using qx::testing::StereoMaps;
-using qx::testing::Way;
-using ::testing::ElementsAreArray;
 using Lines = std::vector<std::string>;
 
 const emulated_board::Geometry kSmall{2, 8, 32, 4};  // buffers of 512 and 64 bytes
@@ -52,7 +38,7 @@ Lines operator+(Lines a, const Lines& b) {
 
 Lines BringUp(const std::string& unit, int access) {
   return {"xrt::device::device 0",
-          std::string("xrt::device::load_xclbin ") + qx::testing::kContainerPath,
+          std::string("xrt::device::load_xclbin ") + kContainerPath,
           "xrt::kernel::kernel " + unit + ' ' + std::to_string(access),
           "xrt::kernel::group_id 0",
           "xrt::bo::bo 512 0",
@@ -118,13 +104,12 @@ TEST_F(FpgaProtocol, ObjectPreparesOnceAndReleasesKernelBeforeBuffers) {
       Lines run = kMappedRun;
       run[0] = idle_value;
       emulated_board::StartRecording();
-      kernel.CostVolume_FPGA(maps_.left.get(), maps_.right.get(), maps_.output.get());
+      maps_.RunOn(kernel);
       EXPECT_THAT(TakeLines(), ElementsAreArray(kSend + run + kReceive));
     }
     emulated_board::StartRecording();
   }
   EXPECT_THAT(TakeLines(), ElementsAreArray(kUnmap + kReleaseKernel + kReleaseBuffers));
-  EXPECT_EQ(sizeof(Kernel_FPGA), 2 * sizeof(std::string) + 112);  // the members and nothing else
 }
 
 TEST_F(FpgaProtocol, OneShotBindsItsOwnUnitAndReleasesDeviceLast) {
@@ -152,31 +137,6 @@ TEST_F(FpgaProtocol, OldOneShotUsesRuntimeRegistersOfAnExclusiveUnit) {
               ElementsAreArray(BringUp(kUnitName, 0) + kAddresses + kSend + run + kReceive +
                                kReleaseBuffers + kReleaseKernel + kReleaseDevice));
   EXPECT_THROW(maps_.Run(Way::kOld, "Other:{Other_7}"), std::runtime_error);
-}
-
-// The word above each address, and every other word of the page, keeps what was in it.
-TEST_F(FpgaProtocol, OnlyFiveRegistersAreWritten) {
-  constexpr std::uint32_t kMark = 0xDEADBEEF;
-  Kernel_FPGA kernel(0, 512, 64);
-  const int fd = platform::Open("/dev/mem", O_RDWR);
-  auto* page = static_cast<volatile std::uint32_t*>(
-      platform::Map(4096, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0xA0000000));
-  for (int i = 1; i < 1024; ++i) page[i] = kMark;
-  for (const Way way : {Way::kObject, Way::kOneShot}) {
-    if (way == Way::kObject) {
-      kernel.CostVolume_FPGA(maps_.left.get(), maps_.right.get(), maps_.output.get());
-    } else {
-      maps_.Run(way);
-    }
-    EXPECT_EQ(maps_.cost, maps_.Expected());
-    for (int i = 1; i < 1024; ++i) {
-      const bool argument = i == 0x10 / 4 || i == 0x1C / 4 || i == 0x28 / 4 || i == 0x34 / 4;
-      EXPECT_EQ(page[i] == kMark, !argument) << NameOf(way) << ", word " << i;
-      page[i] = kMark;
-    }
-  }
-  platform::Unmap(const_cast<std::uint32_t*>(page), 4096);
-  platform::Close(fd);
 }
 
 TEST_F(FpgaProtocol, ExponentIsTruncatedAndSaturates) {
@@ -215,7 +175,7 @@ TEST_F(FpgaProtocol, ExponentIsTruncatedAndSaturates) {
 }
 
 TEST_F(FpgaProtocol, VerboseLogTellsTheSteps) {
-  const std::string path = qx::testing::kContainerPath;
+  const std::string path = kContainerPath;
   const std::string load = "Load the xclbin " + path, build = "Build the kernal " + path;
   const std::string shapes = "cost_volume inputs shape: \nleft: (2, 8, 32) right: (2, 8, 32) ";
   const std::string address = "Physical Address for left, right, and output buffer: ";
@@ -256,7 +216,7 @@ TEST_F(FpgaProtocol, EnvironmentReplacesPathAndUnitEvenWhenEmpty) {
     if (c.unit != nullptr) setenv("cu_name", c.unit, 1);
     emulated_board::StartRecording();
     EXPECT_THROW(Kernel_FPGA(0, 512, 64), std::runtime_error);
-    EXPECT_THAT(TakeLines(), ::testing::Contains(c.failing_call));
+    EXPECT_THAT(TakeLines(), Contains(c.failing_call));
     unsetenv("xclbin_path");
     unsetenv("cu_name");
   }
@@ -286,7 +246,7 @@ TEST_F(FpgaProtocol, PollsAtEachWaysOwnInterval) {
     ASSERT_GE(sleeps.size(), 4U);
     EXPECT_EQ(sleeps[2], rest);
     sleeps.erase(sleeps.begin() + 2);
-    EXPECT_THAT(sleeps, ::testing::Each(interval));
+    EXPECT_THAT(sleeps, Each(interval));
   }
 }
 
@@ -326,18 +286,18 @@ TEST_F(FpgaProtocol, BadSizesAreRefusedBeforeAnythingIsOpened) {
 
 TEST_F(FpgaProtocol, OneShotsEndTheProcessForFramesThatDoNotFit) {
   const StereoMaps other({2, 8, 64, 4});
-  for (const auto one_shot : {CostVolume_FPGA, CostVolume_FPGA_old}) {
-    const auto run = [&](velkar::vision::ImageFrame* right) {
-      one_shot(maps_.left.get(), right, maps_.output.get(), "", "", 0);
-    };
-    EXPECT_DEATH(run(other.right.get()),
+  const auto right = maps_.right;
+  for (const Way way : {Way::kOneShot, Way::kOld}) {
+    maps_.right = other.right;
+    EXPECT_DEATH(maps_.Run(way),
                  "Check failed: input_l->DataSize\\(\\) == input_r->DataSize\\(\\) "
                  "\\(512 vs. 1024\\) ?The two inputs' size not same, please check\\.");
-    maps_.right->pixel_format = kQXPixelFormatGray8;
-    EXPECT_DEATH(run(maps_.right.get()),
+    maps_.right = right;
+    right->pixel_format = kQXPixelFormatGray8;
+    EXPECT_DEATH(maps_.Run(way),
                  "Check failed: QXPixelFormat::kQXPixelFormatUint8 == input_l->pixel_format && "
                  ".*output->pixel_format input_l, input_r, output pixel format must be Uint8 17");
-    maps_.right->pixel_format = kQXPixelFormatUint8;
+    right->pixel_format = kQXPixelFormatUint8;
   }
 }
 
@@ -349,10 +309,9 @@ TEST_F(FpgaProtocol, RightShapeIsIgnoredAndNothingIsWrittenBeyondTheOutput) {
   maps_.output->scale = 0.125F;
   maps_.right = StereoMaps::Frame::Create(kQXPixelFormatUint8, maps_.right_bytes.data(), 1, 1, 512);
   maps_.right->scale = 0.25F;
-  for (const auto one_shot : {CostVolume_FPGA, CostVolume_FPGA_old}) {
+  for (const Way way : {Way::kOneShot, Way::kOld}) {
     std::fill(cost.begin(), cost.end(), 0xEE);
-    one_shot(maps_.left.get(), maps_.right.get(), maps_.output.get(), qx::testing::kContainerPath,
-             kUnitName, 0);
+    maps_.Run(way);
     EXPECT_TRUE(std::equal(cost.begin(), cost.begin() + 64, expected.begin()));
     EXPECT_EQ(std::count(cost.begin() + 64, cost.end(), 0xEE), 16);
   }

@@ -1,20 +1,13 @@
 #include "qxtools/image_copy.h"
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <cstdint>
 #include <stdexcept>
-#include <vector>
 
-#include "tests/testing/log_capture.h"
+#include "tests/testing/test.h"
 
 namespace qx {
 namespace utils {
 namespace image {
 namespace {
-
-using ::testing::ElementsAre;
 
 struct Geometry {
   std::size_t w_stride;
@@ -86,7 +79,7 @@ TEST(CopyImage, RefusesWithOneErrorLineAndCopiesNothing) {
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.message);
-    const testing::LogCapture log;
+    const LogCapture log;
     const auto never = [](void*, std::size_t, void*, std::size_t) { FAIL() << "a row was copied"; };
     EXPECT_EQ(
         CopyImage(c.dst, c.w, c.h, c.src, c.w, c.h, static_cast<QXPixelFormat>(c.format), never),
@@ -107,7 +100,7 @@ TEST(CopyImage, LeavesTheCopiersExceptionsToTheCaller) {
 
 TEST(MemcpyFunc, ChecksTheCapacity) {
   std::uint8_t from[4] = {1, 2, 3, 4}, to[4] = {};
-  const testing::LogCapture log;
+  const LogCapture log;
   MemcpyFunc(to, 2, from, 3);
   EXPECT_THAT(to, ElementsAre(0, 0, 0, 0));
   EXPECT_THAT(log.Messages(google::ERROR), ElementsAre("dst_size >= src_size"));

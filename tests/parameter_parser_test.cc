@@ -1,16 +1,9 @@
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <limits>
-#include <string>
-
 #include "qxtools/h264_h265_info_parse.h"
-#include "tests/testing/guarded_buffer.h"
-#include "tests/testing/log_capture.h"
 #include "tests/testing/sps_writer.h"
+#include "tests/testing/test.h"
 
 namespace qx {
 namespace utils {
@@ -18,11 +11,9 @@ namespace {
 
 using testing::BitWriter;
 using testing::Bytes;
-using ::testing::ElementsAre;
 using testing::Fields;
 using testing::H264Sps;
 using testing::H265Sps;
-using ::testing::IsEmpty;
 
 struct Case {
   std::string name;
@@ -60,13 +51,14 @@ Bytes Joined(Bytes first, const Bytes& second) {
   return first;
 }
 
-// One flag per list, each set: a full list of deltas, a list that ends at its first code
-// (delta -8), one that ends later, one whose scales wrap modulo 256 to an end.
+// One flag per list, each set: a full list of deltas (the last short and the first long one too), a
+// list that ends at its first code (delta -8), one that ends later, one whose scales wrap modulo
+// 256 to an end.
 BitWriter ScalingLists(unsigned int lists) {
   BitWriter w;
   for (unsigned int i = 0; i < lists; ++i) {
     w.U(1, 1);
-    if (i % 4 == 0) {
+    if (i % 4 == 0 || i == 5 || i == 6) {
       for (unsigned int k = 0; k < (i < 6 ? 16U : 64U); ++k) w.Se(k % 2 == 0 ? 5 : -4);
     } else if (i % 4 == 1) {
       w.Se(-8);
@@ -111,15 +103,10 @@ std::vector<Case> EncoderCases() {
 
 std::vector<Case> WrittenH264Cases() {
   std::vector<Case> cases = {
-      {"cropped", With<H264Sps>([](auto& s) {
-         s.crop = {0, 0, 0, 4};
-       }),
-       H264(1920, 1080)},
+      {"cropped", With<H264Sps>([](auto& s) { s.Crop(0, 0, 0, 4); }), H264(1920, 1080)},
       {"uncropped", H264Sps().Stream(), H264(1920, 1088)},
       {"fields", With<H264Sps>([](auto& s) {
-         s.frame_mbs_only = false;
-         s.height_minus1 = 33;
-         s.crop = {3, 5, 1, 1};
+         s.frame_mbs_only = false, s.height_minus1 = 33, s.Crop(3, 5, 1, 1);
        }),
        H264(1904, 1080)},
       {"behind a picture parameter set",
@@ -134,27 +121,14 @@ std::vector<Case> WrittenH264Cases() {
        }),
        H264(1920, 1088)},
       {"order type 2", With<H264Sps>([](auto& s) { s.poc_type = 2; }), H264(1920, 1088)},
-      {"order type 1 with a damaged count", With<H264Sps>([](auto& s) {
-         s.poc_type = 1;
-         s.poc_cycle = 0xFFFFFFFE;
-       }),
-       H264(16, 32)},
-      {"cropped to nothing", With<H264Sps>([](auto& s) {
-         s.crop = {960, 0, 272, 272};
-       }),
-       H264(0, 0)},
-      {"cropped beyond", With<H264Sps>([](auto& s) {
-         s.crop = {961, 0, 500, 45};
-       }),
-       H264(0, 0)},
-      {"cropped by sums beyond 32 bits", With<H264Sps>([](auto& s) {
-         s.crop = {0x80000000, 0x80000000, 0x80000000, 1};
-       }),
-       H264(0, 0)},
-      {"sizes beyond 32 bits", With<H264Sps>([](auto& s) {
-         s.width_minus1 = 0x10000000;
-         s.height_minus1 = 0xFFFFFFFE;
-       }),
+      {"order type 1 with a damaged count",
+       With<H264Sps>([](auto& s) { s.poc_type = 1, s.poc_cycle = 0xFFFFFFFE; }), H264(16, 32)},
+      {"cropped to nothing", With<H264Sps>([](auto& s) { s.Crop(960, 0, 272, 272); }), H264(0, 0)},
+      {"cropped beyond", With<H264Sps>([](auto& s) { s.Crop(961, 0, 500, 45); }), H264(0, 0)},
+      {"cropped by sums beyond 32 bits",
+       With<H264Sps>([](auto& s) { s.Crop(0x80000000, 0x80000000, 0x80000000, 1); }), H264(0, 0)},
+      {"sizes beyond 32 bits",
+       With<H264Sps>([](auto& s) { s.width_minus1 = 0x10000000, s.height_minus1 = 0xFFFFFFFE; }),
        H264(16, 0xFFFFFFF0)},
       {"a level of zeros", With<H264Sps>([](auto& s) { s.level_idc = 0; }),
        H264(1920, 1088, 100, 0)},
@@ -175,13 +149,14 @@ std::vector<Case> WrittenH264Cases() {
                          s.frame_mbs_only = c.frame_mbs_only;
                          s.has_scaling_lists = scaling;
                          if (scaling) s.scaling_lists = ScalingLists(c.chroma == 3 ? 12 : 8);
-                         s.crop = {1, 2, 3, 4};
+                         s.Crop(1, 2, 3, 4);
                        }),
                        H264(c.width, c.height, 244, 40, c.chroma)});
     }
   }
-  for (const std::uint32_t profile : {110U, 122U, 118U, 128U, 138U, 139U, 134U, 135U, 66U, 77U}) {
-    const std::uint32_t chroma = profile < 100 ? 1 : 2;
+  for (const std::uint32_t profile :
+       {44U, 83U, 86U, 110U, 122U, 118U, 128U, 138U, 139U, 134U, 135U, 66U, 77U}) {
+    const std::uint32_t chroma = profile == 66 || profile == 77 ? 1 : 2;
     cases.push_back({"profile " + std::to_string(profile), With<H264Sps>([&](auto& s) {
                        s.profile_idc = profile;
                        s.chroma_format_idc = 2;
@@ -233,7 +208,7 @@ VideoParams Parse(const Case& c, const std::uint8_t* data, std::size_t size) {
 // Parses the first `size` bytes where they end at a protected page, and again where what would
 // complete a cut set lies behind them.
 VideoParams ParseGuarded(const Case& c, const Bytes& stream, std::size_t size,
-                         const testing::GuardedBuffer& buffer) {
+                         const GuardedBuffer& buffer) {
   std::uint8_t* const copy = buffer.data() + buffer.size() - size;
   std::copy_n(stream.begin(), size, copy);
   const VideoParams result = Parse(c, copy, size);
@@ -244,7 +219,7 @@ VideoParams ParseGuarded(const Case& c, const Bytes& stream, std::size_t size,
 TEST(ParameterParser, ReadsEverySet) {
   for (const Case& c : AllCases()) {
     SCOPED_TRACE(c.name);
-    const testing::GuardedBuffer buffer(c.stream.size());
+    const GuardedBuffer buffer(c.stream.size());
     EXPECT_EQ(Fields(ParseGuarded(c, c.stream, c.stream.size(), buffer)), Fields(c.expected));
   }
 }
@@ -254,7 +229,7 @@ TEST(ParameterParser, ReadsEverySet) {
 TEST(ParameterParser, SurvivesEveryPrefix) {
   for (const Case& c : AllCases()) {
     SCOPED_TRACE(c.name);
-    const testing::GuardedBuffer buffer(c.stream.size());
+    const GuardedBuffer buffer(c.stream.size());
     for (std::size_t size = 0; size < c.stream.size(); ++size) {
       const VideoParams result = ParseGuarded(c, c.stream, size, buffer);
       EXPECT_EQ(result.is_h265, c.expected.is_h265);
@@ -269,7 +244,7 @@ TEST(ParameterParser, SurvivesEveryPrefix) {
 TEST(ParameterParser, SurvivesEveryFlippedBit) {
   for (const Case& c : AllCases()) {
     SCOPED_TRACE(c.name);
-    const testing::GuardedBuffer buffer(c.stream.size());
+    const GuardedBuffer buffer(c.stream.size());
     const bool sps_first = c.stream[4] == 0x67 || c.stream[4] == 0x42;
     for (std::size_t bit = 0; bit < 8 * c.stream.size(); ++bit) {
       Bytes flipped = c.stream;
@@ -287,28 +262,25 @@ TEST(ParameterParser, FindsNothingWhereThereIsNothing) {
   const struct {
     const char* why;
     Bytes stream;
-    std::uint32_t type_as_h264, type_as_h265;
+    VideoParams as_h264, as_h265;
   } cases[] = {
-      {"nothing", {}, 0, 0},
-      {"3-byte start codes", {1, 0, 0, 1, 0x67, 0x42, 0, 0, 1, 0x42, 1, 1, 1, 0x60}, 0, 0},
-      {"a start code at the end", {9, 9, 0, 0, 0, 1}, 0, 0},
-      {"slices", {0, 0, 0, 1, 0x65, 0x88, 0, 0, 0, 1, 0x02, 1}, 2, 1},
-      {"the header alone", {0, 0, 0, 1, 0x67}, 7, 51},
+      {"nothing", {}, {}, {0, 0, 0, 0, 0, 0, 1}},
+      {"3-byte start codes",
+       {1, 0, 0, 1, 0x67, 0x42, 0, 0, 1, 0x42, 1, 1, 1, 0x60},
+       {},
+       {0, 0, 0, 0, 0, 0, 1}},
+      {"a start code at the end", {9, 9, 0, 0, 0, 1}, {}, {0, 0, 0, 0, 0, 0, 1}},
+      {"slices",
+       {0, 0, 0, 1, 0x65, 0x88, 0, 0, 0, 1, 0x02, 1},
+       {0, 0, 0, 0, 0, 2, 0},
+       {0, 0, 0, 0, 0, 1, 1}},
+      {"a set of missing bits", {0, 0, 0, 1, 0x67}, H264(16, 32, 0, 0), {0, 0, 0, 0, 0, 51, 1}},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.why);
-    VideoParams as_h264{}, as_h265{};
-    as_h264.nal_unit_type = c.type_as_h264;
-    as_h265.nal_unit_type = c.type_as_h265;
-    as_h265.is_h265 = 1;
     const auto* data = reinterpret_cast<const char*>(c.stream.data());
-    if (c.type_as_h264 == 7) {  // a set of nothing but missing bits
-      as_h264.chroma_format_idc = 1;
-      as_h264.width = 16;
-      as_h264.height = 32;
-    }
-    EXPECT_EQ(Fields(ParseH264Params(data, c.stream.size())), Fields(as_h264));
-    EXPECT_EQ(Fields(ParseH265Params(data, c.stream.size())), Fields(as_h265));
+    EXPECT_EQ(Fields(ParseH264Params(data, c.stream.size())), Fields(c.as_h264));
+    EXPECT_EQ(Fields(ParseH265Params(data, c.stream.size())), Fields(c.as_h265));
   }
   EXPECT_EQ(ParseH264Params(nullptr, 100).width, 0U);
   EXPECT_EQ(ParseH265Params("\0\0\0\1\x42", 5).nal_unit_type, 33U);
@@ -341,7 +313,7 @@ TEST(ParameterParser, LogsTheSearch) {
   const Bytes pps = {0, 0, 0, 1, 0x68, 0xEE, 0x3C, 0x80};
   const Bytes vps = {0, 0, 0, 1, 0x40, 0x01};
   const auto messages = [](const Bytes& stream, bool h265, int verbosity) {
-    const testing::LogCapture log(verbosity);
+    const LogCapture log(verbosity);
     const auto* data = reinterpret_cast<const char*>(stream.data());
     h265 ? ParseH265Params(data, stream.size()) : ParseH264Params(data, stream.size());
     return log.Messages();
@@ -358,10 +330,7 @@ TEST(ParameterParser, LogsTheSearch) {
   EXPECT_THAT(messages({0, 0, 1, 0x67}, false, 2), ElementsAre("not found SPS"));
   EXPECT_THAT(messages({9, 0, 0, 0, 1}, false, 2), IsEmpty());
   EXPECT_THAT(messages({}, true, 2), IsEmpty());
-  EXPECT_THAT(messages(With<H264Sps>([](auto& s) {
-                         s.crop = {1, 2, 3, 4000000000};
-                       }),
-                       false, 2),
+  EXPECT_THAT(messages(With<H264Sps>([](auto& s) { s.Crop(1, 2, 3, 4000000000); }), false, 2),
               ElementsAre("type code is 7", "found h264 SPS at 4", "si = 0 start_i = 4",
                           "chroma_format=1", "crop_unit_x=2, left_offset=1, right_offset=2",
                           "crop_unit_y=2, top_offset=3, bottom_offset=4000000000"));

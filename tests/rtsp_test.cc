@@ -1,5 +1,4 @@
 // The demuxer against RTSP servers that play, die, freeze or misbehave at each stage.
-#include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -7,13 +6,11 @@
 #include <chrono>
 #include <ostream>
 #include <stdexcept>
-#include <string>
 #include <thread>
 #include <utility>
-#include <vector>
 
 #include "qxtools/ffmpeg_demuxer.h"
-#include "tests/testing/log_capture.h"
+#include "tests/testing/test.h"
 
 namespace qx {
 namespace utils {
@@ -138,7 +135,7 @@ TEST(Rtsp, PlaysTheVideoAndSkipsTheAudioBeforeIt) {
   Server server({"serve", kClips + "left.h264", "--audio"});
   START_OR_SKIP(server);
   FfmpegDemuxer demuxer;
-  const testing::LogCapture log;
+  const LogCapture log;
   ASSERT_EQ(demuxer.Open(server.url(), {}), 0);
   EXPECT_EQ(demuxer.VideoStreamIndex(), 1);
   for (int i = 0; i < 40; ++i) {  // beyond the end of the clip, which the server repeats

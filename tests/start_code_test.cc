@@ -1,11 +1,8 @@
 #include "qx_utils/h264_h265_info_parse/start_code.h"
 
-#include <gtest/gtest.h>
-
-#include <algorithm>
 #include <random>
 
-#include "tests/testing/guarded_buffer.h"
+#include "tests/testing/test.h"
 
 namespace qx {
 namespace utils {
@@ -17,9 +14,8 @@ TEST(FindStartCode, AgreesWithAPlainSearchAndReadsNothingOutside) {
   std::mt19937 random(7);
   for (std::size_t size = 0; size < 300; ++size) {
     for (unsigned int kind = 0; kind < 24; ++kind) {
-      const auto guard = kind % 2 == 0 ? testing::GuardedBuffer::Guard::kEnd
-                                       : testing::GuardedBuffer::Guard::kStart;
-      const testing::GuardedBuffer buffer(size, guard);
+      const auto guard = kind % 2 == 0 ? GuardedBuffer::Guard::kEnd : GuardedBuffer::Guard::kStart;
+      const GuardedBuffer buffer(size, guard);
       const std::uint8_t* const end = buffer.data() + size;
       for (std::size_t i = 0; i < size; ++i) {
         const std::uint64_t draw = random() % (16 + 8 * (kind / 2));
@@ -38,7 +34,7 @@ TEST(FindStartCode, AgreesWithAPlainSearchAndReadsNothingOutside) {
 TEST(FindStartCode, FindsOneCodeWhereverItLies) {
   for (const unsigned int filler : {0x00U, 0x01U, 0xFFU}) {
     for (std::size_t at = 0; at < 150; ++at) {
-      const testing::GuardedBuffer buffer(at + 4);
+      const GuardedBuffer buffer(at + 4);
       std::fill_n(buffer.data(), at + 3, static_cast<std::uint8_t>(filler));
       std::fill_n(buffer.data() + at, 3, std::uint8_t{0});
       buffer.data()[at + 3] = 1;

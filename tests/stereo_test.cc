@@ -1,18 +1,14 @@
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <omp.h>
 
 #include <cmath>
-#include <cstdint>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <random>
 #include <stdexcept>
-#include <string>
-#include <vector>
 
 #include "tests/testing/temp_path.h"
+#include "tests/testing/test.h"
 #include "tools/stereo_color.h"
 #include "tools/stereo_evaluation.h"
 #include "tools/stereo_features.h"
@@ -24,9 +20,6 @@
 namespace qx {
 namespace tools {
 namespace {
-
-using ::testing::ElementsAre;
-using ::testing::HasSubstr;
 
 constexpr float kNone = kMissing;
 
@@ -140,7 +133,7 @@ TEST(StereoMatcher, GivesTheSameForAnyNumberOfThreadsAndOnTheBoard) {
     EXPECT_EQ(one.filled.values, three.filled.values);
     EXPECT_EQ(Match(left, right, s.disparities, Backend::kFpga).measured.values,
               one.measured.values);
-    EXPECT_THAT(one.filled.values, ::testing::Each(::testing::Ge(0.0F)));
+    EXPECT_THAT(one.filled.values, Each(::testing::Ge(0.0F)));
   }
 }
 
@@ -165,8 +158,8 @@ TEST(Filling, TakesTheDisparityFromBehind) {
   EXPECT_THAT(FillMissing(MapOf(6, {9, kNone, kNone, kNone, 5, 5})).values,
               ElementsAre(9, 5, 5, 5, 5, 5));
   EXPECT_THAT(FillMissing(MapOf(3, {kNone, kNone, kNone, 7, kNone, 7, kNone, kNone, kNone})).values,
-              ::testing::Each(7));
-  EXPECT_THAT(FillMissing(MapOf(2, {kNone, kNone})).values, ::testing::Each(0));
+              Each(7));
+  EXPECT_THAT(FillMissing(MapOf(2, {kNone, kNone})).values, Each(0));
 }
 
 TEST(Disparities, SpecklesGoAndSurfacesStay) {

@@ -11,7 +11,8 @@
 #include "qxtools/fpga_correlation.h"
 
 namespace qx {
-namespace testing {
+namespace utils {
+namespace image {
 
 constexpr char kContainerPath[] = "/lib/firmware/xilinx/k26brannoc/k26brannoc.xclbin";
 constexpr char kUnitName[] = "Corr:{Corr_1}";
@@ -50,16 +51,17 @@ class StereoMaps {
   int output_size() const { return static_cast<int>(cost.size()); }
 
   // The whole way: whatever has to be opened is opened and released again.
-  void Run(Way way, const char* unit = kUnitName) {
+  void Run(Way way, const char* unit = kUnitName, const char* container = kContainerPath,
+           int device = 0) {
     if (way == Way::kObject) {
-      utils::image::Kernel_FPGA kernel(0, input_size(), output_size());
-      kernel.CostVolume_FPGA(left.get(), right.get(), output.get());
+      Kernel_FPGA kernel(device, input_size(), output_size());
+      RunOn(kernel);
     } else {
-      const auto one_shot =
-          way == Way::kOneShot ? utils::image::CostVolume_FPGA : utils::image::CostVolume_FPGA_old;
-      one_shot(left.get(), right.get(), output.get(), kContainerPath, unit, 0);
+      const auto one_shot = way == Way::kOneShot ? CostVolume_FPGA : CostVolume_FPGA_old;
+      one_shot(left.get(), right.get(), output.get(), container, unit, device);
     }
   }
+  void RunOn(Kernel_FPGA& kernel) { kernel.CostVolume_FPGA(left.get(), right.get(), output.get()); }
 
   // What the processor computes.
   std::vector<std::uint8_t> Expected() const {
@@ -67,7 +69,7 @@ class StereoMaps {
     const auto frame = Frame::Create(kQXPixelFormatUint8, bytes.data(), output->Height(),
                                      output->Width(), output->Channel());
     frame->scale = output->scale;
-    utils::image::CostVolume(left.get(), right.get(), frame.get());
+    CostVolume(left.get(), right.get(), frame.get());
     return bytes;
   }
 
@@ -89,7 +91,7 @@ class BoardScope {
     emulated_board::ClearFaults();
     emulated_board::EndHungRun();
     emulated_board::SetSettings({});
-    utils::image::SetKernelTimeLimit(std::chrono::seconds(10));
+    SetKernelTimeLimit(std::chrono::seconds(10));
   }
   BoardScope(const BoardScope&) = delete;
   BoardScope& operator=(const BoardScope&) = delete;
@@ -99,5 +101,6 @@ class BoardScope {
   emulated_board::Settings settings;
 };
 
-}  // namespace testing
+}  // namespace image
+}  // namespace utils
 }  // namespace qx

@@ -22,18 +22,11 @@ LogCapture::~LogCapture() {
   FLAGS_v = old_verbosity_;
 }
 
-std::vector<std::string> LogCapture::Messages() const {
-  const std::lock_guard<std::mutex> lock(mutex_);
-  std::vector<std::string> texts;
-  for (const Line& line : lines_) texts.push_back(line.text);
-  return texts;
-}
-
 std::vector<std::string> LogCapture::Messages(google::LogSeverity severity) const {
   const std::lock_guard<std::mutex> lock(mutex_);
   std::vector<std::string> texts;
   for (const Line& line : lines_) {
-    if (line.severity == severity) texts.push_back(line.text);
+    if (severity == kEverySeverity || line.severity == severity) texts.push_back(line.text);
   }
   return texts;
 }

@@ -19,15 +19,15 @@ class LogCapture : public google::LogSink {
   LogCapture(const LogCapture&) = delete;
   LogCapture& operator=(const LogCapture&) = delete;
 
-  // Texts so far, in order: of every severity, or of one (google::INFO holds the VLOG lines too).
-  std::vector<std::string> Messages() const;
-  std::vector<std::string> Messages(google::LogSeverity severity) const;
+  // Texts so far, in order: of one severity (google::INFO holds the VLOG lines too), or of all.
+  std::vector<std::string> Messages(google::LogSeverity severity = kEverySeverity) const;
 
   void send(google::LogSeverity severity, const char* full_filename, const char* base_filename,
             int line, const struct ::tm* tm_time, const char* message,
             std::size_t message_len) override;
 
  private:
+  static constexpr google::LogSeverity kEverySeverity = -1;
   struct Line {
     google::LogSeverity severity;
     std::string text;

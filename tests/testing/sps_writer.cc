@@ -44,7 +44,7 @@ Bytes BitWriter::Nal(const Bytes& header) const {
 Bytes H264Sps::Stream() const {
   BitWriter w;
   w.U(8, profile_idc).U(8, 0).U(8, level_idc).Ue(0);
-  if (profile_idc >= 100) {
+  if (profile_idc >= 100 || profile_idc == 44 || profile_idc == 83 || profile_idc == 86) {
     w.Ue(chroma_format_idc);
     if (chroma_format_idc == 3) w.U(1, 0);
     w.Ue(2).Ue(2).U(1, 0).U(1, has_scaling_lists).Append(scaling_lists);

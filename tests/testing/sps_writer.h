@@ -39,6 +39,9 @@ struct H264Sps {
   bool frame_mbs_only = true;
   std::vector<std::uint64_t> crop = {};  // left, right, top, bottom
 
+  void Crop(std::uint64_t left, std::uint64_t right, std::uint64_t top, std::uint64_t bottom) {
+    crop = {left, right, top, bottom};
+  }
   Bytes Stream() const;
 };
 
