@@ -40,8 +40,7 @@ struct Plan {
   std::size_t columns;   // of a window
   std::size_t windows;   // of each pixel of a tile
   std::size_t band;      // disparities of a tile
-  std::size_t bands;     // of tiles for each pixel
-  std::size_t cover;     // disparities that they compute; no pixel has more
+  std::size_t cover;     // disparities that tiles compute; no pixel has more
   std::size_t lead;      // right columns that a panel needs before its first
   std::size_t span;      // columns
   std::size_t panel;     // columns, in whole spans
@@ -61,7 +60,6 @@ void PlanTiles(std::size_t grain, std::size_t disparities, std::size_t costs, Pl
     plan.windows = Larger(Smaller(RoundUp(blocks, tiles) / tiles, disparities / plan.columns), 2);
   }
   plan.band = plan.windows * plan.columns;
-  plan.bands = RoundUp(costs, plan.band) / plan.band;
 }
 
 Plan PlanOf(const CostVolumeJob& job) {
@@ -70,7 +68,7 @@ Plan PlanOf(const CostVolumeJob& job) {
   const std::size_t costs = Smaller(job.disparities, job.width);
   PlanTiles(kShort, job.disparities, costs, plan);
   // Long grains cost about a quarter more, but come in smaller steps of disparities.
-  const bool wasteful = plan.bands * plan.band * 4 > RoundUp(costs, kLong) * 5;
+  const bool wasteful = RoundUp(costs, plan.band) * 4 > RoundUp(costs, kLong) * 5;
   if (job.disparities < plan.band || wasteful) PlanTiles(kLong, job.disparities, costs, plan);
   plan.cover = Smaller(RoundUp(costs, plan.band), Larger(job.disparities, plan.band));
   plan.lead = RoundUp(plan.cover, plan.columns);
@@ -233,17 +231,20 @@ void ComputeBand(const CostVolumeJob& job, const Plan& plan, const TileJob& tile
 
 void ComputeSpan(const CostVolumeJob& job, const Plan& plan, const TileJob& tiles,
                  const Panel& panel, std::size_t start) {
-  const Share each{kPixels * job.channels / plan.bands, kPixels * job.disparities / plan.bands};
-  for (std::size_t b = 0; b < plan.bands; ++b) {
+  // Pixels of the span have no disparities from here on.
+  const std::size_t reach = Smaller(plan.cover, RoundUp(start + plan.span, plan.band));
+  const std::size_t bands = RoundUp(reach, plan.band) / plan.band;
+  const Share each{kPixels * job.channels / bands, kPixels * job.disparities / bands};
+  for (std::size_t b = 0; b < bands; ++b) {
     // A band that would end behind the last cost is moved back to overlap the one before.
     const std::size_t d = Smaller(b * plan.band, plan.cover - plan.band);
     ComputeBand(job, plan, tiles, panel, start, d, each, b * plan.columns);
   }
-  if (plan.cover >= job.disparities) return;
+  if (reach >= job.disparities) return;
   const std::size_t end = Smaller(start + plan.span, panel.end);
   for (std::size_t column = start; column < end; ++column) {
     std::int8_t* cost = job.cost + (panel.row + column) * job.disparities;
-    __builtin_memset(cost + plan.cover, 0, job.disparities - plan.cover);
+    __builtin_memset(cost + reach, 0, job.disparities - reach);
   }
 }
 

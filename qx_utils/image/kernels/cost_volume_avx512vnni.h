@@ -15,7 +15,7 @@ namespace avx512vnni {
 constexpr std::size_t kWindow = 64;      // bytes
 constexpr std::size_t kShort = 4;        // channels of a grain, for windows of 16 disparities
 constexpr std::size_t kLong = 16;        // for windows of 4
-constexpr std::size_t kPixels = 5;       // left pixels of a tile, a window's columns apart
+constexpr std::size_t kPixels = 4;       // left pixels of a tile, a window's columns apart
 constexpr std::size_t kMostWindows = 4;  // of each of them, side by side
 
 // What all tiles of a job have in common.

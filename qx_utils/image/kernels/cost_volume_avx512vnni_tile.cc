@@ -1,7 +1,7 @@
-// Cost volume with AVX-512 VNNI: register tiles of 5 left pixels x 4 windows of the right row.
+// Cost volume with AVX-512 VNNI: register tiles of 4 left pixels x 4 windows of the right row.
 //
 // What is disparity d for a left pixel is d + 16 (or + 4, with long grains) for the next one of the
-// tile, so they share windows: 8 windows and 5 left grains feed 20 multiplications, and nothing
+// tile, so they share windows: 7 windows and 4 left grains feed 16 multiplications, and nothing
 // outside the band is computed. Short grains give a cost in each lane, long ones four lanes to be
 // added up; but long ones share windows among few disparities.
 //
@@ -24,8 +24,6 @@ namespace utils {
 namespace image {
 namespace avx512vnni {
 namespace {
-
-constexpr std::size_t Smaller(std::size_t a, std::size_t b) { return a < b ? a : b; }
 
 // Those of a tile: [left pixel][window].
 template <std::size_t kWindows>
@@ -200,29 +198,21 @@ QXTOOLS_INLINE void StorePixel(const TileJob& job, __m128i bytes, std::int8_t* c
 }
 
 // Long grains: a window's 128-bit parts are the costs of 4 disparities.
-template <std::size_t kWindows, std::size_t kLeft = 0>
+template <std::size_t kWindows>
 QXTOOLS_INLINE void StoreParts(const TileJob& job, std::size_t pixels, const Sums<kWindows>& sums,
                                std::int8_t* cost) {
-  if constexpr (kLeft < kPixels) {
-    constexpr std::size_t kHere = Smaller(kPixels - kLeft, 4);
-    if (kLeft >= pixels) return;
-    __m512i costs[kHere];
-    QXTOOLS_UNROLL
-    for (std::size_t k = 0; k < kHere; ++k) costs[k] = Cost(AddLanes(sums[kLeft + k]), job);
-    const __m512i by_disparity = _mm512_set4_epi32(0x0F0B0703, 0x0E0A0602, 0x0D090501, 0x0C080400);
-    const __m512i bytes = _mm512_shuffle_epi8(Gather(costs), by_disparity);
-    StorePixel(job, _mm512_castsi512_si128(bytes), cost);
-    if (kHere > 1 && pixels > kLeft + 1) {
-      StorePixel(job, _mm512_extracti32x4_epi32(bytes, 1), cost + job.cost_step);
-    }
-    if (kHere > 2 && pixels > kLeft + 2) {
-      StorePixel(job, _mm512_extracti32x4_epi32(bytes, 2), cost + 2 * job.cost_step);
-    }
-    if (kHere > 3 && pixels > kLeft + 3) {
-      StorePixel(job, _mm512_extracti32x4_epi32(bytes, 3), cost + 3 * job.cost_step);
-    }
-    StoreParts<kWindows, kLeft + 4>(job, pixels, sums, cost + 4 * job.cost_step);
-  }
+  __m512i costs[kPixels];
+  QXTOOLS_UNROLL
+  for (std::size_t k = 0; k < kPixels; ++k) costs[k] = Cost(AddLanes(sums[k]), job);
+  const __m512i by_disparity = _mm512_set4_epi32(0x0F0B0703, 0x0E0A0602, 0x0D090501, 0x0C080400);
+  const __m512i bytes = _mm512_shuffle_epi8(Gather(costs), by_disparity);
+  StorePixel(job, _mm512_castsi512_si128(bytes), cost);
+  if (pixels < 2) return;
+  StorePixel(job, _mm512_extracti32x4_epi32(bytes, 1), cost + job.cost_step);
+  if (pixels < 3) return;
+  StorePixel(job, _mm512_extracti32x4_epi32(bytes, 2), cost + 2 * job.cost_step);
+  if (pixels < 4) return;
+  StorePixel(job, _mm512_extracti32x4_epi32(bytes, 3), cost + 3 * job.cost_step);
 }
 
 template <std::size_t kGrain, std::size_t kWindows, std::size_t kSkipped>
