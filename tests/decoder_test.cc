@@ -24,16 +24,6 @@ using ::testing::Values;
 using velkar::vision::ImageFrame;
 using velkar::vision::ImageFrameImpl;
 
-// Appends a frame's samples, tightly packed.
-void Append(const FramePtr& frame, std::string& samples) {
-  for (const FrameLayout::Plane& plane : LayoutOf(frame)->planes) {
-    for (std::size_t row = 0; row < plane.rows; ++row) {
-      const std::uint8_t* first = frame->Data() + plane.offset + row * plane.pitch;
-      samples.append(first, first + plane.row_bytes);
-    }
-  }
-}
-
 std::string FfmpegsOutput(const std::string& clip) {
   const std::string command = "ffmpeg -nostdin -v error -threads 1 -i '" + testing::ClipPath(clip) +
                               "'" + testing::RawVideo();
@@ -63,7 +53,7 @@ TEST_P(DecodeClip, GivesFfmpegsPicturesInOrderWithTheirPointers) {
     decoder.reset();  // the frames live on
     EXPECT_EQ(receiver.Tags(), tags);
     std::string samples;
-    for (const FramePtr& frame : frames) Append(frame, samples);
+    for (const FramePtr& frame : frames) samples += testing::Samples(frame);
     EXPECT_TRUE(samples == expected) << samples.size() << " bytes for " << expected.size();
   }
 }
@@ -230,8 +220,7 @@ TEST(CopyPicture, KeepsPitchesRoundsChromaDownAndRefusesWhatDoesNotFit) {
     }
     EXPECT_EQ(frame->pixel_format, c.result);
     EXPECT_EQ(frame->DataSize(), c.size);
-    std::string samples;
-    Append(frame, samples);
+    std::string samples = testing::Samples(frame);
     for (char& sample : samples) sample = static_cast<char>(sample + '0');
     EXPECT_EQ(samples, c.samples);
   }
