@@ -11,10 +11,10 @@ namespace utils {
 namespace image {
 namespace {
 
-// Bytes between the scratch of two threads, used by none. A processor's prefetching runs on behind
-// what a thread reads grain by grain, up to a dozen kilobytes were seen, and takes the cache lines
-// from the next thread, which made that one up to 1.8 times slower.
-constexpr std::size_t kApart = std::size_t{64} * 1024;
+// Bytes between the scratch of two threads, touched by none. A processor's prefetching runs on far
+// behind what a thread reads grain by grain, and takes cache lines from the thread whose scratch
+// lies there: see docs/cost-volume.md.
+constexpr std::size_t kApart = std::size_t{256} * 1024;
 
 std::size_t RoundUp(std::size_t bytes) {
   return (bytes + kCostVolumeAlignment - 1) / kCostVolumeAlignment * kCostVolumeAlignment;
