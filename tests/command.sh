@@ -244,6 +244,40 @@ test_png() {
   done
 }
 
+# A picture of one grey: gray NAME WIDTH HEIGHT.
+gray() {
+  printf 'P5\n%d %d\n255\n' "$2" "$3" >"$1"
+  head -c $(($2 * $3)) /dev/zero >>"$1"
+}
+
+test_stereo() {
+  gray small.pgm 8 6
+  gray large.pgm 8 7
+  gray still.pgm 318 238
+  head -c 20 large.pgm >broken.pgm
+  while read -r row; do
+    run "\$Q stereo ${row%% => *} --disparities 4 -o out"
+    expect is "$status" 1
+    expect holds "$err" "${row##* => }"
+    expect one_line "$err"
+  done <<'END'
+small.pgm large.pgm => 'small.pgm' is 8 x 6, 'large.pgm' is 8 x 7 in frame 0
+small.pgm small.pgm --frames 2 => 'small.pgm' ends after 1 frame: asked for are 2
+$C/cropped.h264 still.pgm => 'still.pgm' ends after 1 frame: the other input goes on
+$C/cropped.h264 $C/cropped.h264 --frames 25 => cropped.h264' ends after 24 frames: asked for are 25
+broken.pgm small.pgm => 'broken.pgm': damaged picture
+small.pgm missing.pgm => cannot open 'missing.pgm': No such file
+END
+  for backend in cpu fpga; do
+    run "\$Q stereo \$C/left.mp4 \$C/right.mp4 --frames 2 --disparities 16 --backend $backend -o $backend"
+    expect is "$status" 0
+    expect is "$(ls $backend | tr '\n' ' ')" \
+      'disparity-0000.pgm disparity-0000.png disparity-0001.pgm disparity-0001.png '
+  done
+  run 'cmp cpu/disparity-0001.pgm fpga/disparity-0001.pgm && cmp cpu/disparity-0001.png fpga/disparity-0001.png'
+  expect is "$status" 0
+}
+
 test_full_disk() {
   local small_disk='unshare -rm bash -c "mount -t tmpfs -o size=100k none . && cd . '
   run "$small_disk\""

@@ -224,39 +224,6 @@ TEST(Inputs, PicturesAndVideosGiveLuma) {
   }
 }
 
-TEST(Inputs, SayWhatDiffers) {
-  const auto gray = [](int, int) { return std::uint8_t{9}; };
-  const std::string small = WriteGray("small.pgm", Draw(8, 6, gray));
-  const std::string large = WriteGray("large.pgm", Draw(8, 7, gray));
-  const std::string broken = WriteGray("broken.pgm", GrayPicture{8, 8, {1, 2, 3}});
-  const std::string video = std::string(QXTOOLS_CLIPS_DIR) + "/cropped.h264";
-  const std::string still = WriteGray("still.pgm", Draw(318, 238, gray));
-  const struct {
-    std::string left, right;
-    std::size_t pairs;
-    std::string message;
-  } cases[] = {
-      {small, large, 0, "'" + small + "' is 8 x 6, '" + large + "' is 8 x 7 in frame 0"},
-      {small, small, 2, "'" + small + "' ends after 1 frame: asked for are 2"},
-      {video, still, 0, "'" + still + "' ends after 1 frame: the other input goes on"},
-      {video, video, 99, "'" + video + "' ends after 24 frames: asked for are 99"},
-      {broken, small, 0, broken},
-      {small, "no such file", 0, "no such file"},
-  };
-  for (const auto& c : cases) {
-    try {
-      PairReader reader(c.left, c.right, c.pairs);
-      while (reader.Next()) {
-      }
-      ADD_FAILURE() << "no error: " << c.message;
-    } catch (const std::exception& error) {
-      EXPECT_THAT(error.what(), HasSubstr(c.message));
-    }
-  }
-  PairReader reader(video, video, 2);
-  EXPECT_TRUE(reader.Next() && reader.Next() && !reader.Next());
-}
-
 }  // namespace
 }  // namespace tools
 }  // namespace qx
