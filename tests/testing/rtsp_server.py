@@ -11,7 +11,8 @@ ACTION: silent     says nothing and keeps the connection
         close      closes the connection
         error      answers 404
         trickle    sends a byte of an answer every half second
-        garbage    sends pseudo-random bytes without end
+        garbage    sends pseudo-random bytes without end, and without the end of a line: a blank one
+                   would end an answer sooner or later, depending on how fast the bytes are read
         huge       announces a body of 2 GB and sends it slowly
         badsdp     answers with a session description that is none, and goes on
 Prints the port once it listens. Ends with its standard input; ends at once with status 77 where
@@ -61,7 +62,7 @@ def misbehave(peer, action, method, cseq):
     elif action == 'garbage':
         noise = random.Random(1)
         while True:
-            peer.sendall(bytes(noise.getrandbits(8) for _ in range(4096)))
+            peer.sendall(bytes(noise.getrandbits(8) for _ in range(4096)).replace(b'\n', b''))
     elif action == 'huge':
         peer.sendall(('RTSP/1.0 200 OK\r\nCSeq: %s\r\nContent-Length: 2147483647\r\n\r\n' % cseq).encode())
         slowly(peer, bytes(100))
