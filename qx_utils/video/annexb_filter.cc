@@ -29,9 +29,9 @@ bool IsLengthPrefixed(const AVCodecParameters& parameters) {
   return !(bytes[0] == 0 && bytes[1] == 0 && (bytes[2] == 1 || (bytes[2] == 0 && bytes[3] == 1)));
 }
 
-// Returns: whether the parameter sets that an H.265 record announces lie within it (ISO/IEC
-// 14496-15,
-//          8.3.3.1). FFmpeg takes those that are missing for empty ones, tens of thousands of them.
+// Returns: whether the parameter sets that an H.265 record announces lie within its `size` bytes,
+// which are 23 at least (ISO/IEC 14496-15, 8.3.3.1). FFmpeg takes those that are missing for empty
+// ones, tens of thousands of them.
 bool IsWholeHevcRecord(const std::uint8_t* record, int size) {
   constexpr int kArrayCount = 22;  // offset
   const std::uint8_t* at = record + kArrayCount;

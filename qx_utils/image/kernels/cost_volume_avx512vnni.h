@@ -1,8 +1,16 @@
-// What the files of the AVX-512 VNNI cost volume share: the tile and where its data is.
+// What the files of the AVX-512 VNNI cost volume share: the tile, where its data is, and what they
+// tell the compiler.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
+
+#if defined(__clang__)
+#define QXTOOLS_UNROLL _Pragma("clang loop unroll(full)")
+#else
+#define QXTOOLS_UNROLL _Pragma("GCC unroll 16")
+#endif
+#define QXTOOLS_INLINE __attribute__((always_inline)) inline
 
 namespace qx {
 namespace utils {

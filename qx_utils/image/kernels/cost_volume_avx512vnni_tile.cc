@@ -12,13 +12,6 @@
 #include "qx_utils/image/kernels/cost_volume.h"
 #include "qx_utils/image/kernels/cost_volume_avx512vnni.h"
 
-#if defined(__clang__)
-#define QXTOOLS_UNROLL _Pragma("clang loop unroll(full)")
-#else
-#define QXTOOLS_UNROLL _Pragma("GCC unroll 16")
-#endif
-#define QXTOOLS_INLINE __attribute__((always_inline)) inline
-
 namespace qx {
 namespace utils {
 namespace image {
