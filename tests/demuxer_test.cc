@@ -2,9 +2,13 @@
 
 #include <atomic>
 #include <fstream>
+#include <set>
 #include <thread>
+#include <tuple>
 
 #include "qx_utils/internal/ffmpeg_handles.h"
+#include "qxtools/annexb_filter.h"
+#include "qxtools/packet_times.h"
 #include "tests/testing/temp_path.h"
 #include "tests/testing/test.h"
 
@@ -150,6 +154,51 @@ TEST(Demuxer, PacketsAndInputsOutliveTheDemuxerAndGoOnAnyThread) {
   internal::InitPacket(packet);
   EXPECT_EQ(av_read_frame(input.get(), &packet), 0);  // asks the demuxer's watch
   av_packet_unref(&packet);
+}
+
+TEST(Demuxer, PacketsTellTheirTimesBeforeAndAfterTheFilter) {
+  const struct {
+    const char* clip;
+    bool timed;
+    StreamTimes stream;
+  } cases[] = {
+      {"left.mp4", true, {25, 1, 960000}}, {"bframes.mp4", true, {25, 1, 960000}},
+      {"hevc.mp4", true, {25, 1, 480000}}, {"left.h264", false, {25, 1, kNoTime}},
+      {"left.ts", true, {25, 1, 960000}},
+  };
+  FfmpegDemuxer demuxer;
+  bool reopened = false;
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.clip);
+    AnnexBFilter filter;
+    ASSERT_EQ(demuxer.Open(kClips + c.clip, {}), 0);
+    ASSERT_EQ(filter.Init(demuxer), 0);
+    const StreamTimes stream = demuxer.GetStreamTimes();
+    EXPECT_EQ(std::tie(stream.rate_num, stream.rate_den, stream.duration_us),
+              std::tie(c.stream.rate_num, c.stream.rate_den, c.stream.duration_us));
+    std::set<std::int64_t> shown;
+    std::int64_t last = kNoTime;
+    for (int i = 0; auto packet = demuxer.ReadFrame(); ++i) {
+      for (const auto& form : {packet, filter.Filter(packet)}) {
+        const auto times = PacketTimesOf(form);
+        ASSERT_TRUE(times);
+        EXPECT_EQ(times->discontinuity, reopened && i == 0);
+        EXPECT_TRUE(times->key || i > 0);
+        EXPECT_EQ(times->wall_clock_us, kNoTime);
+        EXPECT_EQ(times->decoding != kNoTime, c.timed);
+        EXPECT_TRUE(times->presentation >= times->decoding && times->decoding >= last);
+        last = times->decoding;
+        shown.insert(times->presentation * 25 * times->time_base_num / times->time_base_den);
+      }
+    }
+    // Each picture 1/25 s after another, whatever the order in the file.
+    const auto pictures = static_cast<std::int64_t>(shown.size());
+    EXPECT_TRUE(!c.timed || *shown.rbegin() - *shown.begin() == pictures - 1);
+    EXPECT_TRUE(!c.timed || pictures * 40000 == c.stream.duration_us);
+    reopened = true;
+  }
+  EXPECT_FALSE(PacketTimesOf(nullptr));
+  EXPECT_FALSE(PacketTimesOf(std::make_shared<StreamPacket>()));
 }
 
 TEST(Demuxer, CancelStaysInForceUntilCleared) {

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "qxtools/export.h"
+#include "qxtools/packet_times.h"
 #include "qxtools/video.h"
 
 struct AVFormatContext;
@@ -21,16 +22,19 @@ namespace video {
 
 // Why a call of FfmpegDemuxer gave nothing.
 enum class DemuxerFault {
-  kNone,           // the last call succeeded
-  kRefused,        // connection refused, no such file, no permission, or an error reply
-  kTimedOut,       // no data in time, or the limit of SetTimeLimit() passed
-  kClosedByPeer,   // the network peer ended the connection, or (RTSP) answered with nonsense
-  kEndOfStream,    // the file is at its end
-  kMalformed,      // the file is not media, or damaged beyond reading
-  kCancelled,      // Cancel() is in force
-  kNoVideoStream,  // the input has no H.264 or H.265 stream
-  kNotOpen,        // ReadFrame() without an input
-  kOther,          // none of the above; the log holds FFmpeg's code
+  kNone,                  // the last call succeeded
+  kRefused,               // connection refused, no such file, no permission, or an error reply
+  kTimedOut,              // no data in time, or the limit of SetTimeLimit() passed
+  kClosedByPeer,          // the network peer ended the connection, or (RTSP) answered with nonsense
+  kEndOfStream,           // the file is at its end
+  kMalformed,             // the file is not media, or damaged beyond reading
+  kCancelled,             // Cancel() is in force
+  kNoVideoStream,         // the input has no H.264 or H.265 stream
+  kNotOpen,               // ReadFrame() without an input
+  kOther,                 // none of the others; the log holds FFmpeg's code
+  kUnreachable,           // the host's name is unknown, or no way leads to it
+  kLost,                  // the connection cannot be used any further: open the input again
+  kUnsupportedTransport,  // the server refuses RTP over the control connection (TCP)
 };
 
 // What the demuxer puts up with from an RTSP camera.
@@ -39,6 +43,13 @@ struct RtspTimeLimits {
   std::chrono::seconds open;  // for all of Open(), the host's name and closing the last input aside
 };
 [[nodiscard]] QXTOOLS_EXPORT RtspTimeLimits GetRtspTimeLimits();
+
+// What the container says of the chosen stream.
+struct StreamTimes {
+  std::int32_t rate_num;  // pictures a second are rate_num / rate_den on average; 0 / 1 if unknown
+  std::int32_t rate_den;
+  std::int64_t duration_us;  // kNoTime if unknown, as it is for cameras
+};
 
 // Hands out the packets of the first H.264 or H.265 stream of an input, without copying them.
 //
@@ -86,6 +97,9 @@ class QXTOOLS_EXPORT FfmpegDemuxer : public Demuxer {
 
   // Returns: the chosen stream's index in the container; -1 before the first successful Open().
   int VideoStreamIndex() const { return video_stream_index_; }
+
+  // Returns: rate and length of the chosen stream; unknown ones while no stream is chosen.
+  StreamTimes GetStreamTimes() const;
 
   // Returns: the cause of the last Open() or ReadFrame(). FFmpeg's codes cannot tell a dead camera
   // from the end of a file; this does.

@@ -28,6 +28,16 @@ struct FfmpegDeleter {
 template <typename T>
 using FfmpegPtr = std::unique_ptr<T, FfmpegDeleter>;
 
+// Side data that tells a sender's wall clock, and the type of its size.
+#if LIBAVCODEC_VERSION_INT >= AV_VERSION_INT(58, 66, 100)
+#define QXTOOLS_HAS_WALL_CLOCK
+#endif
+#if LIBAVCODEC_VERSION_MAJOR >= 59
+using SideDataSize = std::size_t;
+#else
+using SideDataSize = int;
+#endif
+
 // Gives a packet on the stack FFmpeg's initial values. Generations from libavcodec 59 on call the
 // function deprecated and keep it.
 inline void InitPacket(AVPacket& packet) {

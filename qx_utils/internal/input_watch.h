@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <utility>
 
 #include "qx_utils/internal/ffmpeg_handles.h"
 #include "qxtools/ffmpeg_demuxer.h"
@@ -47,6 +48,14 @@ class InputWatch {
   // Records the cause of a failure that FFmpeg reports as `code` on an input opened from `url`.
   void SetFault(int code, const char* url);
 
+  // Packets are missing before the next one, unless that is the first of all.
+  void SetGap() { gap_ = gave_packets_; }
+  // Returns: whether packets are missing before the one that is handed out now.
+  bool TakeGap() {
+    gave_packets_ = true;
+    return std::exchange(gap_, false);
+  }
+
   bool Cancelled() const { return cancelled_.load(std::memory_order_relaxed); }
   bool Interrupted() const { return Cancelled() || Late(); }
 
@@ -61,6 +70,8 @@ class InputWatch {
   std::atomic<Clock::rep> deadline_{kNoLimit.count()};  // on Clock
   Clock::duration limit_ = kNoLimit;
   Clock::time_point wait_began_;
+  bool gave_packets_ = false;
+  bool gap_ = false;
   video::DemuxerFault fault_ = video::DemuxerFault::kNone;
 };
 

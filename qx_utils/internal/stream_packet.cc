@@ -8,6 +8,7 @@ namespace {
 // Holds the AVPacket by value: a third allocation for each packet is saved.
 struct PacketDeleter {
   AVPacket packet;
+  PacketStamp stamp;
 
   void operator()(video::StreamPacket* record) {
     delete record;
@@ -22,7 +23,8 @@ struct PacketUnref {
 
 }  // namespace
 
-std::shared_ptr<video::StreamPacket> WrapPacket(AVPacket& packet, video::VideoCodec codec) {
+std::shared_ptr<video::StreamPacket> WrapPacket(AVPacket& packet, video::VideoCodec codec,
+                                                const PacketStamp& stamp) {
   std::unique_ptr<AVPacket, PacketUnref> guard(&packet);
   auto record = std::make_unique<video::StreamPacket>();
   record->data = packet.data;
@@ -30,12 +32,17 @@ std::shared_ptr<video::StreamPacket> WrapPacket(AVPacket& packet, video::VideoCo
   record->codec = codec;
   // From here on the deleter owns the payload: it runs even if the control block is not allocated.
   static_cast<void>(guard.release());
-  return {record.release(), PacketDeleter{packet}};
+  return {record.release(), PacketDeleter{packet, stamp}};
 }
 
 const AVPacket* WrappedPacket(const std::shared_ptr<video::StreamPacket>& packet) {
   const auto* deleter = std::get_deleter<PacketDeleter>(packet);
   return deleter == nullptr ? nullptr : &deleter->packet;
+}
+
+PacketStamp StampOf(const std::shared_ptr<video::StreamPacket>& packet) {
+  const auto* deleter = std::get_deleter<PacketDeleter>(packet);
+  return deleter == nullptr ? PacketStamp() : deleter->stamp;
 }
 
 }  // namespace internal

@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <limits>
+#include <utility>
 
 #include "qx_utils/internal/ffmpeg_handles.h"
 #include "qx_utils/internal/stream_packet.h"
@@ -88,9 +89,10 @@ class AnnexBFilter::Impl {
     AVPacket buffer;
     internal::InitPacket(buffer);
     const int code = Run(packet, buffer);
-    if (code == 0) return internal::WrapPacket(buffer, packet->codec);
+    if (code == 0) return internal::WrapPacket(buffer, packet->codec, StampFor(packet));
     LOG(ERROR) << "Annex B filter: packet of " << packet->size << " bytes refused, ret=" << code;
     av_bsf_flush(filter_.get());
+    gap_ = true;
     return nullptr;
   }
 
@@ -109,6 +111,13 @@ class AnnexBFilter::Impl {
     if (wrapped == nullptr || (wrapped->flags & AV_PKT_FLAG_KEY) == 0) return false;
     own_parameter_sets_ = HasParameterSet(*packet);
     return !own_parameter_sets_;
+  }
+
+  // Times of the input; packets that were refused are missing before it.
+  internal::PacketStamp StampFor(const std::shared_ptr<StreamPacket>& packet) {
+    internal::PacketStamp stamp = internal::StampOf(packet);
+    if (std::exchange(gap_, false)) stamp.discontinuity = true;
+    return stamp;
   }
 
   // Returns: 0 with the converted packet in `buffer`, or FFmpeg's code with `buffer` blank.
@@ -132,6 +141,7 @@ class AnnexBFilter::Impl {
   const bool length_prefixed_;
   const BsfPtr filter_;
   bool own_parameter_sets_ = false;
+  bool gap_ = false;
 };
 
 AnnexBFilter::AnnexBFilter() = default;

@@ -64,6 +64,25 @@ bool ExamineStream(const AVStream& stream, unsigned index, VideoCodec& codec) {
   return false;
 }
 
+// Returns: the sender's wall clock at the packet's presentation time, if it has told it.
+std::int64_t WallClockOf(AVPacket& packet) {
+#ifdef QXTOOLS_HAS_WALL_CLOCK
+  internal::SideDataSize size = 0;
+  const std::uint8_t* data = av_packet_get_side_data(&packet, AV_PKT_DATA_PRFT, &size);
+  if (data != nullptr && size >= sizeof(AVProducerReferenceTime)) {
+    return reinterpret_cast<const AVProducerReferenceTime*>(data)->wallclock;
+  }
+#else
+  static_cast<void>(packet);
+#endif
+  return kNoTime;
+}
+
+internal::PacketStamp StampFor(const AVFormatContext& input, AVPacket& packet, InputWatch& watch) {
+  const AVRational unit = input.streams[packet.stream_index]->time_base;
+  return {unit.num, unit.den, watch.TakeGap(), WallClockOf(packet)};
+}
+
 }  // namespace
 
 RtspTimeLimits GetRtspTimeLimits() { return {internal::kSocketLimit, kRtspOpenLimit}; }
@@ -73,6 +92,7 @@ FfmpegDemuxer::FfmpegDemuxer() : watch_(std::make_shared<InputWatch>()) {}
 FfmpegDemuxer::~FfmpegDemuxer() = default;
 
 int FfmpegDemuxer::Open(const std::string& url, const Config& /*config*/) {
+  watch_->SetGap();
   avformat_cxt_ = CreateFormatContext(url);
   return GetStreamInfo(avformat_cxt_, video_stream_index_);
 }
@@ -136,14 +156,32 @@ std::shared_ptr<StreamPacket> FfmpegDemuxer::ReadFrame() {
       continue;
     }
     if (packet.stream_index == video_stream_index_) {
-      if (packet.size > 0) return internal::WrapPacket(packet, codec_);
+      if (packet.size > 0) {
+        return internal::WrapPacket(packet, codec_, StampFor(*avformat_cxt_, packet, *watch_));
+      }
       LOG(ERROR) << "Invalid pkt.size= " << packet.size;
       watch_->set_fault(DemuxerFault::kMalformed);
+      watch_->SetGap();
       ++failures;
     }
     av_packet_unref(&packet);
   }
   return nullptr;
+}
+
+StreamTimes FfmpegDemuxer::GetStreamTimes() const {
+  StreamTimes times{0, 1, kNoTime};
+  if (!avformat_cxt_ || video_stream_index_ < 0) return times;
+  const AVStream& stream = *avformat_cxt_->streams[video_stream_index_];
+  const AVRational rate = stream.avg_frame_rate;
+  if (rate.num > 0 && rate.den > 0) times = {rate.num, rate.den, kNoTime};
+  const AVRational microseconds{1, AV_TIME_BASE};
+  if (stream.duration > 0) {
+    times.duration_us = av_rescale_q(stream.duration, stream.time_base, microseconds);
+  } else if (avformat_cxt_->duration > 0) {
+    times.duration_us = avformat_cxt_->duration;
+  }
+  return times;
 }
 
 DemuxerFault FfmpegDemuxer::LastFault() const { return watch_->fault(); }
