@@ -3,10 +3,21 @@
 #
 # Kernels are optimised in every build type, since their tests compare many shapes, and never fuse
 # a multiplication with an addition: every variant rounds where the definition rounds.
+#
+# The compiler uses every extension that a flag allows, so the processor is asked for each: a flag -mX
+# without __builtin_cpu_supports("X") in cpu_features.cc is an error.
 function(qxtools_add_kernel processor source)
   if(NOT CMAKE_SYSTEM_PROCESSOR STREQUAL processor)
     return()
   endif()
+  file(READ ${PROJECT_SOURCE_DIR}/qx_utils/internal/cpu_features.cc questions)
+  foreach(flag ${ARGN})
+    string(REGEX REPLACE "^-m" "" extension ${flag})
+    string(FIND "${questions}" "__builtin_cpu_supports(\"${extension}\")" found)
+    if(found EQUAL -1 AND processor STREQUAL x86_64)
+      message(FATAL_ERROR "${source} needs ${extension}: let cpu_features.cc ask the processor for it")
+    endif()
+  endforeach()
   # GCC 12's own AVX-512 header trips these two (its bug 105593); clang-tidy knows one.
   set(header_bug $<$<CXX_COMPILER_ID:GNU>:-Wno-unknown-warning-option> $<$<CXX_COMPILER_ID:GNU>:-Wno-uninitialized> $<$<CXX_COMPILER_ID:GNU>:-Wno-maybe-uninitialized>)
   target_sources(qxtools_objects PRIVATE ${source})

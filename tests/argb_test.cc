@@ -126,6 +126,26 @@ TEST(CvtColorArgb, PutsAnAlphaOfZeroInFront) {
   EXPECT_EQ(CvtColorBGR2ARGB(src, 0, nullptr, 99), 0);
 }
 
+// Overlapping buffers once gave other bytes on each instruction set: kernels redo the last pixels
+// and read ahead of what they write.
+TEST(CvtColorArgb, OverlappingBuffersAreConvertedByteByByte) {
+  constexpr std::size_t kPixels = 150;
+  for (std::size_t to = 0; to <= 3 * kPixels; ++to) {
+    for (const std::size_t from : {std::size_t{0}, kPixels, 2 * kPixels}) {
+      for (const bool bgr : {false, true}) {
+        Bytes actual = Pattern(8 * kPixels), expected = actual;
+        for (std::size_t j = 0; j < 4 * kPixels; ++j) {
+          const std::size_t channel = j % 4, byte = bgr ? 3 - channel : channel - 1;
+          expected[to + j] = channel == 0 ? std::uint8_t{0} : expected[from + j / 4 * 3 + byte];
+        }
+        (bgr ? CvtColorBGR2ARGB : CvtColorRGB2ARGB)(actual.data() + from, 3 * kPixels,
+                                                    actual.data() + to, 4 * kPixels);
+        ASSERT_EQ(actual, expected) << "from " << from << " to " << to << (bgr ? " BGR" : " RGB");
+      }
+    }
+  }
+}
+
 TEST(CvtColorArgbDeathTest, LengthsThatDoNotFitAreFatal) {
   const struct {
     std::size_t src_len, dst_len;

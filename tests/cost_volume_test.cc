@@ -192,14 +192,14 @@ TEST(CostVolumeDeathTest, WrongFormatsAndSizesEndTheProcess) {
 
 TEST(CpuFeatures, ForcedNamesAreObeyedOrReported) {
   using internal::ChooseFeatures;
-  const auto& isas = internal::CompiledIsas();
-  const std::uint32_t all = isas.front().features;
+  const auto isas = internal::CompiledIsas();
+  const std::uint32_t all = isas.first->features;
   LogCapture log;
   EXPECT_EQ(ChooseFeatures(nullptr, all), all);
   EXPECT_EQ(ChooseFeatures("", all), all);
   for (const auto& isa : isas) EXPECT_EQ(ChooseFeatures(isa.name, all), isa.features);
   EXPECT_THAT(log.Messages(google::ERROR), IsEmpty());
-  EXPECT_EQ(ChooseFeatures(isas.front().name, 0), 0U);
+  EXPECT_EQ(ChooseFeatures(isas.first->name, 0), 0U);
   EXPECT_EQ(ChooseFeatures("sse9", all), all);
   EXPECT_THAT(log.Messages(google::ERROR),
               ElementsAre(HasSubstr("does not have it; it has scalar"),

@@ -88,6 +88,18 @@ TEST(CopyImage, RefusesWithOneErrorLineAndCopiesNothing) {
   }
 }
 
+// Moving rows closer together in place was once a memcpy over itself.
+TEST(CopyImage, RowsMoveCloserTogetherInPlace) {
+  std::vector<std::uint8_t> rows(40 * 10), expected(rows.size());
+  for (std::size_t i = 0; i < rows.size(); ++i) rows[i] = static_cast<std::uint8_t>(i % 251);
+  expected = rows;
+  for (std::size_t i = 0; i < 32 * 10; ++i) expected[i] = rows[i / 32 * 40 + i % 32];
+  EXPECT_EQ(CopyImage(rows.data(), 32, 10, rows.data(), 40, 10, kQXPixelFormatGray8), 0);
+  EXPECT_EQ(rows, expected);
+  MemcpyFunc(rows.data() + 1, 8, rows.data(), 8);
+  EXPECT_TRUE(std::equal(expected.begin(), expected.begin() + 8, rows.begin() + 1));
+}
+
 TEST(CopyImage, LeavesTheCopiersExceptionsToTheCaller) {
   std::uint8_t a[64] = {}, b[64] = {};
   const auto throwing = [](void*, std::size_t, void*, std::size_t) {

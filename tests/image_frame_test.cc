@@ -42,6 +42,10 @@ TEST(ImageFrame, CreateChecksSizes) {
       {kQXPixelFormatUint8, &byte, kMax, kMax, 0, true, 0},
       {kQXPixelFormatUint8, nullptr, 0, 640, 3, true, 0},
       {kQXPixelFormatUint8, nullptr, 1, 1, 1, false, 0},
+      {kQXPixelFormatGray16, &byte, 4, 5, 1, true, 40},  // was counted as 20
+      {kQXPixelFormatGray16, &byte, 32768, 65535, 1, true, 0xFFFF0000},
+      {kQXPixelFormatGray16, &byte, 32768, 65536, 1, false, 0},
+      {kQXPixelFormatRGB888, &byte, 4, 5, 3, true, 60},
       {kQXPixelFormatNV12, &byte, 480, 640, 1, true, 460800},
       {kQXPixelFormatYUV420P, &byte, 481, 640, 1, false, 0},
       {kQXPixelFormatNV21, &byte, 480, 639, 1, false, 0},

@@ -2,9 +2,11 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstdlib>
 #include <sstream>
 #include <thread>
 
+#include "qxtools/instruction_sets.h"
 #include "tests/testing/test.h"
 
 namespace qx {
@@ -132,6 +134,29 @@ TEST_F(MediaProcTest, FrontEndsHandOverTheirArgumentsAndReturnTheAnswer) {
   engine->answer.clear();
   EXPECT_EQ(Resize(frame_, 12, 22, true, 0), nullptr);
   EXPECT_THAT(log.Messages(), IsEmpty());
+}
+
+// The factory was once destroyed by exit(), while front ends still ran; so was the list of
+// instruction sets.
+TEST(MediaProcDeathTest, ProcessWideObjectsOutliveMain) {
+  struct Echo : MediaProc {
+    Frame CvtColor(Frame frame, QXPixelFormat) override { return frame; }
+  };
+  static const Frame frame = std::make_shared<ImageFrameImpl>();
+  static const char* name = nullptr;
+  const auto after_main = [] {
+    const bool usable =
+        CvtColor(frame, kQXPixelFormatGray8, 0) == frame && InstructionSets().front().name == name;
+    std::_Exit(usable ? 0 : 1);
+  };
+  const auto run = [&after_main] {
+    std::atexit(after_main);  // before the first use, so that it runs after what that would destroy
+    std::shared_ptr<void> alive(nullptr, [](void*) { std::_Exit(2); });
+    InstallMediaProcFactory([alive = std::move(alive)](int) { return std::make_shared<Echo>(); });
+    name = InstructionSets().front().name;
+    std::exit(3);
+  };
+  EXPECT_EXIT(run(), ::testing::ExitedWithCode(0), "");
 }
 
 // Run under the thread sanitizer this shows that a factory may come and go while it is in use.

@@ -14,7 +14,9 @@ bool IsYuv420(QXPixelFormat format) {
          format == kQXPixelFormatYUV420P;
 }
 
-// Bytes of a picture, or nothing when they do not fit a frame.
+std::uint64_t BytesPerValue(QXPixelFormat format) { return format == kQXPixelFormatGray16 ? 2 : 1; }
+
+// Bytes of a picture, or nothing when there is none of that shape or it does not fit a frame.
 std::optional<std::uint32_t> PictureBytes(QXPixelFormat format, std::uint64_t height,
                                           std::uint64_t width, std::uint64_t channels) {
   constexpr std::uint64_t kLimit = std::numeric_limits<std::uint32_t>::max();
@@ -22,8 +24,9 @@ std::optional<std::uint32_t> PictureBytes(QXPixelFormat format, std::uint64_t he
     return std::nullopt;
   }
   const std::uint64_t pixels = height * width;  // both below 2^32
-  if (channels != 0 && pixels > kLimit / channels) return std::nullopt;
-  const std::uint64_t bytes = pixels * channels + (IsYuv420(format) ? pixels / 2 : 0);
+  const std::uint64_t pixel_bytes = channels * BytesPerValue(format);
+  if (pixel_bytes != 0 && pixels > kLimit / pixel_bytes) return std::nullopt;
+  const std::uint64_t bytes = pixels * pixel_bytes + (IsYuv420(format) ? pixels / 2 : 0);
   if (bytes > kLimit) return std::nullopt;
   return static_cast<std::uint32_t>(bytes);
 }

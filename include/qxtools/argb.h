@@ -15,9 +15,10 @@ namespace image {
 // Inputs:  src  `src_len` bytes, 3 per pixel: R, G, B for the first function and B, G, R for the
 //               second. Not written, and not read beyond `src_len`.
 // Output:  dst  room for `dst_len` bytes, caller-owned. Exactly 4 * (src_len / 3) bytes are
-//               written; those beyond stay as they are. The bytes written must not overlap the
-//               source in any way, converting in place included: that would read what has been
-//               overwritten. Pointers may be null when `src_len` is 0.
+//               written; those beyond stay as they are. Pointers may be null when `src_len` is 0.
+// Overlap: allowed. The bytes A, R, G, B of each pixel are then written one after the other,
+//          without vector instructions, and a source byte that was overwritten before is read as
+//          it is by then. So RGB pixels at the end of the destination are widened in place.
 // Returns: 0.
 // Errors:  ends the process through a fatal log line, before any byte is written, unless
 //          src_len % 3 == 0 and dst_len / 4 >= src_len / 3.

@@ -31,8 +31,9 @@ struct VideoParams {
 // Errors:  none are reported and nothing is thrown. Bits missing from a truncated SPS read as 0;
 //          values out of range are used as they are.
 // Threads: reentrant.
-// Cost:    scans up to the SPS at memory speed, or the whole buffer when there is none; then time
-//          linear in the bits of the SPS. No allocation unless verbose logging is on.
+// Cost:    scans up to the SPS at memory speed, or the whole buffer when there is none; then the
+//          SPS is read bit by bit. A damaged one may make that linear in the bytes from the SPS to
+//          the end of the buffer. No allocation unless verbose logging is on.
 QXTOOLS_EXPORT VideoParams ParseH264Params(const char* data, std::size_t size);
 
 // The same for H.265, with these differences.

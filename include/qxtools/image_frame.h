@@ -86,13 +86,15 @@ class QXTOOLS_EXPORT ImageFrameImpl : public ImageFrame {
 
   // Describes memory of the caller's own.
   //
-  // Inputs:  data      height x width x channels bytes, row by row, channels of a pixel adjacent.
-  //                    For the 4:2:0 formats height x width x 3 / 2 bytes, height and width even
-  //                    and channels 1.
+  // Inputs:  data      height x width x channels values, row by row, channels of a pixel adjacent;
+  //                    one byte a value, two for kQXPixelFormatGray16. For the 4:2:0 formats
+  //                    height x width x 3 / 2 bytes, height and width even and channels 1.
+  //          channels  as Channel() reports them: 1 for grey pictures, 3 or 4 for coloured ones.
   //          holder    optional owner of `data`, released with the frame. Without one the caller
   //                    keeps `data` alive for as long as the frame.
-  // Returns: the frame; empty when the size does not fit the 32 bits of DataSize(), when an odd
-  //          4:2:0 size is asked for, or when `data` is null although the size is not zero.
+  // Returns: the frame; empty when the size in bytes does not fit the 32 bits of DataSize(), when a
+  //          4:2:0 picture has an odd height or width or other than 1 channel, or when `data` is
+  //          null although the size is not zero.
   [[nodiscard]] static std::shared_ptr<ImageFrameImpl> Create(
       QXPixelFormat format, std::uint8_t* data, std::uint32_t height, std::uint32_t width,
       std::uint32_t channels, std::shared_ptr<void> holder = nullptr);

@@ -25,7 +25,7 @@ void CopyRows(const Rows& dst, const Rows& src, std::size_t bytes, std::size_t c
   const Plain* plain = copy_func.target<Plain>();
   if (plain != nullptr && *plain == &MemcpyFunc) {
     for (std::size_t row = 0; row < count && bytes != 0; ++row) {
-      std::memcpy(dst.base + row * dst.pitch, src.base + row * src.pitch, bytes);
+      std::memmove(dst.base + row * dst.pitch, src.base + row * src.pitch, bytes);
     }
     return;
   }
@@ -47,7 +47,7 @@ void MemcpyFunc(void* dst, std::size_t dst_size, void* src, std::size_t src_size
     LOG(ERROR) << "dst_size >= src_size";
     return;
   }
-  if (src_size != 0) std::memcpy(dst, src, src_size);
+  if (src_size != 0) std::memmove(dst, src, src_size);
 }
 
 int CopyImage(void* dst, std::size_t dst_w_stride, std::size_t dst_h_stride, void* src,

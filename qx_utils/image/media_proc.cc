@@ -31,8 +31,10 @@ class FactorySlot {
   std::shared_ptr<const MediaProcFactory> factory_;
 };
 
+// Never destroyed: front ends may run while the process ends, on threads that main() does not wait
+// for and in destructors of static objects.
 FactorySlot& InstalledFactory() {
-  static FactorySlot slot;
+  static FactorySlot& slot = *new FactorySlot;
   return slot;
 }
 

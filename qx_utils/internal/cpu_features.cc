@@ -16,9 +16,22 @@ namespace utils {
 namespace internal {
 namespace {
 
-std::string NamesOf(const std::vector<Isa>& isas, std::uint32_t supported) {
+#if defined(__x86_64__)
+constexpr Isa kIsas[] = {{"avx512vbmi", kCpuAvx512Vbmi | kCpuAvx512Vnni | kCpuAvx2 | kCpuSsse3},
+                         {"avx512vnni", kCpuAvx512Vnni | kCpuAvx2 | kCpuSsse3},
+                         {"avx2", kCpuAvx2 | kCpuSsse3},
+                         {"ssse3", kCpuSsse3},
+                         {"scalar", 0}};
+#elif defined(__aarch64__)
+constexpr Isa kIsas[] = {
+    {"neon_dotprod", kCpuNeonDotprod | kCpuNeon}, {"neon", kCpuNeon}, {"scalar", 0}};
+#else
+constexpr Isa kIsas[] = {{"scalar", 0}};
+#endif
+
+std::string NamesOf(std::uint32_t supported) {
   std::string names;
-  for (const Isa& isa : isas) {
+  for (const Isa& isa : CompiledIsas()) {
     if ((isa.features & ~supported) == 0)
       names += std::string(names.empty() ? "" : ", ") + isa.name;
   }
@@ -27,41 +40,25 @@ std::string NamesOf(const std::vector<Isa>& isas, std::uint32_t supported) {
 
 }  // namespace
 
-#if defined(__x86_64__)
+IsaTable CompiledIsas() { return {kIsas, sizeof(kIsas) / sizeof(kIsas[0])}; }
 
-const std::vector<Isa>& CompiledIsas() {
-  static const std::vector<Isa> isas = {
-      {"avx512vbmi", kCpuAvx512Vbmi | kCpuAvx512Vnni | kCpuAvx2 | kCpuSsse3},
-      {"avx512vnni", kCpuAvx512Vnni | kCpuAvx2 | kCpuSsse3},
-      {"avx2", kCpuAvx2 | kCpuSsse3},
-      {"ssse3", kCpuSsse3},
-      {"scalar", 0}};
-  return isas;
-}
+#if defined(__x86_64__)
 
 std::uint32_t SupportedFeatures() {
   // These builtins ask the operating system too: wide registers count only when it saves them.
   std::uint32_t features = 0;
   if (__builtin_cpu_supports("ssse3")) features |= kCpuSsse3;
   if (__builtin_cpu_supports("avx2")) features |= kCpuAvx2;
-  if (__builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw") &&
-      __builtin_cpu_supports("avx512vl") && __builtin_cpu_supports("avx512vnni")) {
+  if (!__builtin_cpu_supports("avx512f") || !__builtin_cpu_supports("avx512bw")) return features;
+  if (__builtin_cpu_supports("avx512dq") && __builtin_cpu_supports("avx512vl") &&
+      __builtin_cpu_supports("avx512vnni")) {
     features |= kCpuAvx512Vnni;
   }
-  if (__builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw") &&
-      __builtin_cpu_supports("avx512vbmi")) {
-    features |= kCpuAvx512Vbmi;
-  }
+  if (__builtin_cpu_supports("avx512vbmi")) features |= kCpuAvx512Vbmi;
   return features;
 }
 
 #elif defined(__aarch64__)
-
-const std::vector<Isa>& CompiledIsas() {
-  static const std::vector<Isa> isas = {
-      {"neon_dotprod", kCpuNeonDotprod | kCpuNeon}, {"neon", kCpuNeon}, {"scalar", 0}};
-  return isas;
-}
 
 std::uint32_t SupportedFeatures() {
   // Bits of the kernel's interface.
@@ -75,11 +72,6 @@ std::uint32_t SupportedFeatures() {
 
 #else
 
-const std::vector<Isa>& CompiledIsas() {
-  static const std::vector<Isa> isas = {{"scalar", 0}};
-  return isas;
-}
-
 std::uint32_t SupportedFeatures() { return 0; }
 
 #endif
@@ -90,11 +82,11 @@ std::uint32_t ChooseFeatures(const char* forced, std::uint32_t supported) {
     if (std::string(forced) != isa.name) continue;
     if ((isa.features & ~supported) == 0) return isa.features;
     LOG(ERROR) << "QXTOOLS_FORCE_ISA=" << forced << " is ignored: this processor does not have it"
-               << "; it has " << NamesOf(CompiledIsas(), supported);
+               << "; it has " << NamesOf(supported);
     return supported;
   }
   LOG(ERROR) << "QXTOOLS_FORCE_ISA=" << forced << " is ignored: no such instruction set here"
-             << "; use one of " << NamesOf(CompiledIsas(), supported);
+             << "; use one of " << NamesOf(supported);
   return supported;
 }
 

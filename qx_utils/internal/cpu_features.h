@@ -7,7 +7,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <vector>
 
 namespace qx {
 namespace utils {
@@ -15,7 +14,7 @@ namespace internal {
 
 enum CpuFeature : std::uint32_t {
   kCpuAvx2 = 1U << 0,
-  kCpuAvx512Vnni = 1U << 1,  // AVX-512 F, BW, VL and VNNI
+  kCpuAvx512Vnni = 1U << 1,  // AVX-512 F, BW, DQ, VL and VNNI
   kCpuNeon = 1U << 2,
   kCpuNeonDotprod = 1U << 3,  // SDOT
   kCpuSsse3 = 1U << 4,
@@ -28,8 +27,17 @@ struct Isa {
   std::uint32_t features;
 };
 
+// Constants of the program, which also code that runs after main() may read.
+struct IsaTable {
+  const Isa* first;
+  std::size_t count;
+
+  const Isa* begin() const { return first; }
+  const Isa* end() const { return first + count; }
+};
+
 // The instruction sets that this build has code for, best first, `scalar` last.
-const std::vector<Isa>& CompiledIsas();
+IsaTable CompiledIsas();
 
 // Features of this processor that the operating system has switched on.
 std::uint32_t SupportedFeatures();
