@@ -1,15 +1,12 @@
 // The demuxer against RTSP servers that play, die, freeze or misbehave at each stage.
 #include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <chrono>
 #include <ostream>
-#include <stdexcept>
 #include <thread>
-#include <utility>
 
 #include "qxtools/ffmpeg_demuxer.h"
+#include "tests/testing/rtsp_peer.h"
 #include "tests/testing/test.h"
 
 namespace qx {
@@ -21,64 +18,9 @@ using std::chrono::milliseconds;
 using std::chrono::seconds;
 using std::chrono::steady_clock;
 
+using qx::testing::RtspPeer;
+
 const std::string kClips = QXTOOLS_CLIPS_DIR "/";
-constexpr int kNotInstalled = 77;
-
-// testing/rtsp_server.py in a process of its own, which ends with this object.
-class Server {
- public:
-  explicit Server(std::vector<std::string> arguments) {
-    arguments.insert(arguments.begin(), QXTOOLS_RTSP_SERVER);
-    std::vector<char*> argv;
-    argv.reserve(arguments.size() + 1);
-    for (std::string& argument : arguments) argv.push_back(&argument[0]);
-    argv.push_back(nullptr);
-    int input[2];
-    int output[2];
-    if (pipe(input) != 0 || pipe(output) != 0) throw std::runtime_error("no pipes");
-    pid_ = fork();
-    if (pid_ == 0) {
-      dup2(input[0], STDIN_FILENO);
-      dup2(output[1], STDOUT_FILENO);
-      for (const int fd : {input[0], input[1], output[0], output[1]}) close(fd);
-      execv(argv[0], argv.data());
-      _exit(127);
-    }
-    close(input[0]);
-    close(output[1]);
-    input_ = input[1];
-    for (char c = 0; read(output[0], &c, 1) == 1 && c != '\n';) port_ += c;
-    close(output[0]);
-  }
-  Server(const Server&) = delete;
-  Server& operator=(const Server&) = delete;
-  ~Server() {
-    close(input_);
-    if (pid_ <= 0) return;
-    Signal(SIGKILL);
-    waitpid(pid_, nullptr, 0);
-  }
-
-  void Signal(int number) const { kill(pid_, number); }
-  bool started() const { return !port_.empty(); }
-  bool Missing() {
-    int status = 0;
-    waitpid(std::exchange(pid_, 0), &status, 0);
-    return WIFEXITED(status) && WEXITSTATUS(status) == kNotInstalled;
-  }
-  std::string url() const { return "rtsp://127.0.0.1:" + port_ + "/cam"; }
-
- private:
-  pid_t pid_ = 0;
-  int input_ = -1;
-  std::string port_;
-};
-
-#define START_OR_SKIP(server)                                                    \
-  if (!(server).started()) {                                                     \
-    ASSERT_TRUE((server).Missing()) << "the RTSP server does not start";         \
-    GTEST_SKIP() << "python3-gi or gir1.2-gst-rtsp-server-1.0 is not installed"; \
-  }
 
 struct Fault {
   const char *stage, *action;
@@ -90,7 +32,7 @@ void PrintTo(const Fault& fault, std::ostream* out) { *out << fault.stage << ' '
 class RtspFault : public ::testing::TestWithParam<Fault> {};
 
 TEST_P(RtspFault, ComesBackInTimeAndOpensAgain) {
-  const Server server({"fault", GetParam().stage, GetParam().action});
+  const RtspPeer server({"rtsp_server.py", "fault", GetParam().stage, GetParam().action});
   ASSERT_TRUE(server.started());
   FfmpegDemuxer demuxer;
   auto begin = steady_clock::now();
@@ -132,7 +74,7 @@ INSTANTIATE_TEST_SUITE_P(
     [](const auto& info) { return std::string(info.param.stage) + "_" + info.param.action; });
 
 TEST(Rtsp, PlaysTheVideoAndSkipsTheAudioBeforeIt) {
-  Server server({"serve", kClips + "left.h264", "--audio"});
+  RtspPeer server({"rtsp_server.py", "serve", kClips + "left.h264", "--audio"});
   START_OR_SKIP(server);
   FfmpegDemuxer demuxer;
   const LogCapture log;
@@ -148,7 +90,7 @@ TEST(Rtsp, PlaysTheVideoAndSkipsTheAudioBeforeIt) {
 
 // Reads until the server that got `signal` in mid-stream is noticed, then opens another input.
 void ExpectNoticed(int signal, DemuxerFault fault) {
-  Server server({"serve", kClips + "left.h264"});
+  RtspPeer server({"rtsp_server.py", "serve", kClips + "left.h264"});
   START_OR_SKIP(server);
   FfmpegDemuxer demuxer;
   ASSERT_EQ(demuxer.Open(server.url(), {}), 0);
@@ -173,7 +115,7 @@ TEST(Rtsp, NobodyListens) {
 }
 
 TEST(Rtsp, TimeLimitAndCancelEndAWait) {
-  const Server server({"fault", "describe", "silent"});
+  const RtspPeer server({"rtsp_server.py", "fault", "describe", "silent"});
   ASSERT_TRUE(server.started());
   FfmpegDemuxer demuxer;
   demuxer.SetTimeLimit(milliseconds(300));

@@ -86,6 +86,10 @@ class QXTOOLS_EXPORT FfmpegDemuxer : public Demuxer {
   // Cost:    within 10 s for RTSP, whatever the camera does.
   std::shared_ptr<StreamPacket> ReadFrame() override;
 
+  // Closes the input; nothing is open then. Open() closes the present input only after the new one
+  // was opened: a camera that serves one session at a time has to be closed before.
+  void Close();
+
   // Opens and probes `url`. Returns: the input, closed with the last copy of the pointer; it may
   // outlive the demuxer. Empty on failure, with the reason in the log at ERROR.
   std::shared_ptr<AVFormatContext> CreateFormatContext(std::string url);

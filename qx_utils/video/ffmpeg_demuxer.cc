@@ -97,6 +97,8 @@ int FfmpegDemuxer::Open(const std::string& url, const Config& /*config*/) {
   return GetStreamInfo(avformat_cxt_, video_stream_index_);
 }
 
+void FfmpegDemuxer::Close() { avformat_cxt_.reset(); }
+
 std::shared_ptr<AVFormatContext> FfmpegDemuxer::CreateFormatContext(std::string url) {
   const InputWatch::Call call(*watch_, IfRtsp(url.c_str(), kRtspOpenLimit));
   internal::FfmpegPtr<AVFormatContext> context = OpenInput(url, *watch_);
