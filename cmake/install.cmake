@@ -1,10 +1,10 @@
 # What `cmake --install` puts where, in three components: runtime, development, command.
 include(CMakePackageConfigHelpers)
+option(QXTOOLS_DEBIAN "Install as the Debian packages do, for scripts/build-packages.sh" OFF)
 
 install(TARGETS qxtools EXPORT qxtoolsTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
           COMPONENT runtime NAMELINK_COMPONENT development)
-install(TARGETS qxtools_command RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT command)
 install(DIRECTORY include/qxtools DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT development
         FILES_MATCHING PATTERN "*.h")
 
@@ -25,6 +25,26 @@ configure_file(cmake/qxtools.pc.in ${PROJECT_BINARY_DIR}/qxtools.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/qxtools.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig
         COMPONENT development)
 
+# The documents that headers refer to, and the examples.
+set(QXTOOLS_DOC_DIR ${CMAKE_INSTALL_DATADIR}/doc/qxtools)
+if(QXTOOLS_DEBIAN)
+  set(QXTOOLS_DOC_DIR ${CMAKE_INSTALL_DATADIR}/doc/libqxtools-dev)
+endif()
+install(DIRECTORY examples docs DESTINATION ${QXTOOLS_DOC_DIR} COMPONENT development
+        FILES_MATCHING PATTERN "*.cc" PATTERN "CMakeLists.txt" PATTERN "*.md" PATTERN "*.jpg")
+
+if(NOT QXTOOLS_BUILD_TOOLS)
+  return()
+endif()
+
+# The command finds the library from where it lies itself, so that a prefix can be moved. A package
+# installs both where the system looks.
+if(NOT QXTOOLS_DEBIAN AND NOT DEFINED CMAKE_INSTALL_RPATH)
+  file(RELATIVE_PATH libraries_from_programs
+       ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR})
+  set_target_properties(qxtools_command PROPERTIES INSTALL_RPATH "$ORIGIN/${libraries_from_programs}")
+endif()
+install(TARGETS qxtools_command RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT command)
 install(FILES tools/completion/qxtools DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions
         COMPONENT command)
 

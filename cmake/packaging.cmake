@@ -1,5 +1,8 @@
-# The Debian packages: `cpack` in a build folder configured with the prefix /usr makes
-# libqxtools1, libqxtools-dev and qxtools. scripts/build-packages.sh does all of it.
+# The Debian packages: `cpack` in a build folder configured with QXTOOLS_DEBIAN and the prefix /usr
+# makes libqxtools1, libqxtools-dev and qxtools. scripts/build-packages.sh does all of it.
+if(NOT QXTOOLS_DEBIAN)
+  return()
+endif()
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME qxtools)
 set(CPACK_PACKAGE_CONTACT "qxtools maintainers <maintainers@qxtools.invalid>")
@@ -37,6 +40,9 @@ find the library.")
 
 set(CPACK_DEBIAN_COMMAND_PACKAGE_NAME qxtools)
 set(CPACK_DEBIAN_COMMAND_PACKAGE_SECTION video)
+# The libraries of other packages are found by themselves; the one of this build is not.
+set(CPACK_DEBIAN_COMMAND_PACKAGE_DEPENDS
+  "libqxtools${PROJECT_VERSION_MAJOR} (= ${PROJECT_VERSION})")
 set(CPACK_COMPONENT_COMMAND_DESCRIPTION
 "camera-based vision for robots - command-line tool
 Probes and decodes camera streams and turns a stereo pair of them into

@@ -20,5 +20,7 @@ if(CMAKE_CXX_COMPILER_ID STREQUAL GNU AND CMAKE_CXX_COMPILER_VERSION VERSION_GRE
    AND CMAKE_SYSTEM_PROCESSOR STREQUAL x86_64)
   project_test(abi "clang++-14" check-abi.sh $<TARGET_FILE:qxtools>)
 endif()
-project_test(consumer "g++;clang++-14;pkg-config" check-consumer.sh ${PROJECT_BINARY_DIR})
+if(QXTOOLS_BUILD_TOOLS)
+  project_test(consumer "g++;clang++-14;pkg-config" check-consumer.sh ${PROJECT_BINARY_DIR})
+endif()
 project_test(docs doxygen check-docs.sh ${PROJECT_BINARY_DIR}/Doxyfile)

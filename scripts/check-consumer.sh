@@ -1,14 +1,23 @@
 #!/usr/bin/env bash
-# Installs a build into a folder of its own and uses it as somebody else's project would: through
-# CMake and through pkg-config; and compiles each public header alone.
+# Installs a build into a folder of its own, moves the folder and uses it as somebody else would: runs
+# the command, compiles each public header alone, and builds a program through CMake and through
+# pkg-config, and the examples. The same program takes the sources in as a subproject, without the
+# libraries that only the command and the tests need.
 #
 # usage: check-consumer.sh BUILD_DIR
 . "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 
 build=$(cd "${1:?usage: check-consumer.sh BUILD_DIR}" && pwd)
 stage=$build/stage
-rm -rf "$stage"
-cmake --install "$build" --prefix "$stage" >/dev/null
+rm -rf "$stage" "$stage.before"
+cmake --install "$build" --prefix "$stage.before" >/dev/null
+mv "$stage.before" "$stage"
+
+# The installed command once found its library in the system's folders alone.
+env -u LD_LIBRARY_PATH "$stage/bin/qxtools" --version || die "the installed command does not start"
+if find "$stage" -path '*lintian*' -o -name copyright | grep .; then
+  die "the files above belong into a Debian package"
+fi
 
 check_header() {
   local header=$1 compiler standard
@@ -31,14 +40,27 @@ for header in "$stage"/include/qxtools/*.h; do
 done
 [ "$count" -gt 0 ] || die "no public headers were installed"
 
-run() { LD_LIBRARY_PATH=$(dirname "$(find "$stage" -name libqxtools.so)") "$1"; }
-rm -rf "$build/consumer"
-cmake -S tests/consumer -B "$build/consumer" -G Ninja -DCMAKE_PREFIX_PATH="$stage" >/dev/null
-cmake --build "$build/consumer" >/dev/null
-run "$build/consumer/consumer"
+# build_consumer FOLDER OPTION...: builds and runs tests/consumer.
+build_consumer() {
+  rm -rf "$1"
+  cmake -S tests/consumer -B "$1" -G Ninja "${@:2}" >"$1.log" || { tail -n 20 "$1.log" >&2; die "$1"; }
+  cmake --build "$1" >"$1.log" || { tail -n 20 "$1.log" >&2; die "$1 was not built"; }
+  "$1/consumer"
+}
+build_consumer "$build/consumer" -DCMAKE_PREFIX_PATH="$stage"
 
 export PKG_CONFIG_PATH=$(dirname "$(find "$stage" -name qxtools.pc)")
 # shellcheck disable=SC2046
 g++ -std=c++17 tests/consumer/main.cc $(pkg-config --cflags --libs qxtools) -o "$build/consumer/by-pkg-config"
-run "$build/consumer/by-pkg-config"
-echo "consumer: $count headers alone, and the library through CMake and pkg-config"
+LD_LIBRARY_PATH=$(pkg-config --variable=libdir qxtools) "$build/consumer/by-pkg-config"
+
+# Without an input the examples' tests that read one stay away.
+examples=$build/consumer/examples
+cmake -S "$stage/share/doc/qxtools/examples" -B "$examples" -G Ninja -DCMAKE_PREFIX_PATH="$stage" >/dev/null
+cmake --build "$examples" >/dev/null
+(cd "$examples" && ctest --output-on-failure --no-tests=error >/dev/null) || die "the examples' tests failed"
+
+absent=()
+for package in CLI11 nlohmann_json PNG GTest; do absent+=("-DCMAKE_DISABLE_FIND_PACKAGE_$package=ON"); done
+build_consumer "$build/subproject" -DQXTOOLS_SOURCES="$project" "${absent[@]}"
+echo "consumer: the command, $count headers alone, and the library through CMake, pkg-config and as a subproject"

@@ -37,7 +37,9 @@ struct Container {
 // Where the registers of the unit are: its page; offsets count from the start of the page.
 inline std::uint64_t PageOf(std::uint64_t address) { return address & ~(kPageBytes - 1); }
 
-// Throws std::runtime_error that says which part is wrong.
+// Throws std::runtime_error that says which part is wrong. ReadContainer() reads the text, without
+// a look at whether the values fit together; ParseContainer() does both.
+Container ReadContainer(const std::string& text);
 Container ParseContainer(const std::string& text);
 Container BuiltInContainer(const emulated_board::Geometry& geometry);
 

@@ -1,0 +1,16 @@
+// Stands for the reader of container files where this build has none.
+#include <stdexcept>
+
+#include "platform/emulated/container.h"
+
+namespace qx {
+namespace platform {
+
+Container ReadContainer(const std::string& /*text*/) {
+  throw std::runtime_error(
+      "this build reads no container files: the library was configured without "
+      "QXTOOLS_CONTAINER_FILES");
+}
+
+}  // namespace platform
+}  // namespace qx
