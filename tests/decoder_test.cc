@@ -1,10 +1,14 @@
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <set>
 #include <tuple>
 #include <typeinfo>
 
 #include "qx_utils/ffmpeg_video_decoder/decoded_frame.h"
 #include "qx_utils/ffmpeg_video_decoder/pixel_format.h"
+#include "qx_utils/internal/stream_packet.h"
 #include "tests/testing/decoding.h"
 #include "tests/testing/test.h"
 
@@ -43,27 +47,74 @@ std::string FfmpegsOutput(const std::string& clip) {
   return output;
 }
 
+struct Setting {
+  const char* name;
+  int depth;
+  DecodeThreads threads;
+  int thread_count;
+};
+constexpr Setting kSettings[] = {{"least delay", 0, kDecodeOneThread, 1},
+                                 {"every picture", kMaxReorderDepth, kDecodeOneThread, 1},
+                                 {"slices", 0, kDecodeSliceThreads, 3},
+                                 {"pictures", kMaxReorderDepth, kDecodePictureThreads, 3}};
+
+// Times and key pictures, in the order of the times. Raw streams have none and keep their order.
+using Moments = std::vector<std::tuple<std::int64_t, int, int, bool>>;
+
+Moments MomentsOf(const std::vector<testing::PacketPtr>& packets) {
+  Moments moments;
+  for (const auto& packet : packets) {
+    const auto times = *video::PacketTimesOf(packet);
+    moments.emplace_back(times.presentation, times.time_base_num, times.time_base_den, times.key);
+  }
+  std::stable_sort(moments.begin(), moments.end(), [](const auto& one, const auto& other) {
+    return std::get<0>(one) < std::get<0>(other);
+  });
+  return moments;
+}
+
+Moments MomentsOf(const std::vector<FramePtr>& frames) {
+  Moments moments;
+  for (const FramePtr& frame : frames) {
+    const FrameLayout& layout = *LayoutOf(frame);
+    moments.emplace_back(layout.presentation_time, layout.time_base_num, layout.time_base_den,
+                         layout.key);
+    EXPECT_FALSE(layout.damaged || layout.discontinuity);
+    EXPECT_EQ(layout.wall_clock_us, video::kNoTime);
+  }
+  return moments;
+}
+
 class DecodeClip : public ::testing::TestWithParam<const char*> {};
 
-TEST_P(DecodeClip, GivesFfmpegsPicturesInOrderWithTheirPointers) {
+TEST_P(DecodeClip, GivesFfmpegsPicturesInOrderWithTheirPointersAndTimes) {
   if (FfmpegScales() && GetParam() == std::string("size_change.h264")) {
     GTEST_SKIP() << "this ffmpeg command scales, and so shows other pictures";
   }
   const auto packets = ReadPackets(GetParam());
   const std::string expected = FfmpegsOutput(GetParam());
-  for (const int depth : {0, kMaxReorderDepth}) {
+  for (const Setting& setting : kSettings) {
+    SCOPED_TRACE(setting.name);
     Receiver receiver;
-    auto decoder = OpenDecoder(receiver.Callback());
-    ASSERT_EQ(decoder->SetReorderDepth(depth), 0);
+    auto decoder = CreateFfmpegDecoder();
+    ASSERT_EQ(decoder->SetThreads(setting.threads, setting.thread_count), 0);
+    ASSERT_EQ(decoder->Init(), 0);
+    decoder->SetCallback(receiver.Callback());
+    ASSERT_EQ(decoder->SetReorderDepth(setting.depth), 0);
     std::vector<void*> tags = SendAll(*decoder, packets);
-    tags.resize(tags.size() + Drain(*decoder));
-    EXPECT_THAT(tags, SizeIs(packets.size()));
-    const std::vector<FramePtr> frames = receiver.Wait(tags.size());
+    if (setting.threads == kDecodePictureThreads) {
+      EXPECT_THAT(tags, SizeIs(packets.size() - kMaxReorderDepth - 2)) << "the delay as promised";
+    }
+    tags.resize(packets.size());
+    EXPECT_EQ(decoder->Drain(nullptr), 0);
+    decoder->WaitUntilDelivered();
+    const std::vector<FramePtr> frames = receiver.Wait(0);
     decoder.reset();  // the frames live on
     EXPECT_EQ(receiver.Tags(), tags);
     std::string samples;
     for (const FramePtr& frame : frames) samples += testing::Samples(frame);
     EXPECT_TRUE(samples == expected) << samples.size() << " bytes for " << expected.size();
+    EXPECT_EQ(MomentsOf(frames), MomentsOf(packets));
   }
 }
 INSTANTIATE_TEST_SUITE_P(Clips, DecodeClip,
@@ -99,20 +150,36 @@ TEST(DecodedFrame, HasThreeFieldsAndALayout) {
   }
 }
 
-TEST(Decoder, RefusesOtherFormatsWithOneLineEach) {
-  for (const auto& [clip, name] :
-       {std::pair("chroma422.mp4", "yuv422p"), std::pair("bits10.mp4", "yuv420p10le")}) {
-    const auto decoder = OpenDecoder([](const FramePtr&, void*) { FAIL() << "delivered"; });
+// Each picture had a line once: 25 a second for as long as a camera ran.
+TEST(Decoder, RefusesOtherFormatsWithOneLineForEachChange) {
+  const auto decoder = OpenDecoder([](const FramePtr&, void*) {});
+  const LogCapture log;
+  for (const char* clip : {"chroma422.mp4", "bits10.mp4", "left.h264", "bits10.mp4"}) {
     const auto packets = ReadPackets(clip);
-    const LogCapture log;
     std::size_t refused = 0;
     for (const auto& packet : packets) {
       refused += decoder->SendFrame(packet, nullptr) == kDecodeUnsupportedFormat ? 1 : 0;
     }
-    EXPECT_EQ(refused + Drain(*decoder, kDecodeUnsupportedFormat), 6U);
-    EXPECT_THAT(log.Messages(google::ERROR),
-                AllOf(SizeIs(6), Each(HasSubstr(std::string("pixel format ") + name + " is"))));
+    refused += Drain(*decoder, kDecodeUnsupportedFormat);
+    EXPECT_EQ(refused, clip == std::string("left.h264") ? 0U : 6U);
   }
+  std::vector<std::string> refusals;
+  for (const std::string& line : log.Messages(google::ERROR)) {
+    if (line.rfind("decoded picture refused", 0) == 0) refusals.push_back(line);
+  }
+  EXPECT_THAT(refusals, ElementsAre(HasSubstr("format yuv422p is"), HasSubstr("yuv420p10le is"),
+                                    HasSubstr("yuv420p10le is")));
+}
+
+// Returns: the bytes in front of the first slice.
+std::uint64_t SizeUpToSlice(const video::StreamPacket& packet) {
+  std::uint64_t size = 0;
+  const auto is_slice = [&] {
+    const std::uint8_t* at = packet.data + size;
+    return at[0] == 0 && at[1] == 0 && at[2] == 1 && (at[3] & 0x1F) == 5;
+  };
+  while (!is_slice()) ++size;
+  return size - 1;  // its start code has four bytes
 }
 
 TEST(Decoder, TellsEveryOtherPacketApartAndGoesOn) {
@@ -120,7 +187,9 @@ TEST(Decoder, TellsEveryOtherPacketApartAndGoesOn) {
   std::vector<std::uint8_t> garbage(5000);
   for (std::size_t i = 0; i < garbage.size(); ++i) garbage[i] = std::uint8_t((i * i >> 3) & 0xFF);
   constexpr std::uint64_t kMax = std::numeric_limits<int>::max();
+  std::uint8_t headers[] = {0, 0, 0, 1, 0x09, 0xF0, 0, 0, 1, 0x0C, 0xFF, 0x80};
   const auto clip = ReadPackets("left.h264");
+  const std::uint64_t parameter_sets = SizeUpToSlice(*clip.front());
   const struct {
     const char* name;
     testing::PacketPtr packet;
@@ -133,6 +202,11 @@ TEST(Decoder, TellsEveryOtherPacketApartAndGoesOn) {
       {"size of 2^32 + 1", MakePacket(&byte, (1ULL << 32) + 1), kDecodeInvalidPacket},
       {"no room for padding", MakePacket(&byte, kMax), kDecodeFailed},
       {"garbage", MakePacket(garbage.data(), garbage.size()), kDecodeFailed},
+      // These were damaged payloads once.
+      {"access unit delimiter", MakePacket(headers, 6), kDecodeNoPicture},
+      {"filler", MakePacket(headers + 6, 6), kDecodeNoPicture},
+      {"both", MakePacket(headers, sizeof(headers)), kDecodeNoPicture},
+      {"parameter sets", MakePacket(clip.front()->data, parameter_sets), kDecodeNoPicture},
       {"H.265", ReadPackets("hevc.h265").front(), kDecodeFailed},
       {"drain", MakePacket(nullptr, 0), kDecodeEndOfStream},
   };
@@ -169,10 +243,95 @@ TEST(Decoder, StartsANewStreamAfterADrain) {
   EXPECT_EQ(SendAll(*decoder, packets).size(), queued) << "what was left of the drain is dropped";
 }
 
-TEST(Decoder, RefusesReorderDepthsThatDoNotExist) {
+TEST(Decoder, RefusesDepthsAndThreadsThatDoNotExist) {
   EXPECT_EQ(CreateFfmpegDecoder()->SetReorderDepth(1), kDecodeNotInitialised);
   const auto decoder = OpenDecoder();
-  for (const int depth : {-1, 16}) EXPECT_EQ(decoder->SetReorderDepth(depth), kDecodeFailed);
+  for (const int depth : {-1, 16}) EXPECT_EQ(decoder->SetReorderDepth(depth), kDecodeOutOfRange);
+  for (const int count : {-1, 0, kMaxDecodeThreads + 1}) {
+    EXPECT_EQ(decoder->SetThreads(kDecodeSliceThreads, count), kDecodeOutOfRange);
+  }
+  EXPECT_EQ(decoder->SetThreads(static_cast<DecodeThreads>(3), 1), kDecodeOutOfRange);
+}
+
+// Damaged pictures came out like good ones once.
+TEST(Decoder, MarksPicturesWithConcealedErrorsAndCorruptPackets) {
+  auto packets = ReadPackets("left.h264");
+  std::fill_n(packets[3]->data + packets[3]->size / 2, packets[3]->size / 4, std::uint8_t{0});
+  AVPacket corrupt;
+  internal::InitPacket(corrupt);
+  ASSERT_EQ(av_packet_ref(&corrupt, internal::WrappedPacket(packets[7])), 0);
+  corrupt.flags |= AV_PKT_FLAG_CORRUPT;
+  packets[7] = internal::WrapPacket(corrupt, video::kVideoCodecH264);
+  Receiver receiver;
+  const auto decoder = OpenDecoder(receiver.Callback());
+  EXPECT_THAT(SendAll(*decoder, packets), SizeIs(packets.size()));
+  std::vector<std::size_t> damaged;
+  const auto frames = receiver.Wait(packets.size());
+  for (std::size_t i = 0; i < frames.size(); ++i) {
+    if (LayoutOf(frames[i])->damaged) damaged.push_back(i);
+  }
+  EXPECT_THAT(damaged, ElementsAre(3, 7));
+}
+
+TEST(Decoder, HandsOnGapsAndWallClocksWithThePicturesBehindThem) {
+  auto packets = ReadPackets("bframes.mp4");  // shown in another order than stored
+  std::vector<std::int64_t> after_gap;        // presentation times
+  for (std::size_t i = 0; i < packets.size(); ++i) {
+    const auto times = *video::PacketTimesOf(packets[i]);
+    // The packets of a gap and of the next picture are lost to the decoder: one holds no slice.
+    const bool gap = i == 12;
+    AVPacket copy;
+    internal::InitPacket(copy);
+    ASSERT_EQ(av_packet_ref(&copy, internal::WrappedPacket(packets[i])), 0);
+    if (gap) copy.size = static_cast<int>(SizeUpToSlice(*packets[i]));
+    if (i > 12) after_gap.push_back(times.presentation);
+    packets[i] = internal::WrapPacket(copy, video::kVideoCodecH264,
+                                      {times.time_base_num, times.time_base_den, gap,
+                                       gap ? video::kNoTime : times.presentation + 1000});
+  }
+  Receiver receiver;
+  const auto decoder = OpenDecoder(receiver.Callback());
+  SendAll(*decoder, packets);
+  decoder->Drain(nullptr);
+  decoder->WaitUntilDelivered();
+  std::vector<std::int64_t> marked;
+  for (const FramePtr& frame : receiver.Wait(0)) {
+    const FrameLayout& layout = *LayoutOf(frame);
+    EXPECT_EQ(layout.wall_clock_us, layout.presentation_time + 1000);
+    if (layout.discontinuity) marked.push_back(layout.presentation_time);
+  }
+  EXPECT_THAT(marked, SizeIs(1));
+  EXPECT_THAT(after_gap, ::testing::Contains(marked.front()));
+}
+
+TEST(PicturePool, UsesBuffersAgainAndKeepsNoMoreThanWereInUseAtOnce) {
+  const auto pool = std::make_shared<PicturePool>();
+  const auto use = [&pool](std::size_t count, std::size_t bytes) {
+    std::vector<std::unique_ptr<PictureByte[]>> buffers(count);
+    for (auto& buffer : buffers) buffer.reset(new (pool) PictureByte[bytes]);
+    std::set<void*> addresses;
+    for (auto& buffer : buffers) {
+      std::memset(buffer.get(), 0xA5, bytes);
+      addresses.insert(buffer.get());
+    }
+    return addresses;
+  };
+  const std::set<void*> first = use(5, 1000);
+  EXPECT_EQ(pool->Kept(), 5U);
+  EXPECT_EQ(use(5, 1000), first);
+  for (std::size_t i = 0; i < 2 * PicturePool::kWindow; ++i) use(1, 1000);
+  EXPECT_EQ(pool->Kept(), 1U) << "what a slow consumer piled up is gone";
+  std::unique_ptr<PictureByte[]> old_size(new (pool) PictureByte[1000]);
+  use(2, 500);
+  EXPECT_EQ(pool->Kept(), 2U);
+  old_size.reset();
+  EXPECT_EQ(pool->Kept(), 2U) << "of the old size";
+  use(0, 500);
+  std::unique_ptr<PictureByte[]> last(new (pool) PictureByte[500]);
+  pool->Close();
+  EXPECT_EQ(pool->Kept(), 0U);
+  last.reset();
+  EXPECT_EQ(pool->Kept(), 0U);
 }
 
 // A picture whose planes hold their plane number + 1 in each sample and 0 in the padding.
@@ -180,6 +339,7 @@ struct SmallPicture {
   SmallPicture(AVPixelFormat format, int width, int height, const int (&pitches)[3])
       : frame(av_frame_alloc()) {
     frame->format = format;
+    frame->colorspace = AVCOL_SPC_BT709;
     frame->width = width;
     frame->height = height;
     for (int plane = 0; plane < 3; ++plane) {
@@ -209,24 +369,24 @@ TEST(CopyPicture, KeepsPitchesRoundsChromaDownAndRefusesWhatDoesNotFit) {
       {AV_PIX_FMT_NV12, 4, 2, {8, 16, 0}, kDecodeOk, kQXPixelFormatNV12, 32, "111111112222"},
       {AV_PIX_FMT_NV21, 2, 3, {2, 2, 0}, kDecodeOk, kQXPixelFormatNV21, 8, "11111122"},
       {AV_PIX_FMT_YUV420P, 4, 0, {4, 2, 2}, kDecodeOk, kQXPixelFormatYUV420P, 0, ""},
-      {AV_PIX_FMT_YUV420P, 4, 2, {-4, 2, 2}, kDecodePictureTooLarge, kNoFormat, 0, ""},
-      {AV_PIX_FMT_YUV420P, 4, 2, {4, 2, -2}, kDecodePictureTooLarge, kNoFormat, 0, ""},
-      {AV_PIX_FMT_YUV420P, 4, -2, {4, 2, 2}, kDecodePictureTooLarge, kNoFormat, 0, ""},
+      {AV_PIX_FMT_YUV420P, 4, 2, {-4, 2, 2}, kDecodeUnsupportedLayout, kNoFormat, 0, ""},
+      {AV_PIX_FMT_YUV420P, 4, 2, {4, 2, -2}, kDecodeUnsupportedLayout, kNoFormat, 0, ""},
+      {AV_PIX_FMT_YUV420P, 4, -2, {4, 2, 2}, kDecodeUnsupportedLayout, kNoFormat, 0, ""},
       {AV_PIX_FMT_YUV420P, 4, 2, {kBig, 2, 2}, kDecodePictureTooLarge, kNoFormat, 0, ""},
       {AV_PIX_FMT_YUV420P, 4, kBig, {kBig, kBig, kBig}, kDecodePictureTooLarge, kNoFormat, 0, ""},
       {AV_PIX_FMT_NONE, 4, 2, {4, 2, 2}, kDecodeUnsupportedFormat, kNoFormat, 0, ""},
       {AV_PIX_FMT_YUV444P, 4, 2, {4, 4, 4}, kDecodeUnsupportedFormat, kNoFormat, 0, ""},
   };
+  const auto pool = std::make_shared<PicturePool>();
   for (const auto& c : cases) {
     const SmallPicture picture(c.format, c.width, c.height, c.pitches);
-    const LogCapture log;
     FramePtr frame;
-    EXPECT_EQ(CopyPicture(*picture.frame, frame), c.status);
+    std::string refusal;
+    EXPECT_EQ(CopyPicture(*picture.frame, {}, pool, frame, refusal), c.status);
     ASSERT_EQ(frame != nullptr, c.status == kDecodeOk);
-    if (frame == nullptr) {
-      EXPECT_THAT(log.Messages(google::ERROR), ElementsAre(HasSubstr("decoded picture refused")));
-      continue;
-    }
+    EXPECT_EQ(refusal.rfind("decoded picture refused", 0) == 0, frame == nullptr) << refusal;
+    if (frame == nullptr) continue;
+    EXPECT_EQ(LayoutOf(frame)->matrix_coefficients, AVCOL_SPC_BT709);
     EXPECT_EQ(frame->pixel_format, c.result);
     EXPECT_EQ(frame->DataSize(), c.size);
     std::string samples = testing::Samples(frame);

@@ -2,12 +2,10 @@
 #pragma once
 
 #include <atomic>
-#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
 #include <mutex>
-#include <thread>
 #include <utility>
 
 namespace qx {
@@ -30,12 +28,6 @@ class BlockingQueue {
       awaited = waiting_ > 0;
     }
     if (awaited) not_empty_.notify_one();
-  }
-
-  // Waits for an element without sleeping, for `limit` at most.
-  void LookOut(std::chrono::steady_clock::duration limit) const {
-    const auto end = std::chrono::steady_clock::now() + limit;
-    while (Size() == 0 && std::chrono::steady_clock::now() < end) std::this_thread::yield();
   }
 
   // Returns: the oldest element, as soon as there is one.

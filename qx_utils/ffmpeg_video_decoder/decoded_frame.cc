@@ -1,11 +1,9 @@
 #include "qx_utils/ffmpeg_video_decoder/decoded_frame.h"
 
-#include <glog/logging.h>
-
 #include <cstdint>
 #include <cstring>
 #include <limits>
-#include <optional>
+#include <sstream>
 
 extern "C" {
 #include <libavutil/pixdesc.h>
@@ -30,7 +28,7 @@ struct DecodedFrameDeleter {
   FrameLayout layout;
 
   void operator()(ImageFrame* /*same as frame*/) const {
-    delete[] frame->Data();
+    delete[] reinterpret_cast<PictureByte*>(frame->Data());
     delete frame;
   }
 };
@@ -45,29 +43,54 @@ PlaneSize SizeOfPlane(const AVFrame& picture, std::uint32_t plane, std::uint32_t
   return {plane_count == 2 ? picture.width : picture.width / 2, picture.height / 2};
 }
 
-// The planes one after the other, each with the pitch it has in `picture`; `bytes` is their sum.
-// Nothing when a plane does not lie forwards in memory or the sum does not fit 31 bits.
-std::optional<FrameLayout> LayOut(const AVFrame& picture, std::uint32_t plane_count,
-                                  std::uint32_t& bytes) {
-  FrameLayout layout = {};
-  layout.width = static_cast<std::uint32_t>(picture.width);
-  layout.height = static_cast<std::uint32_t>(picture.height);
-  layout.plane_count = plane_count;
-  layout.full_range =
-      picture.format == AV_PIX_FMT_YUVJ420P || picture.color_range == AVCOL_RANGE_JPEG;
+// Lays the planes one after the other, each with the pitch it has in `picture`; `bytes` is their
+// sum. Returns: kDecodeOk, or kDecodeUnsupportedLayout when the rows of a plane do not lie forwards
+// in memory, or kDecodePictureTooLarge when the sum does not fit 31 bits.
+DecodeStatus LayOut(const AVFrame& picture, FrameLayout& layout, std::uint32_t& bytes) {
   std::int64_t end = 0;
-  for (std::uint32_t plane = 0; plane < plane_count; ++plane) {
-    const PlaneSize size = SizeOfPlane(picture, plane, plane_count);
+  for (std::uint32_t plane = 0; plane < layout.plane_count; ++plane) {
+    const PlaneSize size = SizeOfPlane(picture, plane, layout.plane_count);
     const std::int64_t pitch = picture.linesize[plane];
-    if (size.rows < 0 || pitch < size.row_bytes) return std::nullopt;
+    if (size.rows < 0 || pitch < size.row_bytes) return kDecodeUnsupportedLayout;
     layout.planes[plane] = {static_cast<std::uint32_t>(end), static_cast<std::uint32_t>(pitch),
                             static_cast<std::uint32_t>(size.row_bytes),
                             static_cast<std::uint32_t>(size.rows)};
     end += pitch * size.rows;
-    if (end > std::numeric_limits<std::int32_t>::max()) return std::nullopt;
+    if (end > std::numeric_limits<std::int32_t>::max()) return kDecodePictureTooLarge;
   }
   bytes = static_cast<std::uint32_t>(end);
+  return kDecodeOk;
+}
+
+// Returns: all of the layout but the planes.
+FrameLayout Describe(const AVFrame& picture, const SentPacket& packet) {
+  FrameLayout layout = {};
+  layout.width = static_cast<std::uint32_t>(picture.width);
+  layout.height = static_cast<std::uint32_t>(picture.height);
+  layout.full_range =
+      picture.format == AV_PIX_FMT_YUVJ420P || picture.color_range == AVCOL_RANGE_JPEG;
+  layout.presentation_time = packet.times.presentation;
+  layout.time_base_num = packet.times.time_base_num;
+  layout.time_base_den = packet.times.time_base_den;
+  layout.key = internal::IsKeyPicture(picture);
+  layout.damaged = packet.corrupt || picture.decode_error_flags != 0 ||
+                   (picture.flags & AV_FRAME_FLAG_CORRUPT) != 0;
+  layout.discontinuity = packet.times.discontinuity;
+  layout.wall_clock_us = packet.times.wall_clock_us;
+  layout.matrix_coefficients = static_cast<std::uint8_t>(picture.colorspace);
   return layout;
+}
+
+// Returns: a frame with room for `bytes`, which go back to `pool` with it.
+std::shared_ptr<ImageFrame> MakeFrame(const FrameLayout& layout, QXPixelFormat format,
+                                      std::uint32_t bytes,
+                                      const std::shared_ptr<PicturePool>& pool) {
+  auto decoded = std::make_unique<ImageFrameImpl>();
+  decoded->pixel_format = format;
+  std::unique_ptr<PictureByte[]> data(new (pool) PictureByte[bytes]);
+  ImageFrameFields::SetData(*decoded, reinterpret_cast<std::uint8_t*>(data.release()), bytes);
+  ImageFrameImpl* const raw = decoded.release();
+  return {static_cast<ImageFrame*>(raw), DecodedFrameDeleter{raw, layout}};
 }
 
 void CopyPlane(const FrameLayout::Plane& plane, const std::uint8_t* from, std::uint8_t* to) {
@@ -76,34 +99,42 @@ void CopyPlane(const FrameLayout::Plane& plane, const std::uint8_t* from, std::u
   }
 }
 
+std::string RefusedFormat(AVPixelFormat format) {
+  const char* name = av_get_pix_fmt_name(format);
+  return std::string("decoded picture refused: pixel format ") + (name != nullptr ? name : "none") +
+         " is not 8-bit 4:2:0";
+}
+
+std::string RefusedSize(const AVFrame& picture) {
+  std::ostringstream line;
+  line << "decoded picture refused: " << picture.width << " x " << picture.height
+       << " pixels with line sizes " << picture.linesize[0] << ", " << picture.linesize[1] << ", "
+       << picture.linesize[2] << " do not fit a frame";
+  return line.str();
+}
+
 }  // namespace
 
-DecodeStatus CopyPicture(const AVFrame& picture, std::shared_ptr<ImageFrame>& frame) {
+DecodeStatus CopyPicture(const AVFrame& picture, const SentPacket& packet,
+                         const std::shared_ptr<PicturePool>& pool,
+                         std::shared_ptr<ImageFrame>& frame, std::string& refusal) {
   const auto picture_format = static_cast<AVPixelFormat>(picture.format);
   const AVPixelFormat av_format = WithoutColourRange(picture_format);
   if (av_format == AV_PIX_FMT_NONE) {
-    const char* name = av_get_pix_fmt_name(picture_format);
-    LOG(ERROR) << "decoded picture refused: pixel format " << (name != nullptr ? name : "none")
-               << " is not 8-bit 4:2:0";
+    refusal = RefusedFormat(picture_format);
     return kDecodeUnsupportedFormat;
   }
+  FrameLayout layout = Describe(picture, packet);
+  layout.plane_count = av_format == AV_PIX_FMT_YUV420P ? 3 : 2;
   std::uint32_t bytes = 0;
-  const auto layout = LayOut(picture, av_format == AV_PIX_FMT_YUV420P ? 3 : 2, bytes);
-  if (!layout) {
-    LOG(ERROR) << "decoded picture refused: " << picture.width << " x " << picture.height
-               << " pixels with line sizes " << picture.linesize[0] << ", " << picture.linesize[1]
-               << ", " << picture.linesize[2] << " do not fit a frame";
-    return kDecodePictureTooLarge;
+  const DecodeStatus status = LayOut(picture, layout, bytes);
+  if (status != kDecodeOk) {
+    refusal = RefusedSize(picture);
+    return status;
   }
-  auto decoded = std::make_unique<ImageFrameImpl>();
-  decoded->pixel_format = ConvertAvPixelFormat(av_format);
-  // make_unique would fill the picture with zeros first.
-  std::unique_ptr<std::uint8_t[]> data(new std::uint8_t[bytes]);  // NOLINT(modernize-make-unique)
-  ImageFrameFields::SetData(*decoded, data.release(), bytes);
-  ImageFrameImpl* const raw = decoded.release();
-  frame.reset(static_cast<ImageFrame*>(raw), DecodedFrameDeleter{raw, *layout});
-  for (std::uint32_t plane = 0; plane < layout->plane_count; ++plane) {
-    CopyPlane(layout->planes[plane], picture.data[plane], raw->Data());
+  frame = MakeFrame(layout, ConvertAvPixelFormat(av_format), bytes, pool);
+  for (std::uint32_t plane = 0; plane < layout.plane_count; ++plane) {
+    CopyPlane(layout.planes[plane], picture.data[plane], frame->Data());
   }
   return kDecodeOk;
 }

@@ -2,7 +2,10 @@
 #pragma once
 
 #include <memory>
+#include <string>
 
+#include "qx_utils/ffmpeg_video_decoder/picture_pool.h"
+#include "qx_utils/ffmpeg_video_decoder/sent_packets.h"
 #include "qx_utils/internal/ffmpeg_handles.h"
 #include "qxtools/ffmpeg_video_decoder.h"
 
@@ -12,11 +15,17 @@ namespace ffmpeg {
 
 // Copies a picture of FFmpeg's into a new frame.
 //
-// Output:  frame  the copy, for which LayoutOf() knows the layout; unchanged on failure.
-// Returns: kDecodeOk, or kDecodeUnsupportedFormat or kDecodePictureTooLarge with one ERROR line.
+// Inputs:  packet   the one that the picture came in
+//          pool     gives the frame's bytes and gets them back
+// Output:  frame    the copy, for which LayoutOf() knows the layout; unchanged on failure.
+//          refusal  on failure a line for the log.
+// Returns: kDecodeOk, or kDecodeUnsupportedFormat, kDecodeUnsupportedLayout or
+//          kDecodePictureTooLarge.
 // Errors:  std::bad_alloc.
-[[nodiscard]] DecodeStatus CopyPicture(const AVFrame& picture,
-                                       std::shared_ptr<velkar::vision::ImageFrame>& frame);
+[[nodiscard]] DecodeStatus CopyPicture(const AVFrame& picture, const SentPacket& packet,
+                                       const std::shared_ptr<PicturePool>& pool,
+                                       std::shared_ptr<velkar::vision::ImageFrame>& frame,
+                                       std::string& refusal);
 
 }  // namespace ffmpeg
 }  // namespace utils

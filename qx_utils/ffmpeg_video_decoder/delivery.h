@@ -2,7 +2,8 @@
 #pragma once
 
 #include <atomic>
-#include <deque>
+#include <condition_variable>
+#include <cstdint>
 #include <memory>
 #include <mutex>
 #include <utility>
@@ -47,10 +48,35 @@ class CallbackSlot {
   Target target_;
 };
 
+// Counts frames that are done with.
+//
+// Threads: any thread may call any operation at any time.
+class DeliveryCount {
+ public:
+  void Add() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    ++count_;
+    grown_.notify_all();
+  }
+
+  // Returns when Add() was called `count` times in all.
+  void WaitFor(std::uint64_t count) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    grown_.wait(lock, [&] { return count_ >= count; });
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable grown_;
+  std::uint64_t count_ = 0;
+};
+
 struct Delivery {
   std::atomic<bool> stop{false};
   CallbackSlot callback;
   BlockingQueue<QueuedFrame> queue;
+  std::atomic<std::uint64_t> queued{0};  // frames pushed so far
+  DeliveryCount delivered;               // frames taken, handed to the callback and released
 };
 
 // Hands queued frames to the callback until `stop` is set. Touches nothing but its argument.

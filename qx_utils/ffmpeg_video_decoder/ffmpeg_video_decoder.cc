@@ -1,11 +1,15 @@
 #include "qxtools/ffmpeg_video_decoder.h"
 
+#include <glog/logging.h>
+
+#include <algorithm>
 #include <cstdio>
 #include <limits>
+#include <string>
 #include <utility>
 
 #include "qx_utils/ffmpeg_video_decoder/decoded_frame.h"
-#include "qx_utils/ffmpeg_video_decoder/delivery.h"
+#include "qx_utils/ffmpeg_video_decoder/decoder_state.h"
 #include "qx_utils/internal/ffmpeg_handles.h"
 
 namespace qx {
@@ -29,19 +33,41 @@ bool IsPayload(const StreamPacket& packet) {
 
 bool IsOpen(AVCodecContext* context) { return context != nullptr && avcodec_is_open(context) != 0; }
 
-// Gives the packet to FFmpeg, which copies the payload because the packet owns no buffer.
-DecodeStatus Submit(AVCodecContext* context, const StreamPacket& stream_packet) {
+bool DecodesPicturesAtOnce(const AVCodecContext& context) {
+  return context.active_thread_type == FF_THREAD_FRAME;
+}
+
+// Gives `packet` to FFmpeg, which copies the payload because the packet owns no buffer.
+// Returns: FFmpeg's code.
+int Submit(AVCodecContext* context, const AVPacket& packet) {
+  const int code = avcodec_send_packet(context, &packet);
+  if (code != AVERROR_EOF) return code;
+  if (packet.data == nullptr) return 0;  // draining already
+  avcodec_flush_buffers(context);        // a new stream after a drain
+  return avcodec_send_packet(context, &packet);
+}
+
+DecodeStatus SubmitDrain(AVCodecContext* context) {
   AVPacket packet;
   internal::InitPacket(packet);
-  packet.data = stream_packet.data;
-  packet.size = static_cast<int>(stream_packet.size);
-  int result = avcodec_send_packet(context, &packet);
-  if (result == AVERROR_EOF) {
-    if (IsDrain(stream_packet)) return kDecodeOk;  // draining already
-    avcodec_flush_buffers(context);                // a new stream after a drain
-    result = avcodec_send_packet(context, &packet);
+  return Submit(context, packet) < 0 ? kDecodeFailed : kDecodeOk;
+}
+
+DecodeStatus SubmitPacket(AVCodecContext* context, const std::shared_ptr<StreamPacket>& payload,
+                          SentPackets& sent) {
+  AVPacket packet;
+  internal::InitPacket(packet);
+  packet.data = payload->data;
+  packet.size = static_cast<int>(payload->size);
+  packet.pts = sent.Add(payload);
+  const int code = Submit(context, packet);
+  // FFmpeg calls it an error that a packet holds no slice, and with a thread for each picture says
+  // so of the packet whose turn it is.
+  const int delay = DecodesPicturesAtOnce(*context) ? context->thread_count - 1 : 0;
+  if (code == AVERROR_INVALIDDATA && sent.Find(packet.pts - delay).headers_only) {
+    return kDecodeNoPicture;
   }
-  return result < 0 ? kDecodeFailed : kDecodeOk;
+  return code < 0 ? kDecodeFailed : kDecodeOk;
 }
 
 DecodeStatus ReceivePicture(AVCodecContext* context, AVFrame* picture) {
@@ -57,14 +83,20 @@ DecodeStatus ReceivePicture(AVCodecContext* context, AVFrame* picture) {
   }
 }
 
+bool Open(AVCodecContext* context, const AVCodec* codec, const DecoderState& state) {
+  context->thread_count = state.thread_count;
+  context->thread_type = state.threads == kDecodePictureThreads ? FF_THREAD_FRAME : FF_THREAD_SLICE;
+  return avcodec_open2(context, codec, nullptr) >= 0;
+}
+
 }  // namespace
 
 void FfmpegDecoder::CodecContextDeleter::operator()(AVCodecContext* context) const {
   avcodec_free_context(&context);  // closes it first
 }
 
-FfmpegDecoder::FfmpegDecoder() : wake_up_(std::make_shared<std::deque<QueuedFrame>>(1)) {
-  const auto delivery = std::make_shared<Delivery>();
+FfmpegDecoder::FfmpegDecoder() : state_(std::make_shared<DecoderState>()) {
+  const std::shared_ptr<Delivery> delivery = state_->delivery;
   stop_ = {delivery, &delivery->stop};
   callback_ = {delivery, &delivery->callback};
   queue_ = {delivery, &delivery->queue};
@@ -75,12 +107,20 @@ FfmpegDecoder::~FfmpegDecoder() {
   *stop_ = true;
   p_avcodec_ctx_.reset();
   callback_->Exchange(nullptr);
-  queue_->Replace(*wake_up_);
+  queue_->Replace(state_->wake_up);
   if (thread_->get_id() == std::this_thread::get_id()) {
     thread_->detach();
   } else {
     thread_->join();
   }
+}
+
+int FfmpegDecoder::SetThreads(DecodeThreads threads, int count) {
+  if (threads < kDecodeOneThread || threads > kDecodePictureThreads) return kDecodeOutOfRange;
+  if (count < 1 || count > kMaxDecodeThreads) return kDecodeOutOfRange;
+  state_->threads = threads;
+  state_->thread_count = threads == kDecodeOneThread ? 1 : count;
+  return kDecodeOk;
 }
 
 int FfmpegDecoder::Init() {
@@ -91,7 +131,7 @@ int FfmpegDecoder::Init() {
     PrintAssertFailed(__func__, __LINE__, "p_avcodec_ctx_ != NULL");
     return -1;
   }
-  if (avcodec_open2(p_avcodec_ctx_.get(), p_avcodec_, nullptr) < 0) {
+  if (!Open(p_avcodec_ctx_.get(), p_avcodec_, *state_)) {
     std::printf("Could not open codec\n");
     return -1;
   }
@@ -100,7 +140,14 @@ int FfmpegDecoder::Init() {
 
 int FfmpegDecoder::SetReorderDepth(int pictures) {
   if (!IsOpen(p_avcodec_ctx_.get())) return kDecodeNotInitialised;
-  if (pictures < 0 || pictures > kMaxReorderDepth) return kDecodeFailed;
+  if (pictures < 0 || pictures > kMaxReorderDepth) return kDecodeOutOfRange;
+  if (DecodesPicturesAtOnce(*p_avcodec_ctx_)) {
+    // Its threads have contexts of their own, made when it is opened.
+    p_avcodec_ctx_.reset(avcodec_alloc_context3(p_avcodec_));
+    if (p_avcodec_ctx_ == nullptr) return kDecodeOutOfMemory;
+    p_avcodec_ctx_->has_b_frames = pictures;
+    return Open(p_avcodec_ctx_.get(), p_avcodec_, *state_) ? kDecodeOk : kDecodeNotInitialised;
+  }
   p_avcodec_ctx_->has_b_frames = pictures;
   return kDecodeOk;
 }
@@ -122,11 +169,15 @@ int FfmpegDecoder::SendFrame(std::shared_ptr<StreamPacket> packet, void* user_da
     PrintAssertFailed(__func__, __LINE__, "ptFrame != NULL");
     return kDecodeOutOfMemory;
   }
-  const DecodeStatus submitted = Submit(p_avcodec_ctx_.get(), *packet);
-  if (submitted != kDecodeOk) return submitted;
-  if (!IsDrain(*packet)) return QueuePictures(*ptFrame, user_data);
-  const DecodeStatus received = ReceivePicture(p_avcodec_ctx_.get(), ptFrame.get());
-  return received == kDecodeOk ? QueuePicture(*ptFrame, user_data) : received;
+  AVCodecContext* const context = p_avcodec_ctx_.get();
+  if (IsDrain(*packet)) {
+    const DecodeStatus drained = SubmitDrain(context);
+    const DecodeStatus received =
+        drained == kDecodeOk ? ReceivePicture(context, ptFrame.get()) : drained;
+    return received == kDecodeOk ? QueuePicture(*ptFrame, user_data) : received;
+  }
+  const DecodeStatus submitted = SubmitPacket(context, packet, state_->sent);
+  return submitted == kDecodeOk ? QueuePictures(*ptFrame, user_data) : submitted;
 }
 
 // FFmpeg accepts the next packet only when no picture waits in it, so all are taken. Its H.264
@@ -142,10 +193,38 @@ DecodeStatus FfmpegDecoder::QueuePictures(AVFrame& picture, void* user_data) {
 }
 
 DecodeStatus FfmpegDecoder::QueuePicture(const AVFrame& picture, void* user_data) {
+  SentPacket packet = state_->sent.Find(picture.pts);
+  packet.times.discontinuity = packet.gaps > state_->gaps;  // its own packet may have got lost
   QueuedFrame item{nullptr, user_data};
-  const DecodeStatus status = CopyPicture(picture, item.frame);
-  if (status == kDecodeOk) queue_->Push(std::move(item));
+  std::string refusal;
+  const DecodeStatus status = CopyPicture(picture, packet, state_->pool, item.frame, refusal);
+  if (refusal != state_->last_refusal && !refusal.empty()) LOG(ERROR) << refusal;
+  state_->last_refusal = std::move(refusal);
+  if (status == kDecodeOk) {
+    queue_->Push(std::move(item));
+    ++state_->delivery->queued;
+    state_->gaps = std::max(state_->gaps, packet.gaps);
+  }
   return status;
+}
+
+int FfmpegDecoder::Drain(void* user_data) {
+  // As many pictures as FFmpeg can hold back, and as many again that it reports as damaged.
+  constexpr int kMaxCalls = 2 * (kMaxReorderDepth + 1 + kMaxDecodeThreads);
+  const auto drain = std::make_shared<StreamPacket>();
+  int result = kDecodeOk;
+  for (int calls = 0; calls < kMaxCalls; ++calls) {
+    const int status = SendFrame(drain, user_data);
+    if (status == kDecodeEndOfStream) break;
+    if (result == kDecodeOk) result = status;
+    if (status == kDecodeNotInitialised || status == kDecodeOutOfMemory) break;
+  }
+  return result;
+}
+
+void FfmpegDecoder::WaitUntilDelivered() {
+  if (thread_->get_id() == std::this_thread::get_id()) return;
+  state_->delivery->delivered.WaitFor(state_->delivery->queued);
 }
 
 std::shared_ptr<FfmpegDecoder> CreateFfmpegDecoder() { return std::make_shared<FfmpegDecoder>(); }

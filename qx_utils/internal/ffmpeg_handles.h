@@ -49,6 +49,15 @@ inline void InitPacket(AVPacket& packet) {
   packet.size = 0;
 }
 
+// Returns: whether decoding can begin at `picture`.
+inline bool IsKeyPicture(const AVFrame& picture) {
+#ifdef AV_FRAME_FLAG_KEY
+  return (picture.flags & AV_FRAME_FLAG_KEY) != 0;
+#else
+  return picture.key_frame != 0;
+#endif
+}
+
 }  // namespace internal
 }  // namespace utils
 }  // namespace qx

@@ -1,0 +1,36 @@
+// What a decoder has beside the handles in its public class, whose size stays.
+#pragma once
+
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <string>
+
+#include "qx_utils/ffmpeg_video_decoder/delivery.h"
+#include "qx_utils/ffmpeg_video_decoder/picture_pool.h"
+#include "qx_utils/ffmpeg_video_decoder/sent_packets.h"
+#include "qxtools/ffmpeg_video_decoder.h"
+
+namespace qx {
+namespace utils {
+namespace ffmpeg {
+
+struct DecoderState {
+  DecoderState() = default;
+  DecoderState(const DecoderState&) = delete;
+  DecoderState& operator=(const DecoderState&) = delete;
+  ~DecoderState() { pool->Close(); }
+
+  const std::shared_ptr<Delivery> delivery = std::make_shared<Delivery>();
+  const std::shared_ptr<PicturePool> pool = std::make_shared<PicturePool>();
+  std::deque<QueuedFrame> wake_up{1};  // made early: destruction needs no memory
+  DecodeThreads threads = kDecodeOneThread;
+  int thread_count = 1;
+  SentPackets sent;
+  std::uint64_t gaps = 0;    // discontinuities that queued frames have told of
+  std::string last_refusal;  // what was logged of the newest picture; "" when that was queued
+};
+
+}  // namespace ffmpeg
+}  // namespace utils
+}  // namespace qx
