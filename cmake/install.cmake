@@ -48,11 +48,17 @@ install(TARGETS qxtools_command RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMP
 install(FILES tools/completion/qxtools DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions
         COMPONENT command)
 
-option(QXTOOLS_MAN "Write man pages from the command's help texts (needs help2man)" OFF)
-if(QXTOOLS_MAN)
-  add_custom_target(man ALL
-    COMMAND ${PROJECT_SOURCE_DIR}/scripts/make-man.sh $<TARGET_FILE:qxtools_command> ${PROJECT_BINARY_DIR}/man
-    VERBATIM)
-  add_dependencies(man qxtools_command)
-  install(DIRECTORY ${PROJECT_BINARY_DIR}/man/ DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT command)
+# The pages come from the command's help texts, so it has to run here.
+set(can_run ON)
+if(CMAKE_CROSSCOMPILING OR QXTOOLS_SANITIZE OR QXTOOLS_COVERAGE)
+  set(can_run OFF)
+endif()
+option(QXTOOLS_MAN_PAGES "Write man pages from the command's help texts" ${can_run})
+if(QXTOOLS_MAN_PAGES)
+  set(QXTOOLS_MAN_DIR ${PROJECT_BINARY_DIR}/man)
+  add_custom_command(OUTPUT ${QXTOOLS_MAN_DIR}/qxtools.1.gz
+    COMMAND ${PROJECT_SOURCE_DIR}/scripts/make-man.sh $<TARGET_FILE:qxtools_command> ${QXTOOLS_MAN_DIR}
+    DEPENDS qxtools_command ${PROJECT_SOURCE_DIR}/scripts/make-man.sh VERBATIM)
+  add_custom_target(qxtools_man ALL DEPENDS ${QXTOOLS_MAN_DIR}/qxtools.1.gz)
+  install(DIRECTORY ${QXTOOLS_MAN_DIR}/ DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT command)
 endif()

@@ -19,7 +19,7 @@ version=$(sed -n 's/^project(qxtools VERSION \([0-9.]*\).*/\1/p' CMakeLists.txt)
 cmake -S . -B "$folder" -G Ninja -DCMAKE_BUILD_TYPE=Release -DCMAKE_INSTALL_PREFIX=/usr \
   -DCMAKE_INSTALL_LIBDIR="lib/$(dpkg-architecture -qDEB_HOST_MULTIARCH)" \
   -DQXTOOLS_BUILD_TESTS=OFF -DQXTOOLS_CHANGELOG="$project/$folder/changelog.gz" \
-  -DQXTOOLS_DEBIAN=ON -DQXTOOLS_MAN=ON \
+  -DQXTOOLS_DEBIAN=ON \
   -DCMAKE_CXX_FLAGS="$(dpkg-buildflags --get CPPFLAGS)" \
   -DCMAKE_SHARED_LINKER_FLAGS="$(dpkg-buildflags --get LDFLAGS) -Wl,-z,now" \
   -DCMAKE_EXE_LINKER_FLAGS="$(dpkg-buildflags --get LDFLAGS) -Wl,-z,now" >/dev/null

@@ -19,6 +19,20 @@ if find "$stage" -path '*lintian*' -o -name copyright | grep .; then
   die "the files above belong into a Debian package"
 fi
 
+# Each page once was about "qxtools", and said nothing of its exit status.
+check_page() {
+  local page=$1 name text section
+  name=$(basename "$page" .1.gz)
+  text=$(zcat "$page")
+  grep -qF ".TH ${name^^} 1 " <<<"${text//\\-/-}" || die "$page has another title"
+  for section in NAME SYNOPSIS DESCRIPTION OPTIONS 'EXIT STATUS' 'SEE ALSO'; do
+    grep -qxF ".SH $section" <<<"$text" || die "$page has no section $section"
+  done
+}
+pages=("$stage"/share/man/man1/*.1.gz)
+[ ${#pages[@]} -gt 6 ] || die "man pages are missing"
+for page in "${pages[@]}"; do check_page "$page"; done
+
 check_header() {
   local header=$1 compiler standard
   for compiler in g++ clang++-14; do

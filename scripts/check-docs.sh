@@ -1,10 +1,11 @@
 #!/usr/bin/env bash
 # Checks every *.md of the project: relative links lead to a file and to a heading of it, paths in
 # backticks exist, and C++ blocks compile against the public headers. A block may be a
-# function's body; one without #include lines sees all public headers.
+# function's body; one without #include lines sees all public headers and the standard streams.
 #
-# usage: check-docs.sh [DOXYFILE]
-#   DOXYFILE   also builds the reference site with it, without a warning
+# usage: check-docs.sh [DOXYFILE [LIBRARY CLIPS]]
+#   DOXYFILE        also builds the reference site with it, without a warning, and looks at its pages
+#   LIBRARY, CLIPS  also runs the README's first C++ block with clips instead of its camera
 . "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 
 mapfile -t pages < <(find . -path ./build -prune -o -path ./.git -prune -o -name '*.md' -printf '%P\n' | sort)
@@ -55,7 +56,10 @@ mapfile -t blocks < <(find "$work" -name '*.cc' | sort)
 compiles() { g++ -std=c++17 -Iinclude -fsyntax-only "$1" 2>"$work/errors.txt"; }
 for block in "${blocks[@]}"; do
   {
-    grep '^#include' "$block" || for header in include/qxtools/*.h; do echo "#include <qxtools/${header##*/}>"; done
+    grep '^#include' "$block" || {
+      for header in include/qxtools/*.h; do echo "#include <qxtools/${header##*/}>"; done
+      echo '#include <iostream>'
+    }
   } >"$work/head.txt"
   grep -v '^#include' "$block" >"$work/body.txt"
   cat "$work/head.txt" "$work/body.txt" >"$work/whole.cc"
@@ -66,6 +70,43 @@ for block in "${blocks[@]}"; do
   }
 done
 
-[ $# -eq 0 ] || doxygen "$1" || complain "the reference site has the warnings above"
+# The site's pages show their pictures, and a header's first comment is on the header's page: once it
+# was on that of a namespace.
+check_site() {
+  local html=$1 page header picture words
+  for page in "$html"/*.html; do
+    while read -r picture; do
+      [ -e "$html/$picture" ] || complain "$(basename "$page"): no picture $picture"
+    done < <(grep -oE '<img src="[^"]+"' "$page" | sed -e 's/.*src="//' -e 's/"$//' | grep -vE '^[a-z]+:' || true)
+  done
+  for header in include/qxtools/*.h; do
+    words=$(sed -n '1s|^// \([A-Za-z0-9 ]*\).*|\1|p' "$header")
+    page=$html/$(basename "$header" .h | sed 's/_/__/g')_8h.html
+    grep -qF -- "${words:?no first comment in $header}" "$page" || complain "$page: not '$words...'"
+  done
+}
+
+# It once printed 0 x 0 for containers.
+run_first_block() {
+  local library=$1 clips=$2 clip size program=$work/first
+  {
+    for header in include/qxtools/*.h; do echo "#include <qxtools/${header##*/}>"; done
+    printf '#include <iostream>\nvoid First(const char* input) {\n'
+    awk '/^```cpp$/ {inside = 1; next} /^```$/ {if (inside) exit} inside' README.md | sed 's/"rtsp:[^"]*"/input/'
+    printf '}\nint main(int, char** argv) { First(argv[1]); }\n'
+  } >"$program.cc"
+  g++ -std=c++17 -Iinclude "$program.cc" -o "$program" "$library" -Wl,-rpath,"$(dirname "$library")" ||
+    die "the README's first block does not compile as a program"
+  for clip in left.mp4 left.mkv left.ts left.h264 hevc.mp4 hevc.h265; do
+    size=$("$program" "$clips/$clip" 2>/dev/null || true)
+    [ "$size" = '320 x 240' ] || complain "README's first block prints '$size' for $clip"
+  done
+}
+
+if [ $# -gt 0 ]; then
+  doxygen "$1" || complain "the reference site has the warnings above"
+  check_site "$(sed -n 's/^OUTPUT_DIRECTORY *= *//p' "$1")/html"
+fi
+[ $# -lt 3 ] || run_first_block "$2" "$3"
 [ "$failures" -eq 0 ] || die "$failures findings stand above"
 echo "docs: ${#pages[@]} pages, $links links and paths, ${#blocks[@]} C++ blocks"

@@ -25,7 +25,7 @@ test_packages=(
 )
 faults_packages=(valgrind)
 bench_packages=(libbenchmark-dev libyuv-dev libdnnl-dev)
-package_packages=(dpkg-dev lintian help2man file)
+package_packages=(dpkg-dev lintian file)
 roots_packages=(mmdebstrap qemu-user lld-14 clang-14 g++-aarch64-linux-gnu)
 
 wanted=("${demo_packages[@]}")

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# Installs the Debian packages in a bare Debian 12 root below build/ and builds and runs the examples
-# there against the packages alone: no sources but examples/, no headers of FFmpeg, glog or OpenMP.
+# Puts the Debian packages into a repository of their own, in a bare Debian 12 root below build/, and
+# installs each by its name, so that it gets what it depends on and nothing else. With libqxtools-dev
+# the examples are built and run: no sources of ours, no headers of FFmpeg, glog or OpenMP.
 # Needs root, to unpack and enter that root.
 #
 # usage: test-packages.sh      (after build-packages.sh)
@@ -9,32 +10,57 @@
 [ "$(id -u)" -eq 0 ] || die "needs root, to unpack a Debian 12 root and to run in it"
 packages=(build/packages/*.deb)
 [ -e "${packages[0]}" ] || die "no packages in build/packages; run: scripts/build-packages.sh"
-scripts/install-packages.sh roots
+scripts/install-packages.sh package roots
 scripts/make-clips.sh
 
 root=$project/build/roots/packages
 say "Unpacking a bare Debian 12 root"
 unpack_root "$root" bookworm --variant=minbase || die "Debian 12 could not be unpacked"
-cp -r examples "${packages[@]}" "$root/root/"
+mkdir "$root/packages"
+cp "${packages[@]}" "$root/packages/"
+(cd "$root/packages" && dpkg-scanpackages --multiversion . >Packages 2>/dev/null)
+echo 'deb [trusted=yes] file:/packages ./' >"$root/etc/apt/sources.list.d/qxtools.list"
 cp build/clips/left.mp4 "$root/root/"
 
 mount -t proc proc "$root/proc"
 mount --bind /dev "$root/dev"
 trap 'umount "$root/proc" "$root/dev"' EXIT
-say "Installing the packages, building and running the examples"
-chroot "$root" env -i HOME=/root PATH=/usr/sbin:/usr/bin:/sbin:/bin DEBIAN_FRONTEND=noninteractive bash -euc '
-  cd /root
-  apt-get update -q >/dev/null
-  apt-get install -y -q --no-install-recommends g++ cmake make pkg-config ./*.deb >install.log 2>&1 ||
-    { tail -n 20 install.log; exit 1; }
+
+# inside COMMANDS: runs them in the root, by a shell that stops at the first failure.
+inside() {
+  chroot "$root" env -i HOME=/root PATH=/usr/sbin:/usr/bin:/sbin:/bin DEBIAN_FRONTEND=noninteractive \
+    bash -euc "cd /root; $1"
+}
+install_packages() {
+  inside "apt-get install -y -q --no-install-recommends $* >install.log 2>&1 || { tail -n 20 install.log; exit 1; }"
+}
+# Nothing that one package brought may help the next.
+remove_packages() {
+  inside "apt-get purge -y -q --autoremove $* >remove.log 2>&1 || { tail -n 20 remove.log; exit 1; }
+    ! dpkg -l 2>/dev/null | grep qxtools"
+}
+inside 'apt-get update -q >update.log 2>&1 || { tail -n 20 update.log; exit 1; }'
+
+say "libqxtools1 by its name"
+install_packages libqxtools1
+inside 'ldconfig -p | grep libqxtools'
+remove_packages libqxtools1
+
+# The command once came without the library that it is linked to.
+say "qxtools by its name"
+install_packages qxtools
+inside 'qxtools --version; qxtools doctor; qxtools probe left.mp4'
+remove_packages qxtools
+
+say "libqxtools-dev by its name, and the examples"
+install_packages libqxtools-dev g++ cmake make pkg-config
+inside '
   for header in libavformat/avformat.h glog/logging.h; do
     ! find /usr/include -path "*/$header" | grep . || { echo "$header is here: proves nothing"; exit 1; }
   done
-  cmake -S examples -B build -DCMAKE_CXX_FLAGS="-Wall -Wextra -Werror" -DQXTOOLS_EXAMPLE_INPUT=/root/left.mp4 >/dev/null
+  examples=/usr/share/doc/libqxtools-dev/examples
+  cmake -S "$examples" -B build -DCMAKE_CXX_FLAGS="-Wall -Wextra -Werror" -DQXTOOLS_EXAMPLE_INPUT=/root/left.mp4 >/dev/null
   cmake --build build
-  cd build
-  ctest --output-on-failure
-  g++ -std=c++17 ../examples/cost_volume.cc $(pkg-config --cflags --libs qxtools) -o by-pkg-config
-  ./by-pkg-config
-  qxtools doctor
-  qxtools probe ../left.mp4'
+  (cd build && ctest --output-on-failure)
+  g++ -std=c++17 "$examples/cost_volume.cc" $(pkg-config --cflags --libs qxtools) -o by-pkg-config
+  ./by-pkg-config'
