@@ -16,7 +16,7 @@
 #include <vector>
 
 #include "bench/cost_volume_rivals.h"
-#include "qx_utils/image/cost_volume_threads.h"
+#include "qx_utils/image/kernels/cost_volume.h"
 #include "qx_utils/internal/cpu_features.h"
 
 namespace qx {
@@ -98,7 +98,8 @@ std::vector<Result> Measure(const Shape& shape, int threads, int runs) {
 #pragma omp parallel reduction(+ : peak_macs) num_threads(threads)
     peak_macs += PeakMacsPerSecond();
     for (std::size_t v = 0; v < variants.size(); ++v) {
-      const double seconds = Seconds([&] { ComputeCostVolume(*variants[v], job, shape.height); });
+      const double seconds =
+          Seconds([&] { ComputeCostVolume(*variants[v]->kernel, job, shape.height); });
       if (run == 0) continue;
       times[v].push_back(seconds);
       loop[v].push_back(loop_seconds / seconds);

@@ -49,13 +49,14 @@ int main(int argc, char** argv) {
                           channels,    disparities,  0.01F};
   const CostVolumeVariant* variant = Find(name);
   if (variant == nullptr && name != "loop") return 2;
-  std::vector<std::uint8_t> scratch(variant == nullptr ? 0 : variant->scratch_bytes(job) + 64);
+  std::vector<std::uint8_t> scratch(variant == nullptr ? 0
+                                                       : variant->kernel->scratch_bytes(job) + 64);
   const auto first = reinterpret_cast<std::uintptr_t>(scratch.data());
   for (std::size_t run = 0; run < Number(argv[2]); ++run) {
     if (variant == nullptr) {
       RunLoop(job, rows, costs);
     } else {
-      variant->rows(job, 0, rows, scratch.data() + (64 - first % 64) % 64);
+      variant->kernel->rows(job, 0, rows, scratch.data() + (64 - first % 64) % 64);
     }
   }
   return 0;

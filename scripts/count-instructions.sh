@@ -19,7 +19,7 @@ compile() {
     -fopenmp=libomp -I. "$@"
 }
 objects=()
-for source in ${kernels}_{scalar,neon,variants}.cc bench/{count_cost_volume,cost_volume_element_loop}.cc; do
+for source in ${kernels}{,_scalar,_neon}.cc bench/{count_cost_volume,cost_volume_element_loop}.cc; do
   objects+=("$out/$(basename "$source").o")
   compile -mcpu=cortex-a53 -c "$source" -o "${objects[-1]}"
 done

@@ -48,18 +48,18 @@ class CostVolumeKernels : public ::testing::Test {
                       shape.width,  shape.channels, shape.disparities,
                       scale};
     std::memset(expected.data(), kCanary, expected.size());
-    CostVolumeRowsScalar(job, 1, kRows, nullptr);  // the first row keeps its canaries
+    kCostVolumeScalar.rows(job, 1, kRows, nullptr);  // the first row keeps its canaries
     job.cost = Values(actual);
     std::size_t count = 0;
     const CostVolumeVariant* table = CostVolumeVariants(&count);
     for (std::size_t v = 0; v < count; ++v) {
       if ((table[v].required & ~internal::SupportedFeatures()) != 0) continue;
-      const std::size_t bytes = table[v].scratch_bytes(job);
+      const std::size_t bytes = table[v].kernel->scratch_bytes(job);
       const GuardedBuffer scratch((bytes + kCostVolumeAlignment - 1) / kCostVolumeAlignment *
                                   kCostVolumeAlignment);
       std::memset(scratch.data(), 0xA5, scratch.size());
       std::memset(actual.data(), kCanary, actual.size());
-      table[v].rows(job, 1, kRows, scratch.data());
+      table[v].kernel->rows(job, 1, kRows, scratch.data());
       ASSERT_EQ(std::memcmp(actual.data(), expected.data(), actual.size()), 0)
           << table[v].name << " width " << shape.width << " channels " << shape.channels
           << " disparities " << shape.disparities << " scale " << scale << " seed " << kSeed;

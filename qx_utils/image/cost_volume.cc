@@ -7,7 +7,6 @@
 #include <limits>
 #include <memory>
 
-#include "qx_utils/image/cost_volume_threads.h"
 #include "qx_utils/image/kernels/cost_volume.h"
 #include "qx_utils/internal/cpu_features.h"
 #include "qx_utils/internal/frame_view.h"
@@ -63,8 +62,9 @@ void RunAnywhere(const FrameView& left, const FrameView& right, const FrameView&
                           CombinedScale(left, right, output)};
   std::size_t count = 0;
   const CostVolumeVariant* table = CostVolumeVariants(&count);
-  ComputeCostVolume(internal::BestVariant(table, count, internal::ActiveFeatures()), job,
-                    left.height);
+  const CostVolumeVariant& variant =
+      internal::BestVariant(table, count, internal::ActiveFeatures());
+  ComputeCostVolume(*variant.kernel, job, left.height);
   if (shared) std::memcpy(output.data, copy.get(), bytes);
 }
 

@@ -7,9 +7,7 @@
 #include <cstddef>
 #include <cstdint>
 
-namespace qx {
-namespace utils {
-namespace image {
+namespace qx::utils::image {
 
 // Two feature maps of int8 values and the volume of their costs; the rows follow without gaps.
 struct CostVolumeJob {
@@ -35,35 +33,32 @@ constexpr std::size_t kCostVolumeBlock = 32;
 // The slope of the quantisation below zero.
 constexpr float kCostVolumeLeak = 0.1015625F;  // 13 / 128
 
+// What an instruction set brings.
+struct CostVolumeKernel {
+  CostVolumeRows rows;
+  std::size_t (*scratch_bytes)(const CostVolumeJob& job);  // for one thread; bounded in width
+};
+
 struct CostVolumeVariant {
   const char* name;
   std::uint32_t required;  // processor features, see internal/cpu_features.h
-  CostVolumeRows rows;
-  std::size_t (*scratch_bytes)(const CostVolumeJob& job);  // for one thread; bounded in width
+  const CostVolumeKernel* kernel;
 };
 
 // All variants of this build, best first, `scalar` last.
 const CostVolumeVariant* CostVolumeVariants(std::size_t* count);
 
-void CostVolumeRowsScalar(const CostVolumeJob& job, std::size_t first_row, std::size_t end_row,
-                          std::uint8_t* scratch);
+// Computes rows 0 .. rows - 1 of a job with one kernel on the OpenMP threads of the caller, each of
+// which takes a contiguous share. Throws std::bad_alloc before any thread has started.
+void ComputeCostVolume(const CostVolumeKernel& kernel, const CostVolumeJob& job, std::size_t rows);
 
+extern const CostVolumeKernel kCostVolumeScalar;
 #if defined(__x86_64__)
-void CostVolumeRowsAvx2(const CostVolumeJob& job, std::size_t first_row, std::size_t end_row,
-                        std::uint8_t* scratch);
-std::size_t CostVolumeScratchAvx2(const CostVolumeJob& job);
-void CostVolumeRowsAvx512Vnni(const CostVolumeJob& job, std::size_t first_row, std::size_t end_row,
-                              std::uint8_t* scratch);
-std::size_t CostVolumeScratchAvx512Vnni(const CostVolumeJob& job);
+extern const CostVolumeKernel kCostVolumeAvx2;
+extern const CostVolumeKernel kCostVolumeAvx512Vnni;
 #elif defined(__aarch64__)
-void CostVolumeRowsNeon(const CostVolumeJob& job, std::size_t first_row, std::size_t end_row,
-                        std::uint8_t* scratch);
-std::size_t CostVolumeScratchNeon(const CostVolumeJob& job);
-void CostVolumeRowsNeonDotprod(const CostVolumeJob& job, std::size_t first_row, std::size_t end_row,
-                               std::uint8_t* scratch);
-std::size_t CostVolumeScratchNeonDotprod(const CostVolumeJob& job);
+extern const CostVolumeKernel kCostVolumeNeon;
+extern const CostVolumeKernel kCostVolumeNeonDotprod;
 #endif
 
-}  // namespace image
-}  // namespace utils
-}  // namespace qx
+}  // namespace qx::utils::image

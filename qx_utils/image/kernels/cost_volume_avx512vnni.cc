@@ -1,83 +1,27 @@
-// Cost volume with AVX-512 VNNI: packs the right row and moves tiles along the band.
+// Cost volume with AVX-512 VNNI: register tiles of 4 left pixels x up to 4 vectors of the right
+// row.
+//
+// K groups of 4 channels give 16 disparities a vector, one cost in each lane. With fewer than 32
+// disparities no vector would be shared: then K groups of 16 channels give 4 disparities a vector,
+// and four lanes are added up for each cost.
+//
+// The multiplication takes unsigned and signed bytes. The sign bits of the left values are flipped,
+// which adds 128 to them, so sums start at -128 times the sum of the right values.
 #include <immintrin.h>
 
-#include "qx_utils/image/kernels/cost_volume.h"
-#include "qx_utils/image/kernels/cost_volume_avx512vnni.h"
+#include "qx_utils/image/kernels/cost_volume_tiles-inl.h"
 
-namespace qx {
-namespace utils {
-namespace image {
+namespace qx::utils::image {
 namespace {
 
-using avx512vnni::kLong;
-using avx512vnni::kMostWindows;
-using avx512vnni::kPixels;
-using avx512vnni::kShort;
-using avx512vnni::kWindow;
-using avx512vnni::Tile;
-using avx512vnni::TileJob;
+constexpr std::size_t kShort = 4;  // channels of a K group
+constexpr std::size_t kLong = 16;
 
-constexpr std::size_t kPackedBudget = std::size_t{192} * 1024;  // bytes of a panel's windows
-
-std::size_t RoundUp(std::size_t value, std::size_t unit) {
-  return (value + unit - 1) / unit * unit;
+// Keeps the compiler from loading a value anew for each of its uses.
+QXTOOLS_INLINE __m512i InRegister(__m512i value) {
+  __asm__("" : "+v"(value));
+  return value;
 }
-std::size_t Smaller(std::size_t a, std::size_t b) { return a < b ? a : b; }
-std::size_t Larger(std::size_t a, std::size_t b) { return a < b ? b : a; }
-
-// How a job is cut. Columns are worked on in panels, so that scratch stays bounded, and these in
-// spans of kPixels windows: tiles with their first pixels in the span's first window.
-struct Plan {
-  std::size_t channels;  // in whole blocks
-  std::size_t grain;     // channels
-  std::size_t columns;   // of a window
-  std::size_t windows;   // of each pixel of a tile
-  std::size_t band;      // disparities of a tile
-  std::size_t cover;     // disparities that tiles compute; no pixel has more
-  std::size_t lead;      // right columns that a panel needs before its first
-  std::size_t span;      // columns
-  std::size_t panel;     // columns, in whole spans
-  std::size_t pitch;     // bytes from grain to grain; an odd number of cache lines
-};
-
-// Chooses the tiles for a grain: as few as possible for each pixel, all equally wide, and none
-// wider than a pixel's costs, unless those fit into one.
-void PlanTiles(std::size_t grain, std::size_t disparities, std::size_t costs, Plan& plan) {
-  plan.grain = grain;
-  plan.columns = kWindow / grain;
-  const std::size_t blocks = RoundUp(costs, plan.columns) / plan.columns;
-  const std::size_t tiles = RoundUp(blocks, kMostWindows) / kMostWindows;
-  if (grain == kLong) {
-    plan.windows = Smaller(RoundUp(disparities, plan.columns) / plan.columns, kMostWindows);
-  } else {
-    plan.windows = Larger(Smaller(RoundUp(blocks, tiles) / tiles, disparities / plan.columns), 2);
-  }
-  plan.band = plan.windows * plan.columns;
-}
-
-Plan PlanOf(const CostVolumeJob& job) {
-  Plan plan{};
-  plan.channels = job.channels / kCostVolumeBlock * kCostVolumeBlock;
-  const std::size_t costs = Smaller(job.disparities, job.width);
-  PlanTiles(kShort, job.disparities, costs, plan);
-  // Long grains cost about a quarter more, but come in smaller steps of disparities.
-  const bool wasteful = RoundUp(costs, plan.band) * 4 > RoundUp(costs, kLong) * 5;
-  if (job.disparities < plan.band || wasteful) PlanTiles(kLong, job.disparities, costs, plan);
-  plan.cover = Smaller(RoundUp(costs, plan.band), Larger(job.disparities, plan.band));
-  plan.lead = RoundUp(plan.cover, plan.columns);
-  plan.span = kPixels * plan.columns;
-  const std::size_t fitting = kPackedBudget / plan.channels;
-  const std::size_t panel = fitting > 2 * plan.lead ? fitting - plan.lead : plan.lead;
-  plan.panel = RoundUp(Smaller(job.width, panel), plan.span);
-  plan.pitch = ((plan.panel + plan.lead) * plan.grain / kWindow | 1) * kWindow;
-  return plan;
-}
-
-struct Row {
-  const std::int8_t* pixels;
-  std::size_t width;
-  std::size_t channels;  // distance of pixels
-};
 
 // 32 channels of each.
 QXTOOLS_INLINE __m512i TwoPixels(const std::int8_t* low, const std::int8_t* high) {
@@ -86,8 +30,8 @@ QXTOOLS_INLINE __m512i TwoPixels(const std::int8_t* low, const std::int8_t* high
   return _mm512_inserti64x4(_mm512_castsi256_si512(first), second, 1);
 }
 
-// Turns four pixels x four channels-of-four into grains, in each 128-bit part by itself.
-QXTOOLS_INLINE void Transpose(const __m512i in[4], __m512i out[4]) {
+// Turns four pixels x four short K groups into K groups of pixels, in each 128-bit part by itself.
+QXTOOLS_INLINE void Transpose(const __m512i (&in)[4], __m512i (&out)[4]) {
   const __m512i ab_low = _mm512_unpacklo_epi32(in[0], in[1]);
   const __m512i ab_high = _mm512_unpackhi_epi32(in[0], in[1]);
   const __m512i cd_low = _mm512_unpacklo_epi32(in[2], in[3]);
@@ -98,10 +42,10 @@ QXTOOLS_INLINE void Transpose(const __m512i in[4], __m512i out[4]) {
   out[3] = _mm512_unpackhi_epi64(ab_high, cd_high);
 }
 
-// Stores the even parts of both as one grain of a window, the odd ones as the grain `distance`
-// bytes further, and adds 128 times their values to the sums.
-QXTOOLS_INLINE void StoreGrains(__m512i low, __m512i high, std::int8_t* to, std::size_t distance,
-                                __m512i sums[2]) {
+// Stores the even parts of both as a vector of one K group, the odd ones as that of another one
+// `distance` bytes further, and adds 128 times their values to the sums.
+QXTOOLS_INLINE void StoreGroups(__m512i low, __m512i high, std::int8_t* to, std::size_t distance,
+                                __m512i (&sums)[2]) {
   const __m512i even = _mm512_shuffle_i32x4(low, high, 0x88);
   const __m512i odd = _mm512_shuffle_i32x4(low, high, 0xDD);
   _mm512_store_si512(to, even);
@@ -110,177 +54,216 @@ QXTOOLS_INLINE void StoreGrains(__m512i low, __m512i high, std::int8_t* to, std:
   sums[1] = _mm512_dpbusd_epi32(sums[1], _mm512_set1_epi8(-128), odd);
 }
 
-// Packs a block of channels of a window's pixels.
-template <std::size_t kGrain>
-QXTOOLS_INLINE void PackBlock(const std::int8_t* const pixel[kWindow / kGrain], std::size_t channel,
-                              std::size_t pitch, std::int8_t* to, __m512i sums[2]) {
-  if constexpr (kGrain == kLong) {
-    StoreGrains(TwoPixels(pixel[0] + channel, pixel[1] + channel),
-                TwoPixels(pixel[2] + channel, pixel[3] + channel), to, pitch, sums);
-  } else {
-    __m512i in[8];
-    QXTOOLS_UNROLL
-    for (std::size_t t = 0; t < 8; ++t) {
-      const std::size_t p = t / 4 * 8 + t % 4;
-      in[t] = TwoPixels(pixel[p] + channel, pixel[p + 4] + channel);
+// Scaled and leaky: the larger of the two is the leaky one below zero and the plain one above.
+QXTOOLS_INLINE __m512 Leaky(__m512i sums, __m512 scale) {
+  const __m512 value = _mm512_mul_ps(_mm512_cvtepi32_ps(sums), scale);
+  return _mm512_max_ps(value, _mm512_mul_ps(value, _mm512_set1_ps(kCostVolumeLeak)));
+}
+
+constexpr int kDown = _MM_FROUND_TO_NEG_INF | _MM_FROUND_NO_EXC;
+
+// Rounded costs in byte 1 of the lanes: next to 1.5 * 2^15 the lowest eight bits of a float are a
+// fraction, and adding one half while rounding down is exact for all floats.
+QXTOOLS_INLINE __m512i NarrowCosts(__m512i sums, __m512 scale) {
+  constexpr float kPoint = 49152.0F;  // 1.5 * 2^15
+  return _mm512_castps_si512(
+      _mm512_add_round_ps(Leaky(sums, scale), _mm512_set1_ps(kPoint + 0.5F), kDown));
+}
+
+// The same for all costs. What does not fit 32 bits becomes 0x80000000, whose low byte is right
+// for all but positive values.
+__m512i WideCosts(__m512i sums, __m512 scale) {
+  const __m512 leaky = Leaky(sums, scale);
+  const __m512 moved = _mm512_add_round_ps(leaky, _mm512_set1_ps(0.5F), kDown);
+  const __m512i rounded = _mm512_cvt_roundps_epi32(moved, kDown);
+  const __mmask16 high = _mm512_cmp_ps_mask(leaky, _mm512_set1_ps(2147483648.0F), _CMP_GE_OQ);
+  return _mm512_mask_mov_epi32(_mm512_slli_epi32(rounded, 8), high, _mm512_set1_epi32(0xFF00));
+}
+
+QXTOOLS_INLINE __m512i Costs(__m512i sums, const Plan& plan) {
+  const __m512 scale = _mm512_set1_ps(plan.scale);
+  return plan.wide ? WideCosts(sums, scale) : NarrowCosts(sums, scale);
+}
+
+// Gathers byte 1 of the lanes of up to four vectors. In lane order, those of a vector's 128-bit
+// part p come to dword p of part m, m being the number of the vector.
+template <std::size_t kCount>
+QXTOOLS_INLINE __m512i Gather(const __m512i (&v)[kCount]) {
+  const __m512i pick = _mm512_set1_epi32(0x0D090501);
+  __m512i bytes = _mm512_shuffle_epi8(v[0], pick);
+  if constexpr (kCount > 1) bytes = _mm512_mask_shuffle_epi8(bytes, 0x00F000F000F000F0, v[1], pick);
+  if constexpr (kCount > 2) bytes = _mm512_mask_shuffle_epi8(bytes, 0x0F000F000F000F00, v[2], pick);
+  if constexpr (kCount > 3) bytes = _mm512_mask_shuffle_epi8(bytes, 0xF000F000F000F000, v[3], pick);
+  const __m512i order = _mm512_set_epi32(15, 11, 7, 3, 14, 10, 6, 2, 13, 9, 5, 1, 12, 8, 4, 0);
+  return _mm512_permutexvar_epi32(order, bytes);
+}
+
+// Adds up the four lanes of each 128-bit part: those of vector m give dword m.
+template <std::size_t kVectors>
+QXTOOLS_INLINE __m512i AddLanes(const __m512i (&sums)[kVectors]) {
+  const __m512i a = sums[0];
+  const __m512i b = sums[kVectors > 1 ? 1 : 0];
+  const __m512i c = sums[kVectors > 2 ? 2 : 0];
+  const __m512i d = sums[kVectors > 3 ? 3 : 0];
+  const __m512i ab = _mm512_add_epi32(_mm512_unpacklo_epi32(a, b), _mm512_unpackhi_epi32(a, b));
+  const __m512i cd = _mm512_add_epi32(_mm512_unpacklo_epi32(c, d), _mm512_unpackhi_epi32(c, d));
+  return _mm512_add_epi32(_mm512_unpacklo_epi64(ab, cd), _mm512_unpackhi_epi64(ab, cd));
+}
+
+template <std::size_t kChannels>
+struct Avx512Vnni {
+  using Vector = __m512i;
+  using Sum = __m512i;
+  static constexpr std::size_t kVectorBytes = 64, kGroup = kChannels, kElementBytes = 1;
+  static constexpr std::size_t kPixels = 4;  // 5 are slower, see docs/cost-volume.md
+  static constexpr std::size_t kMinVectors = kGroup == kLong ? 1 : 2, kMaxVectors = 4;
+  static constexpr std::size_t kStep = kGroup;
+  static constexpr std::size_t kPackedBudget = std::size_t{192} * 1024;
+  static constexpr bool kPacksLeft = false, kPrefetches = true;
+  // The sum with 1.5 * 2^15 has to stay between 2^15 and 2^16, with room for the rounding of the
+  // bound itself.
+  static constexpr float kNarrowLimit = 16000.0F;
+  static constexpr std::size_t kColumns = kVectorBytes / kGroup;
+
+  // As few tiles as possible for each pixel, all equally wide. Short K groups store whole vectors,
+  // so that no tile may be wider than a pixel's costs.
+  static std::size_t Vectors(std::size_t disparities, std::size_t costs) {
+    if (kGroup == kLong) return Smaller(RoundUp(disparities, kColumns) / kColumns, kMaxVectors);
+    const std::size_t blocks = RoundUp(costs, kColumns) / kColumns;
+    const std::size_t tiles = RoundUp(blocks, kMaxVectors) / kMaxVectors;
+    return Larger(Smaller(RoundUp(blocks, tiles) / tiles, disparities / kColumns), kMinVectors);
+  }
+
+  // Packs a block of channels of a vector's pixels.
+  QXTOOLS_INLINE static void PackBlock(const std::int8_t* const (&pixel)[kColumns],
+                                       std::size_t channel, std::size_t pitch, std::int8_t* to,
+                                       __m512i (&sums)[2]) {
+    if constexpr (kGroup == kLong) {
+      StoreGroups(TwoPixels(pixel[0] + channel, pixel[1] + channel),
+                  TwoPixels(pixel[2] + channel, pixel[3] + channel), to, pitch, sums);
+    } else {
+      __m512i in[2][4];
+      Unroll<8>([&](auto t) QXTOOLS_INLINE_BODY {
+        constexpr std::size_t kHalf = decltype(t)::kValue / 4;
+        constexpr std::size_t kPixel = kHalf * 8 + decltype(t)::kValue % 4;
+        in[kHalf][kPixel % 8] = TwoPixels(pixel[kPixel] + channel, pixel[kPixel + 4] + channel);
+      });
+      __m512i out[2][4];
+      Transpose(in[0], out[0]);
+      Transpose(in[1], out[1]);
+      Unroll<4>([&](auto k) QXTOOLS_INLINE_BODY {
+        constexpr std::size_t kNumber = decltype(k)::kValue;
+        StoreGroups(out[0][kNumber], out[1][kNumber], to + kNumber * pitch, 4 * pitch, sums);
+      });
     }
-    __m512i low[4];
-    __m512i high[4];
-    Transpose(in, low);
-    Transpose(in + 4, high);
-    QXTOOLS_UNROLL
-    for (std::size_t k = 0; k < 4; ++k) {
-      StoreGrains(low[k], high[k], to + k * pitch, 4 * pitch, sums);
+  }
+
+  static void PackVector(const Row& row, std::size_t column, const Plan& plan, std::int8_t* to) {
+    const std::int8_t* pixel[kColumns];
+    for (std::size_t k = 0; k < kColumns; ++k) pixel[k] = PixelAt(row, column - k);
+    __m512i sums[2] = {_mm512_setzero_si512(), _mm512_setzero_si512()};
+    for (std::size_t c = 0; c < plan.channels; c += kCostVolumeBlock) {
+      PackBlock(pixel, c, plan.pitch, to, sums);
+      to += kCostVolumeBlock / kGroup * plan.pitch;
+    }
+    const __m512i sum = _mm512_add_epi32(sums[0], sums[1]);
+    _mm512_store_si512(to, _mm512_sub_epi32(_mm512_setzero_si512(), sum));
+  }
+
+  QXTOOLS_INLINE static Sum Start(const std::int8_t* from) { return _mm512_loadu_si512(from); }
+
+  QXTOOLS_INLINE static Vector Load(const std::int8_t* from) {
+    return InRegister(_mm512_loadu_si512(from));
+  }
+
+  // With the sign bits flipped.
+  QXTOOLS_INLINE static Vector LoadLeft(const std::int8_t* from) {
+    const __m512i flip = _mm512_set1_epi8(-128);
+    if constexpr (kGroup == kLong) {
+      const __m128i group = _mm_loadu_si128(reinterpret_cast<const __m128i*>(from));
+      return InRegister(_mm512_xor_si512(_mm512_broadcast_i32x4(group), flip));
+    } else {
+      std::int32_t group;
+      __builtin_memcpy(&group, from, sizeof(group));
+      return InRegister(_mm512_xor_si512(_mm512_set1_epi32(group), flip));
     }
   }
-}
 
-// Packs a window: the pixel at `column` first, then those left of it. Behind the row its last pixel
-// is repeated: nothing made of it is kept.
-template <std::size_t kGrain>
-void PackWindow(const Row& row, std::size_t column, const Plan& plan, std::int8_t* to) {
-  constexpr std::size_t kColumns = kWindow / kGrain;
-  const std::int8_t* pixel[kColumns];
-  for (std::size_t k = 0; k < kColumns; ++k) {
-    pixel[k] = row.pixels + Smaller(column - k, row.width - 1) * row.channels;
+  // As _mm512_dpbusd_epi32(), with the sum tied to its register: GCC 12 copies and spills all sums
+  // around that intrinsic, which costs a third of the speed.
+  template <std::size_t kNumber>
+  QXTOOLS_INLINE static void MultiplyAdd(Vector left, Vector right, Sum& sum) {
+    __asm__("vpdpbusd %2, %1, %0" : "+v"(sum) : "v"(left), "v"(right));
   }
-  __m512i sums[2] = {_mm512_setzero_si512(), _mm512_setzero_si512()};
-  for (std::size_t c = 0; c < plan.channels; c += kCostVolumeBlock) {
-    PackBlock<kGrain>(pixel, c, plan.pitch, to, sums);
-    to += kCostVolumeBlock / kGrain * plan.pitch;
-  }
-  _mm512_store_si512(to,
-                     _mm512_sub_epi32(_mm512_setzero_si512(), _mm512_add_epi32(sums[0], sums[1])));
-}
 
-// Packs `count` columns, whole windows, from `column` on; `to` is the place of the last of them.
-void PackColumns(const Row& row, std::size_t column, std::size_t count, const Plan& plan,
-                 std::int8_t* to) {
-  const auto pack = plan.grain == kShort ? PackWindow<kShort> : PackWindow<kLong>;
-  for (std::size_t t = 0; t < count; t += plan.columns, to += kWindow) {
-    pack(row, column + count - 1 - t, plan, to);
+  template <std::size_t kVectors>
+  QXTOOLS_INLINE static void Store(const Plan& plan, std::size_t pixels,
+                                   const Sum (&sums)[kPixels][kVectors], std::int8_t* cost,
+                                   std::size_t step) {
+    if constexpr (kGroup == kLong) {
+      StoreParts(plan, pixels, sums, cost, step);
+    } else {
+      Unroll<kPixels>([&](auto p) QXTOOLS_INLINE_BODY {
+        constexpr std::size_t kPixel = decltype(p)::kValue;
+        if (kPixel < pixels) StoreLanes(plan, sums[kPixel], cost + kPixel * step);
+      });
+    }
   }
-}
 
-// Columns of a row whose windows are in scratch together.
-struct Panel {
-  std::size_t row;      // number of the row's first pixel in the maps
-  std::size_t first;    // column
-  std::size_t end;      // column behind the last one
-  bool keeps_lead;      // what it needs before its first column is there from the row before
-  std::int8_t* packed;  // place of column first + plan.panel - 1
+  // Short K groups: a vector's lanes are the costs of 16 disparities.
+  template <std::size_t kVectors>
+  QXTOOLS_INLINE static void StoreLanes(const Plan& plan, const Sum (&sums)[kVectors],
+                                        std::int8_t* cost) {
+    __m512i costs[kVectors];
+    Unroll<kVectors>([&](auto m) QXTOOLS_INLINE_BODY {
+      constexpr std::size_t kVector = decltype(m)::kValue;
+      costs[kVector] = Costs(sums[kVector], plan);
+    });
+    const __m512i bytes = Gather(costs);
+    __builtin_memcpy(cost, &bytes, kVectors * kColumns);
+  }
+
+  // Long K groups: a vector's 128-bit parts are the costs of 4 disparities.
+  template <std::size_t kVectors>
+  QXTOOLS_INLINE static void StoreParts(const Plan& plan, std::size_t pixels,
+                                        const Sum (&sums)[kPixels][kVectors], std::int8_t* cost,
+                                        std::size_t step) {
+    __m512i costs[kPixels];
+    Unroll<kPixels>([&](auto p) QXTOOLS_INLINE_BODY {
+      constexpr std::size_t kPixel = decltype(p)::kValue;
+      costs[kPixel] = Costs(AddLanes(sums[kPixel]), plan);
+    });
+    const __m512i by_disparity = _mm512_set4_epi32(0x0F0B0703, 0x0E0A0602, 0x0D090501, 0x0C080400);
+    const __m512i bytes = _mm512_shuffle_epi8(Gather(costs), by_disparity);
+    Unroll<kPixels>([&](auto p) QXTOOLS_INLINE_BODY {
+      constexpr std::size_t kPixel = decltype(p)::kValue;
+      if (kPixel >= pixels) return;
+      StoreCosts(_mm512_extracti32x4_epi32(bytes, kPixel), plan.costs, cost + kPixel * step);
+    });
+  }
 };
 
-std::int8_t* PackedAt(const Plan& plan, const Panel& panel, std::size_t column) {
-  return panel.packed + (panel.first + plan.panel - 1 - column) * plan.grain;
+// Long K groups cost about a quarter more, but come in smaller steps of disparities.
+bool UsesLongGroups(const CostVolumeJob& job) {
+  const std::size_t costs = Smaller(job.disparities, job.width);
+  const std::size_t band = 16 * Avx512Vnni<kShort>::Vectors(job.disparities, costs);
+  return job.disparities < band || RoundUp(costs, band) * 4 > RoundUp(costs, 16) * 5;
 }
 
-// Packs what the panel needs before its first column. What lies left of the row counts as zeros,
-// and so do its costs.
-void PackLead(const Row& row, const Plan& plan, const Panel& panel) {
-  std::int8_t* to = panel.packed + plan.panel * plan.grain;
-  const std::size_t inside = Smaller(panel.first, plan.lead);
-  PackColumns(row, panel.first - inside, inside, plan, to);
-  to += inside * plan.grain;
-  for (std::size_t g = 0; g <= plan.channels / plan.grain; ++g, to += plan.pitch) {
-    __builtin_memset(to, 0, (plan.lead - inside) * plan.grain);
-  }
+std::size_t Scratch(const CostVolumeJob& job) {
+  return (UsesLongGroups(job) ? ScratchBytes<Avx512Vnni<kLong>>
+                              : ScratchBytes<Avx512Vnni<kShort>>)(job);
 }
 
-// Part of the next span's data for each tile to ask for, while it hides the wait for it. All of it
-// in one go would stall.
-struct Share {
-  std::size_t pixels;  // bytes of either map
-  std::size_t costs;   // bytes
-};
-
-// The data may lie behind the end of all: the request is then dropped.
-QXTOOLS_INLINE void Prefetch(const std::int8_t* from, std::size_t offset, std::size_t bytes) {
-  std::uintptr_t at = reinterpret_cast<std::uintptr_t>(from) + offset;
-  for (const std::uintptr_t end = at + bytes; at < end; at += kCostVolumeAlignment) {
-    _mm_prefetch(reinterpret_cast<const char*>(at), _MM_HINT_T0);
-  }
-}
-
-// The span's tiles of disparities d and on. `share` is the number of the first one's share.
-void ComputeBand(const CostVolumeJob& job, const Plan& plan, const TileJob& tiles,
-                 const Panel& panel, std::size_t start, std::size_t d, const Share& each,
-                 std::size_t share) {
-  const Tile tile = avx512vnni::TileOf(plan.grain, plan.windows, start <= d);
-  const std::size_t next = panel.row + start + plan.span;  // pixel
-  const std::size_t end = Smaller(start + plan.columns, panel.end);
-  for (std::size_t column = start; column < end; ++column, ++share) {
-    Prefetch(job.left, next * job.channels + share * each.pixels, each.pixels);
-    Prefetch(job.right, next * job.channels + share * each.pixels, each.pixels);
-    Prefetch(job.cost, next * job.disparities + share * each.costs, each.costs);
-    const std::size_t pixel = panel.row + column;
-    std::size_t pixels = 1;
-    while (pixels < kPixels && column + pixels * plan.columns < panel.end) ++pixels;
-    tile(tiles, {job.left + pixel * job.channels,
-                 PackedAt(plan, panel, column) + d * plan.grain - (kPixels - 1) * kWindow,
-                 job.cost + pixel * job.disparities + d, pixels});
-  }
-}
-
-void ComputeSpan(const CostVolumeJob& job, const Plan& plan, const TileJob& tiles,
-                 const Panel& panel, std::size_t start) {
-  // Pixels of the span have no disparities from here on.
-  const std::size_t reach = Smaller(plan.cover, RoundUp(start + plan.span, plan.band));
-  const std::size_t bands = RoundUp(reach, plan.band) / plan.band;
-  const Share each{kPixels * job.channels / bands, kPixels * job.disparities / bands};
-  for (std::size_t b = 0; b < bands; ++b) {
-    // A band that would end behind the last cost is moved back to overlap the one before.
-    const std::size_t d = Smaller(b * plan.band, plan.cover - plan.band);
-    ComputeBand(job, plan, tiles, panel, start, d, each, b * plan.columns);
-  }
-  if (reach >= job.disparities) return;
-  const std::size_t end = Smaller(start + plan.span, panel.end);
-  for (std::size_t column = start; column < end; ++column) {
-    std::int8_t* cost = job.cost + (panel.row + column) * job.disparities;
-    __builtin_memset(cost + reach, 0, job.disparities - reach);
-  }
-}
-
-void ComputePanel(const CostVolumeJob& job, const Plan& plan, const TileJob& tiles,
-                  const Panel& panel) {
-  const Row right{job.right + panel.row * job.channels, job.width, job.channels};
-  if (!panel.keeps_lead) PackLead(right, plan, panel);
-  for (std::size_t x = panel.first; x < panel.end; x += plan.span) {
-    const std::size_t count = Smaller(plan.span, RoundUp(panel.end - x, plan.columns));
-    PackColumns(right, x, count, plan, PackedAt(plan, panel, x + count - 1));
-    // A span that would end behind the panel is moved back as well.
-    const bool whole = panel.end - panel.first >= plan.span;
-    ComputeSpan(job, plan, tiles, panel, whole ? Smaller(x, panel.end - plan.span) : panel.first);
-  }
+void Rows(const CostVolumeJob& job, std::size_t first_row, std::size_t end_row,
+          std::uint8_t* scratch) {
+  const auto rows =
+      UsesLongGroups(job) ? ComputeRows<Avx512Vnni<kLong>> : ComputeRows<Avx512Vnni<kShort>>;
+  rows(job, first_row, end_row, scratch);
 }
 
 }  // namespace
 
-std::size_t CostVolumeScratchAvx512Vnni(const CostVolumeJob& job) {
-  const Plan plan = PlanOf(job);
-  return (plan.channels / plan.grain + 1) * plan.pitch;
-}
+const CostVolumeKernel kCostVolumeAvx512Vnni = {Rows, Scratch};
 
-void CostVolumeRowsAvx512Vnni(const CostVolumeJob& job, std::size_t first_row, std::size_t end_row,
-                              std::uint8_t* scratch) {
-  const Plan plan = PlanOf(job);
-  const TileJob tiles{plan.channels,
-                      plan.pitch,
-                      plan.columns * job.channels,
-                      plan.columns * job.disparities,
-                      Smaller(plan.band, job.disparities),
-                      job.scale,
-                      avx512vnni::NeedsWide(plan.channels, job.scale)};
-  auto* packed = reinterpret_cast<std::int8_t*>(scratch);
-  for (std::size_t y = first_row; y < end_row; ++y) {
-    const bool keeps_lead = y > first_row && plan.panel >= job.width;
-    for (std::size_t first = 0; first < job.width; first += plan.panel) {
-      const std::size_t end = Smaller(first + plan.panel, job.width);
-      ComputePanel(job, plan, tiles, {y * job.width, first, end, keeps_lead, packed});
-    }
-  }
-}
-
-}  // namespace image
-}  // namespace utils
-}  // namespace qx
+}  // namespace qx::utils::image

@@ -12,9 +12,7 @@
 
 #define QXTOOLS_INLINE __attribute__((always_inline)) inline
 
-namespace qx {
-namespace utils {
-namespace image {
+namespace qx::utils::image {
 namespace {
 
 constexpr std::size_t kTile = 4;                               // left pixels, and disparities
@@ -238,21 +236,19 @@ void Strip(const CostVolumeJob& job, const Plan& plan, std::size_t x, const std:
   }
 }
 
-// Whether some cost may reach 2^22; true for a scale that is no number.
+// True if some cost may reach 2^22; also true if the scale is NaN.
 bool NeedsWide(const Plan& plan, float scale) {
   const float magnitude = scale < 0 ? -scale : scale;
   return !(static_cast<float>(plan.channels) * 16384.0F * magnitude < 4e6F);
 }
 
-}  // namespace
-
-std::size_t CostVolumeScratchNeon(const CostVolumeJob& job) {
+std::size_t ScratchBytes(const CostVolumeJob& job) {
   const Plan plan = PlanOf(job);
   return plan.columns * sizeof(std::int32_t) + (plan.columns + kTile) * plan.channels;
 }
 
-void CostVolumeRowsNeon(const CostVolumeJob& job, std::size_t first_row, std::size_t end_row,
-                        std::uint8_t* scratch) {
+void ComputeRows(const CostVolumeJob& job, std::size_t first_row, std::size_t end_row,
+                 std::uint8_t* scratch) {
   const Plan plan = PlanOf(job);
   const Packed packed = SplitScratch(plan, scratch);
   const auto strip = NeedsWide(plan, job.scale) ? Strip<true> : Strip<false>;
@@ -272,6 +268,8 @@ void CostVolumeRowsNeon(const CostVolumeJob& job, std::size_t first_row, std::si
   }
 }
 
-}  // namespace image
-}  // namespace utils
-}  // namespace qx
+}  // namespace
+
+const CostVolumeKernel kCostVolumeNeon = {ComputeRows, ScratchBytes};
+
+}  // namespace qx::utils::image

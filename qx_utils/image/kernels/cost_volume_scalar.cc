@@ -3,9 +3,7 @@
 
 #include "qx_utils/image/kernels/cost_volume.h"
 
-namespace qx {
-namespace utils {
-namespace image {
+namespace qx::utils::image {
 namespace {
 
 std::int32_t Dot(const std::int8_t* a, const std::int8_t* b, std::size_t channels) {
@@ -27,10 +25,8 @@ std::int8_t Quantise(float value) {
   return static_cast<std::int8_t>(static_cast<std::int32_t>(rounded) & 0xFF);
 }
 
-}  // namespace
-
-void CostVolumeRowsScalar(const CostVolumeJob& job, std::size_t first_row, std::size_t end_row,
-                          std::uint8_t* /*scratch*/) {
+void ComputeRows(const CostVolumeJob& job, std::size_t first_row, std::size_t end_row,
+                 std::uint8_t* /*scratch*/) {
   for (std::size_t y = first_row; y < end_row; ++y) {
     for (std::size_t x = 0; x < job.width; ++x) {
       const std::size_t pixel = y * job.width + x;
@@ -46,6 +42,10 @@ void CostVolumeRowsScalar(const CostVolumeJob& job, std::size_t first_row, std::
   }
 }
 
-}  // namespace image
-}  // namespace utils
-}  // namespace qx
+std::size_t NoScratch(const CostVolumeJob& /*job*/) { return 0; }
+
+}  // namespace
+
+const CostVolumeKernel kCostVolumeScalar = {ComputeRows, NoScratch};
+
+}  // namespace qx::utils::image
