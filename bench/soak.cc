@@ -5,9 +5,7 @@
 // After each minute everything is at rest for a moment and one line tells what the process holds.
 // Ends with the first, the median and the last line, early after Ctrl-C. Exit status 1 when
 // something has grown after the warm-up or a result was wrong.
-#include <dirent.h>
 #include <glog/logging.h>
-#include <malloc.h>
 #include <signal.h>
 #include <unistd.h>
 
@@ -26,6 +24,7 @@
 #include <thread>
 #include <vector>
 
+#include "bench/process_samples.h"
 #include "qx_utils/internal/ffmpeg_handles.h"
 #include "qxtools/annexb_filter.h"
 #include "qxtools/ffmpeg_demuxer.h"
@@ -34,6 +33,9 @@
 
 namespace {
 
+using qx::bench::Judge;
+using qx::bench::Sample;
+using qx::bench::TakeSample;
 using qx::utils::ffmpeg::FfmpegDecoder;
 using qx::utils::image::StereoMaps;
 using qx::utils::image::Way;
@@ -167,60 +169,6 @@ void RunKernel(StereoMaps& maps, const std::vector<std::uint8_t>& expected, Rand
     maps.Run(way);
     Expect(maps.cost == expected, "the emulated kernel differs from the processor");
   }
-}
-
-struct Sample {
-  static constexpr std::size_t kCount = 5;
-  static constexpr std::array<const char*, kCount> kNames = {"heap KiB", "resident KiB",
-                                                             "descriptors", "threads", "mappings"};
-  // What may come and go without being growth: heaps of threads that were busy at the same time.
-  static constexpr std::array<long, kCount> kSlack = {64, 4096, 0, 0, 8};
-  std::array<long, kCount> values;
-};
-
-long CountEntries(const char* folder) {
-  DIR* const directory = opendir(folder);
-  if (directory == nullptr) return -1;
-  long count = 0;
-  while (readdir(directory) != nullptr) ++count;  // NOLINT(concurrency-mt-unsafe): our own stream
-  closedir(directory);
-  return count - 2;  // "." and ".."
-}
-
-// What free memory the heap keeps depends on the largest input so far; it is given back first.
-Sample TakeSample() {
-  malloc_trim(0);
-  const struct mallinfo2 heap = mallinfo2();
-  std::ifstream statm("/proc/self/statm");
-  long total = 0, resident = 0;
-  statm >> total >> resident;
-  std::ifstream maps("/proc/self/maps");
-  const auto lines = std::count(std::istreambuf_iterator<char>(maps), {}, '\n');
-  return {{static_cast<long>((heap.uordblks + heap.hblkhd) / 1024),
-           resident * (sysconf(_SC_PAGESIZE) / 1024), CountEntries("/proc/self/fd") - 1,
-           CountEntries("/proc/self/task"), static_cast<long>(lines)}};
-}
-
-// Prints first, median and last after the warm-up: a fifth of the time. Growth is when the least
-// of the last quarter is above the most of the first.
-bool Judge(const std::vector<Sample>& samples) {
-  const std::size_t warm_up = samples.size() / 5;
-  bool flat = true;
-  for (std::size_t what = 0; what < Sample::kCount; ++what) {
-    std::vector<long> values;
-    for (std::size_t i = warm_up; i < samples.size(); ++i)
-      values.push_back(samples[i].values[what]);
-    const auto quarter = static_cast<std::ptrdiff_t>((values.size() + 3) / 4);
-    const long before = *std::max_element(values.begin(), values.begin() + quarter);
-    const long after = *std::min_element(values.end() - quarter, values.end());
-    const long first = values.front(), last = values.back();
-    std::sort(values.begin(), values.end());
-    const bool grew = after > before + Sample::kSlack[what];
-    flat = flat && !grew;
-    std::printf("%-13s first %8ld  median %8ld  last %8ld  %s\n", Sample::kNames[what], first,
-                values[values.size() / 2], last, grew ? "GREW" : "flat");
-  }
-  return flat;
 }
 
 // Calls `job` until `end`. Returns: how often.

@@ -1,10 +1,11 @@
 #!/usr/bin/env bash
 # Installs the packages that the project needs and that are missing.
 #
-# usage: install-packages.sh [demo|test|faults|bench|package|roots]...
+# usage: install-packages.sh [demo|test|faults|cameras|bench|package|roots]...
 #   demo     what building and running the command takes (the default)
 #   test     demo, and what scripts/test.sh takes
 #   faults   demo, and what scripts/test-faults.sh takes beyond test
+#   cameras  demo, and what scripts/test-cameras.sh takes beyond test
 #   bench    demo, and the rivals that the benchmarks measure against
 #   package  demo, and what scripts/build-packages.sh takes
 #   roots    demo, and what the scripts take that test for boards
@@ -24,6 +25,8 @@ test_packages=(
   gstreamer1.0-plugins-base gstreamer1.0-plugins-good gstreamer1.0-plugins-bad
 )
 faults_packages=(valgrind)
+cameras_packages=(vlc-bin vlc-plugin-base)
+command -v npm >/dev/null || cameras_packages+=(npm) # other packages of it conflict with Debian's
 bench_packages=(libbenchmark-dev libyuv-dev libdnnl-dev)
 package_packages=(dpkg-dev lintian file)
 roots_packages=(mmdebstrap qemu-user lld-14 clang-14 g++-aarch64-linux-gnu)
@@ -34,10 +37,11 @@ for group in "$@"; do
     demo) ;;
     test) wanted+=("${test_packages[@]}") ;;
     faults) wanted+=("${faults_packages[@]}") ;;
+    cameras) wanted+=("${cameras_packages[@]}") ;;
     bench) wanted+=("${bench_packages[@]}") ;;
     package) wanted+=("${package_packages[@]}") ;;
     roots) wanted+=("${roots_packages[@]}") ;;
-    *) die "unknown group '$group'; known are demo, test, faults, bench, package and roots" ;;
+    *) die "unknown group '$group'; known are demo, test, faults, cameras, bench, package and roots" ;;
   esac
 done
 

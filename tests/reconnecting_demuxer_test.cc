@@ -86,6 +86,8 @@ struct Loss {
   DemuxerFault reason;
 };
 
+void PrintTo(const Loss& loss, std::ostream* out) { *out << loss.name; }
+
 class Reconnecting : public ::testing::TestWithParam<Loss> {};
 
 // Each camera gives 40 pictures and is lost. It serves one client at a time, so that it could not
@@ -99,9 +101,12 @@ TEST_P(Reconnecting, OpensAgainAndMarksTheGap) {
   Camera camera(peer.url());
   ASSERT_EQ(camera.result(), 0);
   EXPECT_THAT(camera.ReadAndFindGaps(50), ElementsAre(40));
-  EXPECT_THAT(camera.changes(), ElementsAre(Change(kOpen, DemuxerFault::kNone, 0U),
-                                            Change(kWaiting, GetParam().reason, 0U),
-                                            Change(kOpen, DemuxerFault::kNone, 0U)));
+  // Attempts may come before the peer has noticed that its client is gone.
+  const auto& changes = camera.changes();
+  ASSERT_GE(changes.size(), 3U);
+  EXPECT_THAT(changes[0], Change(kOpen, DemuxerFault::kNone, 0U));
+  EXPECT_THAT(changes[1], Change(kWaiting, GetParam().reason, 0U));
+  EXPECT_THAT(changes.back(), Change(kOpen, DemuxerFault::kNone, 0U));
 }
 
 INSTANTIATE_TEST_SUITE_P(Losses, Reconnecting,

@@ -19,6 +19,7 @@ USER, PASSWORD, REALM, NONCE = 'operator', 'secret', 'camera', '5ca1ab1e'
 AUDIO_INTERVAL = 0.02
 MTU = 1400
 NTP_EPOCH = 2208988800  # seconds from 1900 to 1970
+FIRST_TICK = 2**32 - 90000  # the ticks wrap around after a second
 
 
 def parse_arguments():
@@ -33,6 +34,7 @@ def parse_arguments():
         help='parameter sets stand in the session description alone')
     add('--undescribed', action='store_true', help='parameter sets stand in band alone')
     add('--pause', help='N:SECONDS, before picture N')
+    add('--stall', help='N:SECONDS, in the middle of the last packet of picture N')
     add('--bandwidth', type=int, default=0, help='bytes a second, in pieces of 100')
     add('--auth', choices=('basic', 'digest'), help='for the user operator with the password secret')
     add('--single', action='store_true', help='serves one client at a time, and refuses others')
@@ -94,12 +96,12 @@ class Clip:
 
     def payloads(self, unit):
         """The RTP payloads of one NAL unit: itself, or fragments (RFC 6184, 5.8; RFC 7798, 4.4.3)."""
-        if len(unit) <= MTU:
-            return [unit]
         if self.h264:
             head, kind, body = bytes([unit[0] & 0xE0 | 28]), unit[0] & 31, unit[1:]
         else:
             head, kind, body = bytes([unit[0] & 0x81 | 49 << 1, unit[1]]), unit[0] >> 1 & 63, unit[2:]
+        if len(body) <= MTU:
+            return [unit]
         parts = [body[i:i + MTU] for i in range(0, len(body), MTU)]
         ends = {0: 0x80, len(parts) - 1: 0x40}
         return [head + bytes([ends.get(i, 0) | kind]) + part for i, part in enumerate(parts)]
@@ -114,9 +116,15 @@ class Client:
         self.done = threading.Event()
         self.video = 2 if args.audio else 0  # channel of the pictures
         self.sequence = {}
+        self.stall_at, self.stall = (float(part) for part in (args.stall or '-1:0').split(':'))
+        self.stalls = False
 
     def send(self, data):
         with self.sending:
+            if self.stalls:
+                self.peer.sendall(data[:len(data) // 2])
+                data = data[len(data) // 2:]
+                time.sleep(self.stall)
             if not self.args.bandwidth:
                 return self.peer.sendall(data)
             for i in range(0, len(data), 100):
@@ -138,7 +146,7 @@ class Client:
 
     def send_picture(self, number):
         pictures = self.clip.pictures
-        ticks = round(number * 90000 / self.args.fps)
+        ticks = FIRST_TICK + round(number * 90000 / self.args.fps)
         if self.args.reports and number % round(5 * self.args.fps) == 0:
             self.send_report(ticks)
         units = pictures[(self.args.start + number) % len(pictures)]
@@ -146,6 +154,7 @@ class Client:
             units = [unit for unit in units if not self.clip.is_set(unit)]
         payloads = [payload for unit in units for payload in self.clip.payloads(unit)]
         for i, payload in enumerate(payloads):
+            self.stalls = number == self.stall_at and i + 1 == len(payloads)
             self.send_rtp(self.video, 96 | (0x80 if i + 1 == len(payloads) else 0), ticks, payload)
 
     def play_video(self):
