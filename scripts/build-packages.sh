@@ -13,7 +13,11 @@ version=$(sed -n 's/^project(qxtools VERSION \([0-9.]*\).*/\1/p' CMakeLists.txt)
 # The packages' changelog in the distribution's form, made from the newest entry of CHANGELOG.md.
 {
   printf 'qxtools (%s) stable; urgency=medium\n\n' "$version"
-  awk '/^## /{n++} n==1 && /^- /{sub(/^- /, "  * "); print; next} n==1 && /^  [^ ]/{print "  " $0}' CHANGELOG.md
+  # One line for each entry, then folded to the width that packages' changelogs have.
+  awk '/^## /{n++} n==1 && /^- /{if (e) print e; e = $0; next} n==1 && /^  [^ ]/{e = e substr($0, 2)} END {print e}' \
+    CHANGELOG.md | while read -r entry; do
+    fold -s -w 74 <<<"${entry#- }" | sed -e '1s/^/  * /' -e '2,$s/^/    /' -e 's/ *$//'
+  done
   printf '\n -- qxtools maintainers <maintainers@qxtools.invalid>  %s\n' "$(date -R -r CHANGELOG.md)"
 } | gzip -9n >"$folder/changelog.gz"
 cmake -S . -B "$folder" -G Ninja -DCMAKE_BUILD_TYPE=Release -DCMAKE_INSTALL_PREFIX=/usr \

@@ -3,7 +3,6 @@
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
-#include <sstream>
 #include <thread>
 
 #include "qxtools/instruction_sets.h"
@@ -14,60 +13,34 @@ namespace utils {
 namespace image {
 namespace {
 
+using ::testing::Field;
+using ::testing::Return;
+using ::testing::Truly;
 using velkar::vision::ImageFrameImpl;
 using Frame = MediaProc::Frame;
 using Box = MediaProc::Box;
 
-// Writes down each operation with all of its arguments; frames appear by name.
-class RecordingEngine : public MediaProc {
+class MockEngine : public MediaProc {
  public:
-  std::vector<Frame> Crop(Frame frame, const std::vector<Box>& boxes, std::size_t width,
-                          std::size_t height, bool resize) override {
-    std::ostringstream call;
-    call << "Crop " << frame->name;
-    for (const Box& b : boxes) {
-      call << " (" << b.x1 << ' ' << b.y1 << ' ' << b.x2 << ' ' << b.y2 << ' ' << b.attr_a << ' '
-           << b.attr_b << " '" << b.name << "')";
-    }
-    call << ' ' << width << ' ' << height << ' ' << resize;
-    calls.push_back(call.str());
-    return answer;
-  }
-  Frame Resize(Frame frame, std::size_t width, std::size_t height) override {
-    return Record("Resize " + frame->name + ' ' + std::to_string(width) + ' ' +
-                  std::to_string(height));
-  }
-  Frame CvtColor(Frame frame, QXPixelFormat format) override {
-    return Record("CvtColor " + frame->name + ' ' + std::to_string(format));
-  }
-  Frame Decode(const unsigned char* data, std::size_t size) override {
-    return Record("Decode " + std::string(data, data + 2) + ' ' + std::to_string(size));
-  }
-  std::vector<unsigned char> Encode(Frame frame, ImageFileFormat format,
-                                    const EncodeParams& params) override {
-    Record("Encode " + frame->name + ' ' + std::to_string(format) + ' ' +
-           std::to_string(params.quality));
-    return {7, 8, 9};
-  }
-
-  std::vector<std::string> calls;
-  std::vector<Frame> answer = {std::make_shared<ImageFrameImpl>(),
-                               std::make_shared<ImageFrameImpl>()};
-
- private:
-  Frame Record(std::string call) {
-    calls.push_back(std::move(call));
-    return answer.front();
-  }
+  MOCK_METHOD(std::vector<Frame>, Crop,
+              (Frame, const std::vector<Box>&, std::size_t, std::size_t, bool), (override));
+  MOCK_METHOD(Frame, Resize, (Frame, std::size_t, std::size_t), (override));
+  MOCK_METHOD(Frame, CvtColor, (Frame, QXPixelFormat), (override));
+  MOCK_METHOD(Frame, Decode, (const unsigned char*, std::size_t), (override));
+  MOCK_METHOD(std::vector<unsigned char>, Encode, (Frame, ImageFileFormat, const EncodeParams&),
+              (override));
 };
+
+MATCHER_P(HasCorners, corners, "") {
+  return std::vector<float>{arg.x1, arg.y1, arg.x2, arg.y2, arg.attr_a, arg.attr_b} == corners &&
+         arg.name.empty();
+}
 
 // Each test leaves the process without an engine, as it found it.
 class MediaProcTest : public ::testing::Test {
  protected:
   MediaProcTest() : pixels_(640 * 480) {
     frame_ = ImageFrameImpl::Create(kQXPixelFormatGray8, pixels_.data(), 480, 640, 1);
-    frame_->name = "f";
-    boxes_[0].attr_a = 0.5F;
   }
   ~MediaProcTest() override { InstallMediaProcFactory(nullptr); }
 
@@ -107,32 +80,43 @@ TEST_F(MediaProcTest, FrontEndsReturnNothingWithoutAnEngineAndForTheInterfacesOw
 }
 
 TEST_F(MediaProcTest, FrontEndsHandOverTheirArgumentsAndReturnTheAnswer) {
-  auto engine = std::make_shared<RecordingEngine>();
+  auto engine = std::make_shared<MockEngine>();
   std::vector<int> devices;
   InstallMediaProcFactory([&](int device) {
     devices.push_back(device);
     return engine;
   });
   const LogCapture log;
-  const Frame first = engine->answer.front();
-  EXPECT_EQ(Decode(kFile, 5, -1), first);
-  EXPECT_EQ(Resize(frame_, 10, 20, 1), first);
-  EXPECT_EQ(Resize(frame_, 11, 21, false, 2), first);
-  EXPECT_EQ(Resize(frame_, 12, 22, true, 3), first);
-  EXPECT_EQ(Crop(frame_, boxes_, 4), engine->answer);
-  EXPECT_EQ(Crop(frame_, boxes_, 13, 23, true, 5), engine->answer);
-  EXPECT_EQ(CvtColor(frame_, kQXPixelFormatNV12, 6), first);
-  EXPECT_THAT(Encode(frame_, kImageFileFormatPng, EncodeParams{90}, 7), ElementsAre(7, 8, 9));
-  EXPECT_THAT(Encode(frame_, kImageFileFormatBmp, 8), ElementsAre(7, 8, 9));
-  EXPECT_THAT(engine->calls, ElementsAre("Decode ab 5", "Resize f 10 20", "Resize f 11 21",
-                                         "Crop f (0 0 639 479 0 0 '') 12 22 1",
-                                         "Crop f (1 2 3 4 0.5 0 'a') (5 6 7 8 0 0 'b') 0 0 0",
-                                         "Crop f (1 2 3 4 0.5 0 'a') (5 6 7 8 0 0 'b') 13 23 1",
-                                         "CvtColor f 6", "Encode f 1 90", "Encode f 2 0"));
-  EXPECT_THAT(devices, ElementsAre(-1, 1, 2, 3, 4, 5, 6, 7, 8));
+  const Frame made = std::make_shared<ImageFrameImpl>();
+  const std::vector<Frame> cut = {made, std::make_shared<ImageFrameImpl>()};
+  const std::vector<unsigned char> file = {7, 8, 9};
+  const auto given = [this](auto& boxes) { return &boxes == &boxes_; };
+  const ::testing::InSequence in_this_order;
+  EXPECT_CALL(*engine, Decode(kFile, 5)).WillOnce(Return(made));
+  EXPECT_CALL(*engine, Resize(frame_, 10, 20)).WillOnce(Return(made));
+  EXPECT_CALL(*engine, Resize(frame_, 11, 21)).WillOnce(Return(made));
+  const auto whole = ElementsAre(HasCorners(std::vector<float>{0, 0, 639, 479, 0, 0}));
+  EXPECT_CALL(*engine, Crop(frame_, whole, 12, 22, true)).WillOnce(Return(cut));
+  EXPECT_CALL(*engine, Crop(frame_, Truly(given), 0, 0, false)).WillOnce(Return(cut));
+  EXPECT_CALL(*engine, Crop(frame_, Truly(given), 13, 23, true)).WillOnce(Return(cut));
+  EXPECT_CALL(*engine, CvtColor(frame_, kQXPixelFormatNV12)).WillOnce(Return(made));
+  const auto quality = [](std::uint32_t value) { return Field(&EncodeParams::quality, value); };
+  EXPECT_CALL(*engine, Encode(frame_, kImageFileFormatPng, quality(90))).WillOnce(Return(file));
+  EXPECT_CALL(*engine, Encode(frame_, kImageFileFormatBmp, quality(0))).WillOnce(Return(file));
+  EXPECT_CALL(*engine, Crop(frame_, whole, 12, 22, true)).WillOnce(Return(std::vector<Frame>()));
+
+  EXPECT_EQ(Decode(kFile, 5, -1), made);
+  EXPECT_EQ(Resize(frame_, 10, 20, 1), made);
+  EXPECT_EQ(Resize(frame_, 11, 21, false, 2), made);
+  EXPECT_EQ(Resize(frame_, 12, 22, true, 3), made);
+  EXPECT_EQ(Crop(frame_, boxes_, 4), cut);
+  EXPECT_EQ(Crop(frame_, boxes_, 13, 23, true, 5), cut);
+  EXPECT_EQ(CvtColor(frame_, kQXPixelFormatNV12, 6), made);
+  EXPECT_EQ(Encode(frame_, kImageFileFormatPng, EncodeParams{90}, 7), file);
+  EXPECT_EQ(Encode(frame_, kImageFileFormatBmp, 8), file);
+  EXPECT_EQ(Resize(frame_, 12, 22, true, 9), nullptr);
+  EXPECT_THAT(devices, ElementsAre(-1, 1, 2, 3, 4, 5, 6, 7, 8, 9));
   EXPECT_EQ(engine.use_count(), 1) << "released with each call";
-  engine->answer.clear();
-  EXPECT_EQ(Resize(frame_, 12, 22, true, 0), nullptr);
   EXPECT_THAT(log.Messages(), IsEmpty());
 }
 
