@@ -1,6 +1,9 @@
 // Control of the emulated board: what the correlation functions run on when the library was built
 // with the emulated device runtime, as it is by default. docs/fpga.md describes the board.
 //
+// On first use the log has one WARNING line, that no real board is used. A process that has called
+// SetSettings() or has a QXTOOLS_BOARD_ variable in its environment knows, and gets none.
+//
 // In a library built for a real board IsEmulated() returns false and everything else throws
 // std::logic_error.
 //
@@ -42,8 +45,9 @@ struct Settings {
 // channels, disparities) and QXTOOLS_BOARD_RUN_TIME_US.
 [[nodiscard]] QXTOOLS_EXPORT Settings GetSettings();
 
-// Errors: std::invalid_argument, and nothing changes, when a dimension is zero, a buffer of that
-//         geometry would exceed 2^31 - 1 bytes, run_time is negative or end_value is 1.
+// Errors: std::invalid_argument, and nothing changes, when a dimension is zero, the built-in
+//         container has no memory for the buffers of that geometry (768 MiB for both inputs, 512 MiB
+//         for the output), run_time is negative or end_value is 1.
 QXTOOLS_EXPORT void SetSettings(const Settings& settings);
 
 struct MemoryGroup {
@@ -73,7 +77,9 @@ struct Status {
 //
 // A call of the device runtime fails by throwing std::runtime_error, "open" with EACCES, "mmap"
 // with EPERM, "nanosleep" by being interrupted half way. "unit.hang" makes the run never end,
-// "unit.error" makes it end at once with an error value and no output.
+// "unit.error" makes it end at once with an error value and no output. The functions of
+// fpga_correlation.h cannot tell that end from a good one: they return, and the output frame holds
+// what its buffer held before, such as the previous run's costs. Only the log has an ERROR line.
 // Errors: std::invalid_argument when FaultNames() does not list `name`, or `nth` is 0.
 QXTOOLS_EXPORT void FailCall(const std::string& name, unsigned nth = 1);
 

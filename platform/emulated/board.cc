@@ -1,9 +1,13 @@
 #include "platform/emulated/board.h"
 
+#include <glog/logging.h>
+
 #include <algorithm>
+#include <filesystem>
 #include <fstream>
-#include <iterator>
+#include <ios>
 #include <stdexcept>
+#include <system_error>
 
 #include "platform/emulated/board_environment.h"
 
@@ -11,11 +15,39 @@ namespace qx {
 namespace platform {
 namespace {
 
+namespace fs = std::filesystem;
+
 // Where an installed board keeps its container; answered by the built-in one when there is none.
 constexpr char kDefaultPath[] = "/lib/firmware/xilinx/k26brannoc/k26brannoc.xclbin";
+constexpr std::uintmax_t kMaxContainerBytes = 1 << 20;
+constexpr char kHint[] =
+    "this qxtools emulates the board; build it with QXTOOLS_DEVICE_RUNTIME=system for a real one";
 
 [[noreturn]] void Fail(const std::string& what) {
   throw std::runtime_error("emulated board: " + what);
+}
+
+// Throws unless a file that exists is a regular one of at most kMaxContainerBytes.
+void RequireSmallFile(const std::string& path) {
+  std::error_code error;
+  const fs::file_status status = fs::status(path, error);
+  if (!fs::exists(status)) return;
+  if (!fs::is_regular_file(status)) Fail("the container '" + path + "' is no regular file");
+  const std::uintmax_t bytes = fs::file_size(path, error);
+  if (error || bytes > kMaxContainerBytes) {
+    Fail("the container '" + path + "' is larger than 1 MiB: it is none of an emulated board; " +
+         kHint);
+  }
+}
+
+// Returns: the file's bytes, no more than kMaxContainerBytes even if it grows meanwhile.
+std::string ReadSmallFile(std::ifstream& file) {
+  std::string text;
+  char block[4096];
+  while (text.size() < kMaxContainerBytes && (file.read(block, sizeof(block)), file.gcount() > 0)) {
+    text.append(block, static_cast<std::size_t>(file.gcount()));
+  }
+  return text;
 }
 
 }  // namespace
@@ -23,10 +55,13 @@ constexpr char kDefaultPath[] = "/lib/firmware/xilinx/k26brannoc/k26brannoc.xclb
 Board::Board() : settings_(SettingsFromEnvironment()), unit_(memory_, log_) {
   unit_.Configure(settings_);
   InjectFaultsFromEnvironment(log_);
+  known_ = IsSetInEnvironment();
 }
 
 Board& Board::Get() {
-  static Board board;
+  // Never destroyed: objects that are destroyed after main(), such as a Kernel_FPGA with a global
+  // owner, still release their buffers and handles here.
+  static Board& board = *new Board;
   return board;
 }
 
@@ -36,13 +71,20 @@ emulated_board::Settings Board::settings() const {
 }
 
 void Board::SetSettings(const emulated_board::Settings& settings) {
-  const std::string fault = GeometryFault(settings.geometry);
+  const std::string fault = GeometryFault(BuiltInContainer(settings.geometry));
   if (!fault.empty()) throw std::invalid_argument(fault);
   if (settings.run_time.count() < 0) throw std::invalid_argument("run_time must not be negative");
   if (settings.end_value == 1) throw std::invalid_argument("1 in the control word means running");
+  known_ = true;
   const std::lock_guard<std::mutex> lock(mutex_);
   settings_ = settings;
   unit_.Configure(settings);
+}
+
+void Board::TellOnce() {
+  if (known_.exchange(true)) return;
+  LOG(WARNING) << "no real board is used: correlation runs are computed on this processor; "
+               << kHint;
 }
 
 emulated_board::Status Board::GetStatus() const {
@@ -66,19 +108,22 @@ emulated_board::Status Board::GetStatus() const {
 }
 
 Container Board::ReadContainer(const std::string& path, bool& built_in) const {
+  RequireSmallFile(path);
   std::ifstream file(path, std::ios::binary);
   built_in = !file && path == kDefaultPath;
   if (built_in) return BuiltInContainer(settings_.geometry);
   if (!file) Fail("cannot open the container '" + path + "'");
-  const std::string text{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+  const std::string text = ReadSmallFile(file);
   try {
     return ParseContainer(text);
   } catch (const std::exception& error) {
-    Fail("'" + path + "' is no container of an emulated board: " + error.what());
+    const std::string hint = text.compare(0, 1, "{") == 0 ? "" : std::string("; ") + kHint;
+    Fail("'" + path + "' is no container of an emulated board: " + error.what() + hint);
   }
 }
 
 std::uint64_t Board::Load(const std::string& path) {
+  TellOnce();
   const std::lock_guard<std::mutex> lock(mutex_);
   bool built_in = false;
   const Container container = ReadContainer(path, built_in);

@@ -20,7 +20,7 @@ namespace platform {
 // Threads: safe from any thread. Failures are std::runtime_error.
 class Board {
  public:
-  // The one board of the process, made on first use.
+  // The one board of the process, made on first use and there to its end.
   static Board& Get();
 
   CallLog& log() { return log_; }
@@ -46,11 +46,14 @@ class Board {
  private:
   Board();
 
+  // Says in the log that the board is an emulated one, unless the process has shown that it knows.
+  void TellOnce();
   Container ReadContainer(const std::string& path, bool& built_in) const;
 
   CallLog log_;
   PhysicalMemory memory_;
   std::atomic<std::int64_t> transfer_ns_{0};
+  std::atomic<bool> known_{false};
 
   mutable std::mutex mutex_;
   emulated_board::Settings settings_;
@@ -61,7 +64,7 @@ class Board {
   unsigned shared_handles_ = 0;
   bool exclusive_handle_ = false;
 
-  ComputeUnit unit_;  // last: its thread uses the log and the memory
+  ComputeUnit unit_;  // uses the log and the memory
 };
 
 }  // namespace platform

@@ -14,6 +14,10 @@ namespace qx {
 namespace platform {
 namespace {
 
+constexpr char kGeometry[] = "QXTOOLS_BOARD_GEOMETRY";
+constexpr char kRunTime[] = "QXTOOLS_BOARD_RUN_TIME_US";
+constexpr char kFaults[] = "QXTOOLS_BOARD_FAULTS";
+
 std::string Variable(const char* name) {
   const char* value = std::getenv(name);
   return value != nullptr ? value : "";
@@ -39,8 +43,7 @@ bool TakeSeparator(std::string& text, char separator) {
 }
 
 void ReadGeometry(emulated_board::Settings& settings) {
-  constexpr char kName[] = "QXTOOLS_BOARD_GEOMETRY";
-  const std::string value = Variable(kName);
+  const std::string value = Variable(kGeometry);
   if (value.empty()) return;
   emulated_board::Geometry g;
   std::string rest = value;
@@ -48,20 +51,20 @@ void ReadGeometry(emulated_board::Settings& settings) {
                       TakeNumber(rest, g.width) && TakeSeparator(rest, 'x') &&
                       TakeNumber(rest, g.channels) && TakeSeparator(rest, 'x') &&
                       TakeNumber(rest, g.disparities) && rest.empty();
-  if (!parsed) return Ignore(kName, value, "height, width, channels, disparities: 96x320x32x48");
-  const std::string fault = GeometryFault(g);
-  if (!fault.empty()) return Ignore(kName, value, fault);
+  if (!parsed)
+    return Ignore(kGeometry, value, "height, width, channels, disparities: 96x320x32x48");
+  const std::string fault = GeometryFault(BuiltInContainer(g));
+  if (!fault.empty()) return Ignore(kGeometry, value, fault);
   settings.geometry = g;
 }
 
 void ReadRunTime(emulated_board::Settings& settings) {
-  constexpr char kName[] = "QXTOOLS_BOARD_RUN_TIME_US";
-  const std::string value = Variable(kName);
+  const std::string value = Variable(kRunTime);
   if (value.empty()) return;
   std::uint32_t microseconds = 0;
   std::string rest = value;
   if (!TakeNumber(rest, microseconds) || !rest.empty()) {
-    return Ignore(kName, value, "a number of microseconds");
+    return Ignore(kRunTime, value, "a number of microseconds");
   }
   settings.run_time = std::chrono::microseconds(microseconds);
 }
@@ -76,8 +79,7 @@ emulated_board::Settings SettingsFromEnvironment() {
 }
 
 void InjectFaultsFromEnvironment(CallLog& log) {
-  constexpr char kName[] = "QXTOOLS_BOARD_FAULTS";
-  std::string list = Variable(kName);
+  std::string list = Variable(kFaults);
   while (!list.empty()) {
     const std::string item = list.substr(0, list.find(','));
     list.erase(0, item.size() + 1);
@@ -85,15 +87,19 @@ void InjectFaultsFromEnvironment(CallLog& log) {
     std::string count = at == std::string::npos ? "1" : item.substr(at + 1);
     unsigned nth = 0;
     if (!TakeNumber(count, nth) || !count.empty()) {
-      Ignore(kName, item, "a use number follows the '@'");
+      Ignore(kFaults, item, "a use number follows the '@'");
       continue;
     }
     try {
       log.Inject(item.substr(0, at), nth);
     } catch (const std::invalid_argument& error) {
-      Ignore(kName, item, error.what());
+      Ignore(kFaults, item, error.what());
     }
   }
+}
+
+bool IsSetInEnvironment() {
+  return !(Variable(kGeometry) + Variable(kRunTime) + Variable(kFaults)).empty();
 }
 
 }  // namespace platform

@@ -14,5 +14,8 @@ emulated_board::Settings SettingsFromEnvironment();
 // QXTOOLS_BOARD_FAULTS: names, separated by commas, each with an optional "@" and use number.
 void InjectFaultsFromEnvironment(CallLog& log);
 
+// Returns: whether any of these variables is set.
+bool IsSetInEnvironment();
+
 }  // namespace platform
 }  // namespace qx

@@ -3,8 +3,10 @@
 #include <glog/logging.h>
 #include <sys/mman.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <system_error>
+#include <thread>
 
 #include "platform/emulated/correlation_model.h"
 #include "platform/volatile_word.h"
@@ -21,19 +23,13 @@ constexpr std::uint32_t kErrorValue = 0x80000006;  // control word after a run t
 constexpr std::chrono::milliseconds kAlertPeriod{1};
 constexpr std::chrono::microseconds kRest{200};
 
+// Of all run times; longer ones would overflow the clock.
+constexpr std::chrono::hours kLongest{24 * 365};
+
 }  // namespace
 
 void ComputeUnit::Unmapper::operator()(volatile std::uint32_t* registers) const {
   munmap(const_cast<std::uint32_t*>(registers), kRegisterBlockBytes);
-}
-
-ComputeUnit::~ComputeUnit() {
-  {
-    const Lock lock(mutex_);
-    stop_ = true;
-  }
-  changed_.notify_all();
-  if (thread_.joinable()) thread_.join();
 }
 
 void ComputeUnit::Program(const Container& container) {
@@ -42,6 +38,7 @@ void ComputeUnit::Program(const Container& container) {
   changed_.notify_all();
   changed_.wait(lock, [this] { return !statistics_.running; });
   abandon_ = false;
+  ReserveMemory(container.geometry);
   void* map = mmap(nullptr, kRegisterBlockBytes, PROT_READ | PROT_WRITE, MAP_SHARED, memory_.fd(),
                    static_cast<off_t>(PageOf(container.base_address)));
   if (map == MAP_FAILED) {
@@ -52,12 +49,20 @@ void ComputeUnit::Program(const Container& container) {
     StoreWord(Register(offset), 0);
   }
   container_ = container;
-  const auto& geometry = container.geometry;
+  if (watched_) return;
+  std::thread([this] { Watch(); }).detach();
+  watched_ = true;
+}
+
+// Touches nothing: a large geometry costs its memory in the first run.
+void ComputeUnit::ReserveMemory(const emulated_board::Geometry& geometry) {
   const std::size_t pixels = std::size_t{geometry.height} * geometry.width;
-  left_.resize(pixels * geometry.channels);
-  right_.resize(pixels * geometry.channels);
-  cost_.resize(pixels * geometry.disparities);
-  if (!thread_.joinable()) thread_ = std::thread([this] { Watch(); });
+  for (auto* map : {&left_, &right_}) {
+    map->clear();
+    map->reserve(pixels * geometry.channels);
+  }
+  cost_.clear();
+  cost_.reserve(pixels * geometry.disparities);
 }
 
 void ComputeUnit::Configure(const emulated_board::Settings& settings) {
@@ -130,7 +135,7 @@ bool ComputeUnit::HasStarted() const {
 
 void ComputeUnit::Watch() {
   Lock lock(mutex_);
-  while (!stop_) {
+  while (true) {
     if (HasStarted()) {
       Run(lock);
     } else {
@@ -141,7 +146,7 @@ void ComputeUnit::Watch() {
 
 void ComputeUnit::Rest(Lock& lock) {
   if (statistics_.handles == 0) {
-    changed_.wait(lock, [this] { return stop_ || statistics_.handles != 0 || HasStarted(); });
+    changed_.wait(lock, [this] { return statistics_.handles != 0 || HasStarted(); });
     return;
   }
   if (Clock::now() >= alert_until_) {
@@ -167,14 +172,15 @@ void ComputeUnit::Run(Lock& lock) {
     computed = Compute(job);
     lock.lock();
   }
-  const auto interrupted = [this] { return stop_ || abandon_; };
-  changed_.wait_until(lock, start + settings_.run_time, interrupted);
+  if (fails) LOG(ERROR) << "emulated board: the run ends with an error value (injected fault)";
+  changed_.wait_until(lock, start + std::min<std::chrono::microseconds>(settings_.run_time, kLongest),
+                      [this] { return abandon_; });
   changed_.notify_all();
-  changed_.wait(lock, [&] { return interrupted() || !hung_; });
+  changed_.wait(lock, [this] { return abandon_ || !hung_; });
 
   if (abandon_) {
     StoreWord(Register(kControlOffset), 0);
-  } else if (!stop_) {
+  } else {
     FinishRun(job, computed);
   }
   statistics_.kernel_time += Clock::now() - start;
@@ -191,6 +197,10 @@ ComputeUnit::Job ComputeUnit::LatchJob() const {
 }
 
 bool ComputeUnit::Compute(const Job& job) {
+  const auto& geometry = container_.geometry;
+  const std::size_t pixels = std::size_t{geometry.height} * geometry.width;
+  left_.resize(pixels * geometry.channels);
+  right_.resize(pixels * geometry.channels);
   if (!memory_.Read(job.left, left_.data(), left_.size()) ||
       !memory_.Read(job.right, right_.data(), right_.size())) {
     LOG(ERROR)
@@ -199,7 +209,7 @@ bool ComputeUnit::Compute(const Job& job) {
         << ", but no such buffers exist; do the buffer sizes match the container's geometry?";
     return false;
   }
-  Correlate(container_.geometry, left_, right_, job.exponent, cost_);
+  Correlate(geometry, left_, right_, job.exponent, cost_);
   return true;
 }
 

@@ -7,7 +7,6 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
-#include <thread>
 #include <vector>
 
 #include "platform/emulated/call_log.h"
@@ -17,11 +16,12 @@
 namespace qx {
 namespace platform {
 
-// Threads: safe from any thread.
+// Threads: safe from any thread. A unit that has been programmed must not be destroyed any more:
+// its
+//          thread watches for as long as the process lives.
 class ComputeUnit {
  public:
   ComputeUnit(PhysicalMemory& memory, CallLog& log) : memory_(memory), log_(log) {}
-  ~ComputeUnit();
   ComputeUnit(const ComputeUnit&) = delete;
   ComputeUnit& operator=(const ComputeUnit&) = delete;
 
@@ -66,6 +66,7 @@ class ComputeUnit {
     std::uint32_t left, right, output, exponent;
   };
 
+  void ReserveMemory(const emulated_board::Geometry& geometry);
   void Watch();
   void Rest(Lock& lock);
   void Run(Lock& lock);
@@ -87,12 +88,11 @@ class ComputeUnit {
   // progress, else under the mutex.
   std::vector<std::int8_t> left_, right_, cost_;
   emulated_board::Settings settings_;
-  bool stop_ = false;
   bool abandon_ = false;  // the run in progress shall end without a trace
   bool hung_ = false;     // the run in progress waits for EndHungRun()
   Clock::time_point alert_until_;
   Statistics statistics_;
-  std::thread thread_;  // last: it uses everything above
+  bool watched_ = false;  // the thread has been started
 };
 
 }  // namespace platform

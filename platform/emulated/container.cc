@@ -1,6 +1,7 @@
 #include "platform/emulated/container.h"
 
 #include <algorithm>
+#include <iterator>
 #include <limits>
 #include <stdexcept>
 
@@ -17,8 +18,8 @@ void CheckArguments(const Container& container) {
     const auto& argument = container.arguments[i];
     const std::string name = "argument " + std::to_string(i);
     if (argument.offset % kRegisterBytes != 0 || argument.offset == 0 ||
-        argument.offset >= kRegisterBlockBytes) {
-      Fail(name + ": the offset must be a multiple of 4 between 4 and 65532");
+        argument.offset >= kPageBytes) {
+      Fail(name + ": the offset must be a multiple of 4 between 4 and 4092");
     }
     for (std::size_t k = 0; k < i; ++k) {
       if (container.arguments[k].offset == argument.offset) Fail(name + ": offset used twice");
@@ -60,7 +61,8 @@ void CheckMemory(const Container& container) {
 
 }  // namespace
 
-std::string GeometryFault(const emulated_board::Geometry& g) {
+std::string GeometryFault(const Container& container) {
+  const auto& g = container.geometry;
   if (g.height == 0 || g.width == 0 || g.channels == 0 || g.disparities == 0) {
     return "no dimension of the geometry may be zero";
   }
@@ -69,15 +71,26 @@ std::string GeometryFault(const emulated_board::Geometry& g) {
   if (pixels > kLimit / g.channels || pixels > kLimit / g.disparities) {
     return "the geometry needs a buffer of more than 2^31 - 1 bytes";
   }
+  const std::uint64_t bytes[] = {pixels * g.channels, pixels * g.channels, pixels * g.disparities};
+  for (const auto& memory : container.memory) {
+    std::uint64_t needed = 0;
+    for (std::size_t i = 0; i < std::size(bytes); ++i) {
+      if (container.arguments[i].group == memory.group) needed += RoundUpToPages(bytes[i]);
+    }
+    if (needed > memory.size) {
+      return "the geometry's buffers do not fit memory group " + std::to_string(memory.group) +
+             ": they need " + std::to_string(needed) + " bytes";
+    }
+  }
   return "";
 }
 
 Container ParseContainer(const std::string& text) {
   Container container = ReadContainer(text);
-  const std::string fault = GeometryFault(container.geometry);
-  if (!fault.empty()) Fail(fault);
   CheckMemory(container);
   CheckArguments(container);
+  const std::string fault = GeometryFault(container);
+  if (!fault.empty()) Fail(fault);
   container.identity = text;
   return container;
 }

@@ -36,6 +36,7 @@ struct Container {
 
 // Where the registers of the unit are: its page; offsets count from the start of the page.
 inline std::uint64_t PageOf(std::uint64_t address) { return address & ~(kPageBytes - 1); }
+inline std::uint64_t RoundUpToPages(std::uint64_t bytes) { return PageOf(bytes + kPageBytes - 1); }
 
 // Throws std::runtime_error that says which part is wrong. ReadContainer() reads the text, without
 // a look at whether the values fit together; ParseContainer() does both.
@@ -43,8 +44,9 @@ Container ReadContainer(const std::string& text);
 Container ParseContainer(const std::string& text);
 Container BuiltInContainer(const emulated_board::Geometry& geometry);
 
-// Returns: what is wrong with a geometry, empty when nothing is.
-std::string GeometryFault(const emulated_board::Geometry& geometry);
+// Returns: what is wrong with a container's geometry, empty when nothing is: a dimension of zero,
+// or buffers for which its memory groups have no room.
+std::string GeometryFault(const Container& container);
 
 }  // namespace platform
 }  // namespace qx

@@ -14,10 +14,6 @@ namespace qx {
 namespace platform {
 namespace {
 
-std::uint64_t RoundUpToPages(std::uint64_t bytes) {
-  return (bytes + kPageBytes - 1) / kPageBytes * kPageBytes;
-}
-
 // Moves all of `bytes` with pread or pwrite, which may move less at a time.
 template <typename Byte, typename Transfer>
 bool TransferAll(Transfer transfer, int fd, Byte* host, std::size_t bytes, std::uint64_t address) {

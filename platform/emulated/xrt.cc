@@ -1,5 +1,6 @@
 // The device runtime's operations on the emulated board.
 #include <chrono>
+#include <cstdio>
 #include <cstring>
 #include <stdexcept>
 #include <string>
