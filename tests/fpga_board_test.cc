@@ -1,7 +1,13 @@
-// The emulated board itself: containers, handles, memory, and that it computes what the processor
+// The emulated board: containers, handles, memory, faults, and that it computes what the processor
 // computes.
+#include <sys/stat.h>
+
+#include <array>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
+#include <iterator>
+#include <thread>
 
 #include "platform/emulated/board_environment.h"
 #include "tests/testing/fpga_runs.h"
@@ -16,7 +22,11 @@ namespace utils {
 namespace image {
 namespace {
 
+namespace fs = std::filesystem;
+using emulated_board::FailCall;
 using emulated_board::Geometry;
+using emulated_board::GetStatus;
+using std::chrono::milliseconds;
 
 const char kContainer[] = R"({
   "format": "qxtools emulated container 1",
@@ -30,8 +40,7 @@ const char kContainer[] = R"({
 
 std::string Replaced(const std::string& from, const std::string& to) {
   std::string text = kContainer;
-  text.replace(text.find(from), from.size(), to);
-  return text;
+  return text.replace(text.find(from), from.size(), to);
 }
 
 // A container file that Kernel_FPGA and the command find through the environment.
@@ -43,7 +52,7 @@ class ContainerFile {
   }
   ~ContainerFile() {
     unsetenv("xclbin_path");
-    std::remove(path.c_str());
+    fs::remove(path);
   }
   ContainerFile(const ContainerFile&) = delete;
   ContainerFile& operator=(const ContainerFile&) = delete;
@@ -51,33 +60,98 @@ class ContainerFile {
   const std::string path;
 };
 
+// What a process can leak besides memory that a sanitizer sees: descriptors, threads, mappings of
+// the board's memory; and what the board has handed out.
+std::vector<std::ptrdiff_t> CountResources() {
+  const auto entries = [](const char* folder) {
+    return std::distance(fs::directory_iterator(folder), {});
+  };
+  std::ifstream maps("/proc/self/maps");
+  std::ptrdiff_t mappings = 0;
+  for (std::string line; std::getline(maps, line);) {
+    mappings += line.find("qxtools-board") != line.npos ? 1 : 0;
+  }
+  const emulated_board::Status status = GetStatus();
+  return {entries("/proc/self/fd"), entries("/proc/self/task"), mappings,
+          static_cast<std::ptrdiff_t>(status.buffers + status.open_units)};
+}
+
+class FpgaBoard : public ::testing::Test {
+ protected:
+  void ExpectGoodRun(Way way) {
+    std::fill(maps_.cost.begin(), maps_.cost.end(), 0xA5);
+    maps_.Run(way);
+    EXPECT_EQ(maps_.cost, maps_.Expected()) << NameOf(way);
+  }
+
+  // Runs and returns the error, empty when the run went through.
+  std::string ErrorOf(Way way, const char* container = kContainerPath, int device = 0) {
+    try {
+      maps_.Run(way, kUnitName, container, device);
+      return "";
+    } catch (const std::runtime_error& error) {
+      return error.what();
+    }
+  }
+
+  BoardScope board_;
+  StereoMaps maps_{{2, 8, 32, 4}};
+};
+
+// These two come first: their processes must not have used the board before.
+std::shared_ptr<Kernel_FPGA> g_owner;
+
+// The board was destroyed before an object whose global owner was older: signal 11 at exit().
+TEST(FpgaBoardProcess, AGlobalOwnerOutlivesMain) {
+  EXPECT_EXIT(
+      {
+        g_owner = std::make_shared<Kernel_FPGA>(0, 512, 64);
+        std::exit(0);
+      },
+      ::testing::ExitedWithCode(0), "");
+}
+
+TEST(FpgaBoardProcess, SaysOnceThatNoRealBoardIsUsedUnlessTheProcessKnows) {
+  for (const bool knows : {false, true}) {
+    EXPECT_EXIT(
+        {
+          if (knows) emulated_board::SetSettings(emulated_board::GetSettings());
+          const LogCapture log;
+          for (int i = 0; i < 2; ++i) DescribeCorrelationUnit(0);
+          std::exit(static_cast<int>(log.Messages(google::WARNING).size()));
+        },
+        ::testing::ExitedWithCode(knows ? 0 : 1), "")
+        << knows;
+  }
+}
+
 // A product of exactly 2^-e, e >= 0, gives the processor's bytes; so does a product of zero. Others
 // between 0 and 1 act as the next larger power of two.
-TEST(FpgaBoard, ComputesWhatTheProcessorComputes) {
+TEST_F(FpgaBoard, ComputesWhatTheProcessorComputes) {
   const Geometry shapes[] = {{3, 40, 32, 16}, {2, 17, 96, 33}, {1, 5, 48, 9},   {4, 3, 31, 2},
                              {1, 1, 64, 1},   {2, 9, 2048, 4}, {5, 70, 160, 64}};
-  const struct {
-    float product, acts_as;
-  } cases[] = {{1.0F, 1.0F},           {0.5F, 0.5F},         {0x1p-5F, 0x1p-5F},
-               {0x1p-7F, 0x1p-7F},     {0x1p-20F, 0x1p-20F}, {0x1p-126F, 0x1p-126F},
-               {0x1p-140F, 0x1p-140F}, {0.0F, 0.0F},         {0.01F, 0x1p-6F}};
+  const std::pair<float, float> products[] = {
+      // and what they act as
+      {1.0F, 1.0F},           {0.5F, 0.5F},         {0x1p-5F, 0x1p-5F},
+      {0x1p-7F, 0x1p-7F},     {0x1p-20F, 0x1p-20F}, {0x1p-126F, 0x1p-126F},
+      {0x1p-140F, 0x1p-140F}, {0.0F, 0.0F},         {0.01F, 0x1p-6F}};
   for (const Geometry& shape : shapes) {
-    const BoardScope board(shape);
+    board_.settings.geometry = shape;
+    board_.Apply();
     StereoMaps maps(shape, shape.width);
     std::fill_n(maps.left_bytes.begin(), shape.channels, 0x80);  // the extremes, too
     std::fill_n(maps.right_bytes.begin(), shape.channels, 0x80);
     Kernel_FPGA kernel(0, maps.input_size(), maps.output_size());
-    for (const auto& c : cases) {
-      maps.SetScales(c.product, 1.0F, 1.0F);
+    for (const auto& [product, acts_as] : products) {
+      maps.SetScales(product, 1.0F, 1.0F);
       maps.RunOn(kernel);
-      maps.SetScales(c.acts_as, 1.0F, 1.0F);
-      EXPECT_EQ(maps.cost, maps.Expected())
-          << shape.width << 'x' << shape.channels << ", product " << c.product;
+      maps.SetScales(acts_as, 1.0F, 1.0F);
+      EXPECT_EQ(maps.cost, maps.Expected()) << shape.width << 'x' << shape.channels << product;
     }
   }
 }
 
-TEST(FpgaBoard, ContainerTextsAreChecked) {
+TEST_F(FpgaBoard, ContainerTextsAreChecked) {
   EXPECT_NO_THROW(emulated_board::CheckContainer(kContainer));
   const struct {
     const char *from, *to, *error;
@@ -93,9 +167,11 @@ TEST(FpgaBoard, ContainerTextsAreChecked) {
       {"\"height\": 2", "\"height\": 0", "no dimension"},
       {"\"height\": 2", "\"height\": 4294967295", "2^31 - 1"},
       {"\"height\": 2", "\"height\": 4294967296", "exceeds 32 bits"},
+      {"\"height\": 2", "\"height\": 17", "do not fit memory group 0: they need 16384 bytes"},
+      {"\"disparities\": 4", "\"disparities\": 769", "do not fit memory group 1"},
       {"\"offset\": 16", "\"offset\": 0", "argument 0: the offset"},
       {"\"offset\": 16", "\"offset\": 18", "argument 0: the offset"},
-      {"\"offset\": 16", "\"offset\": 65536", "argument 0: the offset"},
+      {"\"offset\": 16", "\"offset\": 4096", "argument 0: the offset"},
       {"\"offset\": 40", "\"offset\": 16", "argument 2: offset used twice"},
       {"40, \"group\": 1", "40, \"group\": 7", "argument 2: no memory group 7"},
       {"{\"offset\": 16, \"group\": 0}, ", "", "\"arguments\" must list"},
@@ -114,146 +190,124 @@ TEST(FpgaBoard, ContainerTextsAreChecked) {
   }
 }
 
-TEST(FpgaBoard, ContainerFileDecidesAddressesOffsetsAndGeometry) {
-  const BoardScope board({1, 1, 1, 1});
+TEST_F(FpgaBoard, ContainerFileDecidesAddressesOffsetsAndGeometry) {
   std::string text = Replaced("\"0xA0000000\"", "\"0xB0000010\"");  // low bits do not count
   text.replace(text.find("\"offset\": 16"), 12, "\"offset\": 256");
   const ContainerFile file(text);
-  StereoMaps maps({2, 8, 32, 4});
-  maps.Run(Way::kObject);
-  EXPECT_EQ(maps.cost, maps.Expected());
-
+  ExpectGoodRun(Way::kObject);
   const CorrelationUnit unit = DescribeCorrelationUnit(0);
   EXPECT_EQ(unit.base_address, 0xB0000010U);
   EXPECT_THAT(unit.offsets, ElementsAre(256, 0x1C, 40, 52));
   EXPECT_THAT(unit.memory_groups, ElementsAre(0, 0, 1));
-  const emulated_board::Status status = emulated_board::GetStatus();
-  EXPECT_EQ(status.container, file.path);
-  EXPECT_EQ(status.geometry.channels, 32U);
-  EXPECT_FALSE(status.built_in);
-
+  EXPECT_EQ(GetStatus().container, file.path);
+  EXPECT_FALSE(GetStatus().built_in);
   // The one-shot looks for the registers at their usual place, where nothing answers.
-  SetKernelTimeLimit(std::chrono::milliseconds(10));
-  EXPECT_THROW(maps.Run(Way::kOneShot, kUnitName, file.path.c_str()), KernelTimeout);
-  maps.Run(Way::kOld, kUnitName, file.path.c_str());
-  EXPECT_EQ(maps.cost, maps.Expected());
+  SetKernelTimeLimit(milliseconds(10));
+  EXPECT_THROW(maps_.Run(Way::kOneShot, kUnitName, file.path.c_str()), KernelTimeout);
+  EXPECT_EQ(ErrorOf(Way::kOld, file.path.c_str()), "");
+  EXPECT_EQ(maps_.cost, maps_.Expected());
 }
 
-TEST(FpgaBoard, ARegisterOutsideThePageIsRefusedNotTouched) {
-  const BoardScope board;
-  const ContainerFile file(Replaced("\"offset\": 52", "\"offset\": 4096"));
-  StereoMaps maps({2, 8, 32, 4});
-  EXPECT_THROW(maps.Run(Way::kObject), std::out_of_range);
-}
-
-TEST(FpgaBoard, WhatCannotBeLoadedOrBoundSaysWhy) {
-  const BoardScope board;
+// Files were read to their end before the first byte was looked at: 6 GB, /dev/zero, a FIFO.
+TEST_F(FpgaBoard, WhatCannotBeLoadedOrBoundSaysWhy) {
   const ContainerFile other_kernel(Replaced("\"Corr\"", "\"Warp\""));
-  const auto error_of = [](const char* container, int device) -> std::string {
-    try {
-      StereoMaps({2, 8, 32, 4}).Run(Way::kOneShot, "", container, device);
-    } catch (const std::runtime_error& error) {
-      return error.what();
-    }
-    return "";
-  };
-  EXPECT_THAT(error_of(kContainerPath, 1), HasSubstr("no device 1"));
-  EXPECT_THAT(error_of("/nowhere", 0), HasSubstr("cannot open the container '/nowhere'"));
-  EXPECT_THAT(error_of("/proc/self/exe", 0), HasSubstr("no container of an emulated board"));
-  EXPECT_THAT(error_of(other_kernel.path.c_str(), 0), HasSubstr("which has 'Warp:{Corr_1}'"));
+  const std::string fifo = testing::TempPath("fifo"), large = testing::TempPath("large");
+  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+  std::ofstream(large).close();
+  fs::resize_file(large, (1 << 20) + 1);
+  const std::pair<std::string, std::string> cases[] = {
+      {"/nowhere", "cannot open the container '/nowhere'"},
+      {"/proc/self/stat", "'/proc/self/stat' is no container of an emulated board"},
+      {"/proc", "'/proc' is no regular file"},
+      {"/dev/zero", "'/dev/zero' is no regular file"},
+      {fifo, fifo + "' is no regular file"},
+      {large, large + "' is larger than 1 MiB"},
+      {other_kernel.path, "which has 'Warp:{Corr_1}'"}};
+  for (const auto& [path, error] : cases) {
+    EXPECT_THAT(ErrorOf(Way::kOneShot, path.c_str()), HasSubstr(error));
+  }
+  fs::remove(fifo);
+  fs::remove(large);
+  EXPECT_THAT(ErrorOf(Way::kOneShot, kContainerPath, 1), HasSubstr("no device 1"));
   setenv("cu_name", "Warp:{Corr_1}", 1);  // binds, but it is not the kernel whose address is asked
-  EXPECT_THROW(Kernel_FPGA(0, 512, 64), std::runtime_error);
+  EXPECT_THAT(ErrorOf(Way::kObject), HasSubstr("no core 0 of kernel 'Corr'"));
   unsetenv("cu_name");
-  const ContainerFile small(Replaced("8192", "4096"));  // room for one page of inputs
-  EXPECT_THROW(Kernel_FPGA(0, 512, 64), std::runtime_error);
 }
 
-TEST(FpgaBoard, ExclusiveAndSharedHandlesExcludeEachOther) {
-  const BoardScope board;
-  StereoMaps maps({2, 8, 32, 4});
+TEST_F(FpgaBoard, ExclusiveAndSharedHandlesExcludeEachOther) {
   using Mode = xrt::kernel::cu_access_mode;
   xrt::device device(0);
   const xrt::uuid container = device.load_xclbin(kContainerPath);
   {
     const Kernel_FPGA first(0, 512, 64), second(0, 512, 64);
-    EXPECT_THROW(maps.Run(Way::kOld), std::runtime_error);
-    EXPECT_NO_THROW(maps.Run(Way::kOneShot));
+    EXPECT_THAT(ErrorOf(Way::kOld), HasSubstr("is in use"));
+    EXPECT_EQ(ErrorOf(Way::kOneShot), "");
     xrt::kernel shared(device, device.load_xclbin(kContainerPath), kUnitName, Mode::shared);
     EXPECT_THROW(shared.write_register(0x10, 0), std::runtime_error);
-    emulated_board::Settings other = board.settings;
-    other.geometry.width = 9;
-    emulated_board::SetSettings(other);  // another container, while the unit is open
-    EXPECT_THROW(maps.Run(Way::kOneShot), std::runtime_error);
-    board.Apply();
+    board_.settings.geometry.width = 9;
+    board_.Apply();  // another container, while the unit is open
+    EXPECT_THAT(ErrorOf(Way::kOneShot), HasSubstr("cannot load"));
+    board_.settings.geometry.width = 8;
+    board_.Apply();
   }
   const xrt::uuid reloaded = device.load_xclbin(kContainerPath);
   EXPECT_THROW(xrt::kernel(device, container, kUnitName, Mode::shared), std::runtime_error);
   xrt::kernel exclusive(device, reloaded, kUnitName, Mode::exclusive);
-  EXPECT_THROW(maps.Run(Way::kOld), std::runtime_error);
-  EXPECT_THROW(maps.Run(Way::kObject), std::runtime_error);
+  for (const Way way : kWays) EXPECT_THAT(ErrorOf(way), HasSubstr("is in use exclusively"));
   EXPECT_THROW(exclusive.write_register(65536, 0), std::runtime_error);
   EXPECT_THROW((void)exclusive.read_register(2), std::runtime_error);
   EXPECT_THROW((void)exclusive.offset(4), std::runtime_error);
 }
 
-TEST(FpgaBoard, OnlySynchronisingMakesTheCopiesOfABufferEqual) {
+// Only synchronising makes the two copies of a buffer equal. Memory is handed out once: buffers
+// never overlap, and that of a released one is used again.
+TEST_F(FpgaBoard, BuffersAreBlocksOfPhysicalMemory) {
   xrt::device device(0);
   device.load_xclbin(kContainerPath);
-  xrt::bo buffer(device, 8, xrt::bo::flags::normal, 0);
+  const auto make = [&](std::size_t bytes, unsigned group = 0) {
+    return std::make_unique<xrt::bo>(device, bytes, xrt::bo::flags::normal, group);
+  };
+  auto a = make(4097), b = make(8);
+  const std::uint64_t base = a->address(), one = 1, two = 2;
+  EXPECT_EQ(b->address(), base + 8192);
+  a.reset();
+  EXPECT_EQ(make(8193)->address(), base + 12288);  // the gap is too small
+  EXPECT_EQ(make(8192)->address(), base);
+  EXPECT_EQ(GetStatus().buffer_bytes, 8U);
   const auto value = [&] {
     std::uint64_t bytes = 0;
-    buffer.read(&bytes, 8, 0);
+    b->read(&bytes, 8, 0);
     return bytes;
   };
-  const std::uint64_t one = 1, two = 2;
-  buffer.write(&one, 8, 0);
-  buffer.sync(kSyncToDevice, 8, 0);
-  buffer.write(&two, 8, 0);
+  b->write(&one, 8, 0);
+  b->sync(kSyncToDevice, 8, 0);
+  b->write(&two, 8, 0);
   EXPECT_EQ(value(), 2U);
-  buffer.sync(kSyncFromDevice, 8, 0);
+  b->sync(kSyncFromDevice, 8, 0);
   EXPECT_EQ(value(), 1U);
-  EXPECT_THROW(buffer.write(&one, 8, 1), std::runtime_error);
-  EXPECT_THROW(buffer.sync(kSyncToDevice, 9, 0), std::runtime_error);
-  EXPECT_LT(buffer.address(), std::uint64_t{1} << 32);
+  EXPECT_THROW(b->write(&one, 8, 1), std::runtime_error);
+  EXPECT_THROW(b->sync(kSyncToDevice, 9, 0), std::runtime_error);
   for (const std::size_t bytes : {std::size_t{0}, std::size_t{0x40000000}, ~std::size_t{0}}) {
-    EXPECT_THROW(xrt::bo(device, bytes, xrt::bo::flags::normal, 0), std::runtime_error) << bytes;
+    EXPECT_THROW(make(bytes), std::runtime_error) << bytes;
   }
-  EXPECT_THROW(xrt::bo(device, 8, xrt::bo::flags::normal, 9), std::runtime_error);
+  EXPECT_THROW(make(8, 9), std::runtime_error);
 }
 
-// Buffers are reused when they have been released, and never overlap.
-TEST(FpgaBoard, MemoryIsHandedOutOnce) {
-  xrt::device device(0);
-  device.load_xclbin(kContainerPath);
-  const auto make = [&](std::size_t bytes) {
-    return std::make_unique<xrt::bo>(device, bytes, xrt::bo::flags::normal, 0U);
-  };
-  auto a = make(4097), b = make(1), c = make(4096);
-  const std::uint64_t base = a->address();
-  EXPECT_EQ(b->address(), base + 8192);
-  EXPECT_EQ(c->address(), base + 12288);
-  a.reset();
-  EXPECT_EQ(make(8193)->address(), base + 16384);  // the gap is too small
-  EXPECT_EQ(make(8192)->address(), base);
-  EXPECT_EQ(emulated_board::GetStatus().buffer_bytes, 4097U);
-}
-
-TEST(FpgaBoard, BuffersThatDoNotMatchTheGeometryAreReported) {
-  const BoardScope board({2, 8, 32, 4});
-  const struct {
-    Geometry maps;
-    const char* error = "";
-  } cases[] = {{{1, 8, 32, 8}, "the kernel needs 512 bytes"},
-               {{2, 8, 32, 2}, "the kernel writes 64 bytes at 0x40000000"}};
-  for (const auto& c : cases) {
-    StereoMaps maps(c.maps);
+TEST_F(FpgaBoard, RunsThatGiveNoResultAreReported) {
+  const auto errors_of = [](const Geometry& shape) {
+    StereoMaps maps(shape);
     const LogCapture log;
     maps.Run(Way::kOld);
-    EXPECT_THAT(log.Messages(google::ERROR), ElementsAre(HasSubstr(c.error)));
-  }
+    return log.Messages(google::ERROR);
+  };
+  EXPECT_THAT(errors_of({1, 8, 32, 8}), ElementsAre(HasSubstr("the kernel needs 512 bytes")));
+  EXPECT_THAT(errors_of({2, 8, 32, 2}),
+              ElementsAre(HasSubstr("the kernel writes 64 bytes at 0x40000000")));
+  FailCall("unit.error");
+  EXPECT_THAT(errors_of({2, 8, 32, 4}), ElementsAre(HasSubstr("ends with an error value")));
 }
 
-TEST(FpgaBoard, SettingsComeFromTheEnvironmentAndAreChecked) {
+TEST_F(FpgaBoard, SettingsComeFromTheEnvironmentAndAreChecked) {
   const struct {
     const char *name, *value;
     std::uint32_t width;
@@ -264,6 +318,7 @@ TEST(FpgaBoard, SettingsComeFromTheEnvironmentAndAreChecked) {
       {"QXTOOLS_BOARD_GEOMETRY", "4x5x32", 320, 0, 0, 1},
       {"QXTOOLS_BOARD_GEOMETRY", "4x0x32x7", 320, 0, 0, 1},
       {"QXTOOLS_BOARD_GEOMETRY", "4x5x32x7 ", 320, 0, 0, 1},
+      {"QXTOOLS_BOARD_GEOMETRY", "1x1000000000x1x1", 320, 0, 0, 1},
       {"QXTOOLS_BOARD_RUN_TIME_US", "2500", 320, 2500, 0, 0},
       {"QXTOOLS_BOARD_RUN_TIME_US", "-1", 320, 0, 0, 1},
       {"QXTOOLS_BOARD_FAULTS", "open,xrt::bo::sync@2", 320, 0, 2, 0},
@@ -289,6 +344,117 @@ TEST(FpgaBoard, SettingsComeFromTheEnvironmentAndAreChecked) {
   for (const auto& settings : bad) {
     EXPECT_THROW(emulated_board::SetSettings(settings), std::invalid_argument);
   }
+  EXPECT_THROW(FailCall("xrt::bo::fly"), std::invalid_argument);
+  EXPECT_THROW(FailCall("open", 0), std::invalid_argument);
+}
+
+TEST_F(FpgaBoard, EveryUseOfEveryCallCanFailAndNothingIsLeftBehind) {
+  SetKernelTimeLimit(milliseconds(20));
+  for (const Way way : kWays) ExpectGoodRun(way);
+  const auto before = CountResources();
+  std::vector<int> failures;
+  for (const Way way : kWays) {
+    failures.push_back(0);
+    for (const std::string& call : emulated_board::FaultNames()) {
+      for (unsigned nth = 1;; ++nth, ++failures.back()) {
+        SCOPED_TRACE(::testing::Message() << NameOf(way) << ": " << call << '@' << nth);
+        FailCall(call, nth);
+        const std::string error = ErrorOf(way);
+        if (emulated_board::ClearFaults() != 0) break;  // the run has fewer uses of this call
+        const bool passes = call == "unit.error" || call == "nanosleep";
+        EXPECT_THAT(error, HasSubstr(passes                ? ""
+                                     : call == "unit.hang" ? "within 20 ms"
+                                     : call == "mmap"      ? "map /dev/mem"
+                                                           : call));
+        EXPECT_EQ(error.empty(), passes);
+        ExpectGoodRun(way);  // gives back what a run that hangs has kept
+        EXPECT_EQ(CountResources(), before);
+      }
+    }
+  }
+  EXPECT_THAT(failures, ElementsAre(28, 26, 31));
+}
+
+TEST_F(FpgaBoard, AFailedRunLeavesTheObjectUsable) {
+  SetKernelTimeLimit(milliseconds(20));
+  Kernel_FPGA kernel(0, maps_.input_size(), maps_.output_size());
+  for (const char* call :
+       {"xrt::bo::write", "xrt::bo::sync", "xrt::kernel::offset", "xrt::bo::read", "unit.hang"}) {
+    FailCall(call);
+    EXPECT_THROW(maps_.RunOn(kernel), std::runtime_error) << call;
+    emulated_board::EndHungRun();
+    while (GetStatus().running) std::this_thread::yield();
+    maps_.RunOn(kernel);
+    EXPECT_EQ(maps_.cost, maps_.Expected());
+  }
+}
+
+// The buffers of a run that was given up went to the next object, and the late kernel wrote there.
+TEST_F(FpgaBoard, AKernelThatEndsLateWritesToNobodyElsesBuffers) {
+  SetKernelTimeLimit(milliseconds(20));
+  for (const Way way : kWays) {
+    FailCall("unit.hang");
+    EXPECT_THROW(maps_.Run(way), KernelTimeout) << NameOf(way);
+    const LogCapture log;
+    const Kernel_FPGA next(0, maps_.input_size(), maps_.output_size());
+    EXPECT_EQ(GetStatus().buffers, 6U);
+    emulated_board::EndHungRun();
+    while (GetStatus().running) std::this_thread::yield();
+    EXPECT_THAT(log.Messages(google::ERROR), IsEmpty());
+  }
+}
+
+TEST_F(FpgaBoard, AThousandInterleavedRunsLeaveEverythingFlat) {
+  std::vector<std::ptrdiff_t> before;
+  for (int i = 0; i < 250; ++i) {
+    {
+      Kernel_FPGA kernel(0, maps_.input_size(), maps_.output_size());
+      maps_.RunOn(kernel);
+      maps_.Run(Way::kOneShot);
+      maps_.RunOn(kernel);
+    }
+    maps_.Run(Way::kOld);
+    if (i == 0) before = CountResources();
+  }
+  EXPECT_EQ(CountResources(), before);
+  EXPECT_EQ(maps_.cost, maps_.Expected());
+}
+
+TEST_F(FpgaBoard, ARecordingHoldsCallsAccessesAndReleasesInOrder) {
+  auto kernel = std::make_unique<Kernel_FPGA>(0, 512, 64);
+  emulated_board::StartRecording();
+  maps_.RunOn(*kernel);
+  kernel.reset();
+  std::string recorded;
+  for (const auto& call : emulated_board::TakeRecording()) {
+    if (call.name != "close") recorded += call.name + ' ' + call.detail + '\n';
+  }
+  EXPECT_EQ(recorded, R"(load 0x0 0x0
+xrt::bo::write 0x10000000 512
+xrt::bo::write 0x10001000 512
+xrt::bo::sync 0x10000000 0
+xrt::bo::sync 0x10001000 0
+xrt::kernel::offset 0
+xrt::kernel::offset 1
+xrt::kernel::offset 2
+xrt::kernel::offset 3
+store 0x10 0x10000000
+store 0x1c 0x10001000
+store 0x28 0x40000000
+store 0x34 0x0
+store 0x0 0x1
+)"
+                      "unit.start \nunit.end \n"
+                      R"(load 0x0 0x6
+xrt::bo::sync 0x40000000 1
+xrt::bo::read 0x40000000 64
+munmap 4096
+)"
+                      "xrt::kernel::~kernel \n"
+                      R"(xrt::bo::~bo 0x40000000
+xrt::bo::~bo 0x10001000
+xrt::bo::~bo 0x10000000
+)");
 }
 
 }  // namespace

@@ -1,11 +1,17 @@
-// The order of everything that the three ways of running the correlation kernel do.
-#include <fcntl.h>
-
+// The order of everything that the three ways of running the correlation kernel do, built as for a
+// real board: what they ask of the device runtime and of the operating system, what they log, what
+// they store in which register, and when.
+#include <array>
+#include <cerrno>
 #include <cmath>
 #include <cstdlib>
-#include <regex>
+#include <sstream>
+#include <stdexcept>
+#include <utility>
 
-#include "tests/testing/fpga_runs.h"
+#include "qxtools/emulated_board.h"
+#include "qxtools/fpga_correlation.h"
+#include "tests/testing/device_board.h"
 #include "tests/testing/test.h"
 
 namespace qx {
@@ -13,309 +19,407 @@ namespace utils {
 namespace image {
 namespace {
 
-using Lines = std::vector<std::string>;
+using std::chrono::milliseconds;
+using testing::DeviceBoard;
 
-const emulated_board::Geometry kSmall{2, 8, 32, 4};  // buffers of 512 and 64 bytes
+// Pieces of the trace. Device addresses are 0x50000n000: only their low halves reach the kernel.
+const std::string kBuffers = R"(bo left 512 flags 0
+group_id 1
+bo right 512 flags 0
+group_id 2
+bo output 64 flags 0
+)";
+const std::string kAddresses = R"(address left
+address right
+address output
+)";
+const std::string kLoggedAddresses =
+    kAddresses + R"(log: Physical Address for left, right, and output buffer: |
+log: 20480|
+log: 24576|
+log: 28672|
+)";
+const std::string kInputs = R"(data of left
+data of right
+write left 512 at 0
+write right 512 at 0
+sync left direction 0 512 at 0
+sync right direction 0 512 at 0
+log: CORR_FPGA Execution Start|
+)";
+const std::string kMappedStart = R"(offset 0
+offset 1
+offset 2
+offset 3
+store 0x40 0x5000
+store 0x4c 0x6000
+store 0x58 0x7000
+store 0x64 0x6
+store 0x0 0x1
+)";
+const std::string kOutput = R"(sync output direction 1 64 at 0
+data of output
+read output 64 at 0
+)";
+const std::string kRelease = "~bo output\n~bo right\n~bo left\n";
+const std::string kShapes =
+    "log: cost_volume inputs shape: \nleft: (2, 8, 32) right: (1, 1, 512) |\nlog: 6|\n";
 
-// The recording as text, with the buffers by their roles and without descriptor numbers.
-Lines TakeLines() {
-  const std::regex left("0x10000000"), right("0x10001000"), output("0x40000000"), fd("close .*");
-  Lines lines;
-  for (const auto& call : emulated_board::TakeRecording()) {
-    std::string line = call.detail.empty() ? call.name : call.name + ' ' + call.detail;
-    line = std::regex_replace(line, left, "LEFT");
-    line = std::regex_replace(line, right, "RIGHT");
-    line = std::regex_replace(line, output, "OUTPUT");
-    lines.push_back(std::regex_replace(line, fd, "close"));
+// Somebody else's frame, which tells when it is asked for its bytes.
+class Frame : public velkar::vision::ImageFrame {
+ public:
+  Frame(const char* role, std::uint32_t height, std::uint32_t width, std::uint32_t channels)
+      : bytes(std::size_t{height} * width * channels),
+        role_(role),
+        height_(height),
+        width_(width),
+        channels_(channels) {
+    pixel_format = QXPixelFormat::kQXPixelFormatUint8;
   }
-  return lines;
-}
 
-Lines operator+(Lines a, const Lines& b) {
-  a.insert(a.end(), b.begin(), b.end());
-  return a;
-}
+  std::uint8_t* Data() const override {
+    DeviceBoard::Get().Add(std::string("data of ") + role_);
+    return const_cast<std::uint8_t*>(bytes.data());
+  }
+  std::uint32_t DataSize() const override { return static_cast<std::uint32_t>(bytes.size()); }
+  std::uint32_t Height() const override { return height_; }
+  std::uint32_t Width() const override { return width_; }
+  std::uint32_t Channel() const override { return channels_; }
 
-Lines BringUp(const std::string& unit, int access) {
-  return {"xrt::device::device 0",
-          std::string("xrt::device::load_xclbin ") + kContainerPath,
-          "xrt::kernel::kernel " + unit + ' ' + std::to_string(access),
-          "xrt::kernel::group_id 0",
-          "xrt::bo::bo 512 0",
-          "xrt::kernel::group_id 1",
-          "xrt::bo::bo 512 0",
-          "xrt::kernel::group_id 2",
-          "xrt::bo::bo 64 1"};
-}
+  void SetShape(std::uint32_t height, std::uint32_t width, std::uint32_t channels) {
+    height_ = height;
+    width_ = width;
+    channels_ = channels;
+  }
 
-const Lines kAddresses = {"xrt::bo::address LEFT", "xrt::bo::address RIGHT",
-                          "xrt::bo::address OUTPUT"};
-const Lines kMap = {"open /dev/mem " + std::to_string(O_RDWR | O_SYNC), "mmap 0xa0000000 0x1000"};
-const Lines kSend = {"xrt::bo::write LEFT 512", "xrt::bo::write RIGHT 512", "xrt::bo::sync LEFT 0",
-                     "xrt::bo::sync RIGHT 0"};
-const Lines kReceive = {"xrt::bo::sync OUTPUT 1", "xrt::bo::read OUTPUT 64"};
-const Lines kUnmap = {"munmap 4096", "close"};
-const Lines kReleaseBuffers = {"xrt::bo::~bo OUTPUT", "xrt::bo::~bo RIGHT", "xrt::bo::~bo LEFT"};
-const Lines kReleaseKernel = {"xrt::kernel::~kernel"};
-const Lines kReleaseDevice = {"xrt::device::~device"};
+  std::vector<std::uint8_t> bytes;
 
-// Exponent 6, and an end value of 3: more than the lowest bit decides.
-const Lines kMappedRun = {"load 0x0 0x0",
-                          "xrt::kernel::offset 0",
-                          "xrt::kernel::offset 1",
-                          "xrt::kernel::offset 2",
-                          "xrt::kernel::offset 3",
-                          "store 0x10 LEFT",
-                          "store 0x1c RIGHT",
-                          "store 0x28 OUTPUT",
-                          "store 0x34 0x6",
-                          "store 0x0 0x1",
-                          "unit.start",
-                          "unit.end",
-                          "load 0x0 0x3"};
+ private:
+  const char* role_;
+  std::uint32_t height_, width_, channels_;
+};
+
+enum class Way { kObject, kOneShot, kOld };
+constexpr Way kWays[] = {Way::kObject, Way::kOneShot, Way::kOld};
 
 class FpgaProtocol : public ::testing::Test {
  protected:
   FpgaProtocol() {
-    board_.settings.end_value = 3;
-    board_.Apply();
-    maps_.SetScales(0.5F, 0.25F, 0.125F);
+    SetScales(0.5F, 0.25F, 0.125F);
+    output_.bytes.resize(80);  // more than the buffer: only 64 bytes are the kernel's
+  }
+  ~FpgaProtocol() override {
+    board_ = DeviceBoard{};
+    SetKernelTimeLimit(milliseconds(10000));
   }
 
-  Lines Record(Way way, const char* unit) {
-    emulated_board::StartRecording();
-    maps_.Run(way, unit);
-    return TakeLines();
+  void SetScales(float left, float right, float output) {
+    left_.scale = left;
+    right_.scale = right;
+    output_.scale = output;
   }
 
-  BoardScope board_{kSmall};
-  StereoMaps maps_{kSmall};
+  void Run(Way way, const char* unit = "Other:{Other_7}") {
+    if (way == Way::kObject) {
+      Kernel_FPGA(2, 512, 64).CostVolume_FPGA(&left_, &right_, &output_);
+    } else {
+      (way == Way::kOneShot ? CostVolume_FPGA : CostVolume_FPGA_old)(&left_, &right_, &output_,
+                                                                     "an.xclbin", unit, 2);
+    }
+  }
+
+  // Runs with these looks at the control word. Returns: the error, empty when there was none.
+  std::string ErrorOf(Way way, std::vector<std::uint32_t> words) {
+    board_.words = std::move(words);
+    board_.trace.clear();
+    try {
+      Run(way);
+      return "";
+    } catch (const std::exception& error) {
+      return error.what();
+    }
+  }
+
+  // The lines of the trace that begin with `start`, without it.
+  std::vector<std::string> Lines(const std::string& start) const {
+    std::istringstream trace(board_.trace);
+    std::vector<std::string> lines;
+    for (std::string line; std::getline(trace, line);) {
+      if (line.compare(0, start.size(), start) == 0) lines.push_back(line.substr(start.size()));
+    }
+    return lines;
+  }
+
+  DeviceBoard& board_ = DeviceBoard::Get();
+  Frame left_{"left", 2, 8, 32};
+  Frame right_{"right", 1, 1, 512};  // its shape is only logged
+  Frame output_{"output", 2, 8, 4};
 };
 
 TEST_F(FpgaProtocol, ObjectPreparesOnceAndReleasesKernelBeforeBuffers) {
-  const Lines address_query = {"xir::XrtDeviceHandle::get_instance",
-                               "xir::XrtDeviceHandle::get_physical_base_address Corr 0"};
-  emulated_board::StartRecording();
+  const testing::TracedLog log;
+  board_.words = {0, 1, 1, 3};
   {
-    Kernel_FPGA kernel(0, 512, 64);
-    EXPECT_THAT(TakeLines(), ElementsAreArray(BringUp(kUnitName, 1) + address_query + kAddresses +
-                                              kMap + kReleaseDevice));
-    for (const char* idle_value : {"load 0x0 0x0", "load 0x0 0x3"}) {
-      Lines run = kMappedRun;
-      run[0] = idle_value;
-      emulated_board::StartRecording();
-      maps_.RunOn(kernel);
-      EXPECT_THAT(TakeLines(), ElementsAreArray(kSend + run + kReceive));
-    }
-    emulated_board::StartRecording();
+    Kernel_FPGA kernel(2, 512, 64);
+    board_.Add("-- run");
+    kernel.CostVolume_FPGA(&left_, &right_, &output_);
+    board_.Add("-- again");
+    kernel.CostVolume_FPGA(&left_, &right_, &output_);
+    board_.Add("-- release");
   }
-  EXPECT_THAT(TakeLines(), ElementsAreArray(kUnmap + kReleaseKernel + kReleaseBuffers));
+  EXPECT_EQ(board_.trace, R"(log: Open the device: 2|
+device 2
+log: Load the xclbin /lib/firmware/xilinx/k26brannoc/k26brannoc.xclbin|
+load_xclbin /lib/firmware/xilinx/k26brannoc/k26brannoc.xclbin
+log: Build the kernal /lib/firmware/xilinx/k26brannoc/k26brannoc.xclbin|
+kernel Corr:{Corr_1} mode 1
+log: Open successfully |
+group_id 0
+)" + kBuffers + R"(get_instance
+address_of Corr 0
+~handle
+)" + kAddresses + R"(open /dev/mem
+mmap 4096 at 0x8a0010000
+~device
+-- run
+load 0x0 0x0
+)" + kInputs + kMappedStart +
+                              R"(load 0x0 0x1
+sleep 100000
+load 0x0 0x1
+sleep 100000
+load 0x0 0x3
+log: FPGA CORR Time Cost: 8.2ms|
+)" + kOutput + "-- again\nload 0x0 0x3\n" +
+                              kInputs + kMappedStart +
+                              "load 0x0 0x3\nlog: FPGA CORR Time Cost: 8ms|\n" + kOutput +
+                              "-- release\nmunmap 4096\nclose\n~kernel\n" + kRelease);
 }
 
 TEST_F(FpgaProtocol, OneShotBindsItsOwnUnitAndReleasesDeviceLast) {
-  EXPECT_THAT(
-      Record(Way::kOneShot, "Other:{Other_7}"),
-      ElementsAreArray(BringUp(kUnitName, 1) + kAddresses + kSend + kMap + kMappedRun + kReceive +
-                       kUnmap + kReleaseBuffers + kReleaseKernel + kReleaseDevice));
+  const testing::TracedLog log;
+  board_.words = {0, 1, 0};
+  Run(Way::kOneShot);
+  EXPECT_EQ(board_.trace, kShapes + R"(log: Open the device: 2|
+device 2
+log: Load the xclbin an.xclbin|
+load_xclbin an.xclbin
+log: Build the kernal an.xclbin|
+log: Cu_name: Corr:{Corr_1}|
+log: TEST CORR|
+kernel Corr:{Corr_1} mode 1
+log: Open successfully |
+log: TEST CORR|
+group_id 0
+)" + kBuffers + "log: TEST CORR|\n" +
+                              kLoggedAddresses + kInputs + R"(open /dev/mem
+log: 7777|
+mmap 4096 at 0xa0000000
+load 0x0 0x0
+)" + kMappedStart + R"(load 0x0 0x1
+sleep 2000000
+load 0x0 0x0
+log: FPGA CORR Time Cost: 8ms|
+)" + kOutput + "log: 64|\nmunmap 4096\nclose\n" +
+                              kRelease + "~kernel\n~device\n");
 }
 
 TEST_F(FpgaProtocol, OldOneShotUsesRuntimeRegistersOfAnExclusiveUnit) {
-  const Lines run = {"xrt::kernel::read_register 0x0",
-                     "xrt::kernel::offset 0",
-                     "xrt::kernel::write_register 0x10 LEFT",
-                     "xrt::kernel::offset 1",
-                     "xrt::kernel::write_register 0x1c RIGHT",
-                     "xrt::kernel::offset 2",
-                     "xrt::kernel::write_register 0x28 OUTPUT",
-                     "xrt::kernel::offset 3",
-                     "xrt::kernel::write_register 0x34 0x6",
-                     "xrt::kernel::write_register 0x0 0x1",
-                     "unit.start",
-                     "unit.end",
-                     "xrt::kernel::read_register 0x0"};
-  EXPECT_THAT(Record(Way::kOld, kUnitName),
-              ElementsAreArray(BringUp(kUnitName, 0) + kAddresses + kSend + run + kReceive +
-                               kReleaseBuffers + kReleaseKernel + kReleaseDevice));
-  EXPECT_THROW(maps_.Run(Way::kOld, "Other:{Other_7}"), std::runtime_error);
+  const testing::TracedLog log;
+  board_.words = {0, 1, 3};
+  Run(Way::kOld);
+  EXPECT_EQ(board_.trace, kShapes + R"(log: Open the device2|
+device 2
+log: Load the xclbin an.xclbin|
+load_xclbin an.xclbin
+log: Build the kernal an.xclbin|
+kernel Other:{Other_7} mode 0
+read_register 0x0 0x0
+group_id 0
+)" + kBuffers + kLoggedAddresses +
+                              kInputs + R"(offset 0
+write_register 0x40 0x5000
+offset 1
+write_register 0x4c 0x6000
+offset 2
+write_register 0x58 0x7000
+offset 3
+write_register 0x64 0x6
+write_register 0x0 0x1
+read_register 0x0 0x1
+sleep 100000
+read_register 0x0 0x3
+log: FPGA CORR Time Cost: 11.1ms|
+)" + kOutput + kRelease + "~kernel\n~device\n");
 }
 
 TEST_F(FpgaProtocol, ExponentIsTruncatedAndSaturates) {
   constexpr float kInf = std::numeric_limits<float>::infinity();
   const struct {
     float left, right, output;
-    std::uint32_t object, old;  // what is written; the one-shot writes what the object writes
+    const char *object, *old;  // what is stored; the one-shot stores what the object does
   } cases[] = {
-      {0.5F, 0.25F, 0.125F, 6, 6},
-      {0.1F, 0.1F, 1.0F, 6, 6},  // log2(100) = 6.64
-      {1.0F, 1.0F, 1.0F, 0, 0},
-      {2.0F, 1.0F, 1.0F, 0, 0xFFFFFFFF},
-      {8.0F, 1.0F, 1.5F, 0, 0xFFFFFFFD},  // -3.58
-      {0.0F, 1.0F, 1.0F, 0xFFFFFFFF, 0x7FFFFFFF},
-      {kInf, 1.0F, 1.0F, 0, 0x80000000},
-      {-1.0F, 1.0F, 1.0F, 0, 0},
-      {NAN, 1.0F, 1.0F, 0, 0},
+      {0.5F, 0.25F, 0.125F, "0x6", "0x6"},
+      {0.1F, 0.1F, 1.0F, "0x6", "0x6"},  // log2(100) = 6.64
+      {1.0F, 1.0F, 1.0F, "0x0", "0x0"},
+      {2.0F, 1.0F, 1.0F, "0x0", "0xffffffff"},
+      {8.0F, 1.0F, 1.5F, "0x0", "0xfffffffd"},  // -3.58
+      {0.0F, 1.0F, 1.0F, "0xffffffff", "0x7fffffff"},
+      {kInf, 1.0F, 1.0F, "0x0", "0x80000000"},
+      {-1.0F, 1.0F, 1.0F, "0x0", "0x0"},
+      {NAN, 1.0F, 1.0F, "0x0", "0x0"},
       // The order of the products matters: right times left overflows before the output's scale.
-      {1e30F, 1e30F, 1e-30F, 0, 0x80000000},
-      {1e30F, 1e-30F, 1e-9F, 29, 29},
+      {1e30F, 1e30F, 1e-30F, "0x0", "0x80000000"},
+      {1e30F, 1e-30F, 1e-9F, "0x1d", "0x1d"},
   };
   for (const auto& c : cases) {
-    maps_.SetScales(c.left, c.right, c.output);
+    SetScales(c.left, c.right, c.output);
     for (const Way way : kWays) {
-      SCOPED_TRACE(::testing::Message() << NameOf(way) << ' ' << c.left << ' ' << c.right);
-      emulated_board::StartRecording();
-      maps_.Run(way);
-      std::uint64_t written = 0;
-      for (const auto& call : emulated_board::TakeRecording()) {
-        if (call.detail.rfind("0x34 ", 0) == 0)
-          written = std::stoul(call.detail.substr(5), nullptr, 16);
-      }
-      EXPECT_EQ(written, way == Way::kOld ? c.old : c.object);
+      EXPECT_EQ(ErrorOf(way, {0}), "");
+      const auto stored = Lines(way == Way::kOld ? "write_register 0x64 " : "store 0x64 ");
+      EXPECT_THAT(stored, ElementsAre(way == Way::kOld ? c.old : c.object))
+          << c.left << ' ' << c.right << ' ' << c.output;
     }
-  }
-}
-
-TEST_F(FpgaProtocol, VerboseLogTellsTheSteps) {
-  const std::string path = kContainerPath;
-  const std::string load = "Load the xclbin " + path, build = "Build the kernal " + path;
-  const std::string shapes = "cost_volume inputs shape: \nleft: (2, 8, 32) right: (2, 8, 32) ";
-  const std::string address = "Physical Address for left, right, and output buffer: ";
-  const Lines addresses = {address, "268435456", "268439552", "1073741824"};
-  const Lines expected[] = {
-      {"Open the device: 0", load, build, "Open successfully ", "CORR_FPGA Execution Start",
-       "FPGA CORR Time Cost: #ms"},
-      Lines{shapes, "6", "Open the device: 0", load, build, "Cu_name: Corr:{Corr_1}", "TEST CORR",
-            "Open successfully ", "TEST CORR", "TEST CORR"} +
-          addresses + Lines{"CORR_FPGA Execution Start", "FD", "FPGA CORR Time Cost: #ms", "64"},
-      Lines{shapes, "6", "Open the device0", load, build} + addresses +
-          Lines{"CORR_FPGA Execution Start", "FPGA CORR Time Cost: #ms"}};
-  for (const Way way : kWays) {
-    const LogCapture log(1);
-    maps_.Run(way);
-    Lines lines = log.Messages();
-    for (std::string& line : lines) {
-      line = std::regex_replace(line, std::regex("Cost: [0-9.e-]+ms"), "Cost: #ms");
-    }
-    const auto start = std::find(lines.begin(), lines.end(), "CORR_FPGA Execution Start");
-    if (way == Way::kOneShot && lines.end() - start > 1) {
-      EXPECT_TRUE(std::regex_match(start[1], std::regex("[0-9]+")));  // the descriptor
-      start[1] = "FD";
-    }
-    EXPECT_THAT(lines, ElementsAreArray(expected[static_cast<int>(way)])) << NameOf(way);
   }
 }
 
 TEST_F(FpgaProtocol, EnvironmentReplacesPathAndUnitEvenWhenEmpty) {
-  const struct {
-    const char *path, *unit, *failing_call;
-  } cases[] = {{"", nullptr, "xrt::device::load_xclbin"},
-               {"/nowhere", nullptr, "xrt::device::load_xclbin /nowhere"},
-               {nullptr, "", "xrt::kernel::kernel  1"},
-               {nullptr, "Corr:{Corr_2}", "xrt::kernel::kernel Corr:{Corr_2} 1"}};
-  for (const auto& c : cases) {
-    if (c.path != nullptr) setenv("xclbin_path", c.path, 1);
-    if (c.unit != nullptr) setenv("cu_name", c.unit, 1);
-    emulated_board::StartRecording();
-    EXPECT_THROW(Kernel_FPGA(0, 512, 64), std::runtime_error);
-    EXPECT_THAT(TakeLines(), Contains(c.failing_call));
+  for (const char* value : {"", "mine"}) {
+    setenv("xclbin_path", value, 1);
+    setenv("cu_name", value, 1);
+    EXPECT_EQ(ErrorOf(Way::kObject, {0}), "");
     unsetenv("xclbin_path");
     unsetenv("cu_name");
+    EXPECT_THAT(Lines("load_xclbin "), ElementsAre(value));
+    EXPECT_THAT(Lines("kernel "), ElementsAre(std::string(value) + " mode 1"));
   }
 }
 
-TEST_F(FpgaProtocol, PollsAtEachWaysOwnInterval) {
-  board_.settings.ends_at_once = false;
-  board_.settings.run_time =
-      std::chrono::milliseconds(250);  // many sleeps, even on a loaded machine
-  board_.Apply();
+TEST_F(FpgaProtocol, WaitsWhileTheWordIsOneAndSleepsTheRestOfAnInterruptedSleep) {
   for (const Way way : kWays) {
-    SCOPED_TRACE(NameOf(way));
-    const std::string interval = way == Way::kOneShot ? "2000000" : "100000";
-    const std::string rest = way == Way::kOneShot ? "1000000" : "50000";
-    emulated_board::FailCall("nanosleep", 2);  // the second sleep is interrupted half way
-    emulated_board::StartRecording();
-    const auto busy_before = emulated_board::GetStatus().kernel_time;
-    const auto start = std::chrono::steady_clock::now();
-    maps_.Run(way);
-    const auto took = std::chrono::steady_clock::now() - start;
-    const auto busy = emulated_board::GetStatus().kernel_time - busy_before;
-    EXPECT_GE(busy, std::chrono::milliseconds(250));
-    EXPECT_LT(took - busy, std::chrono::seconds(1));  // an interval, emulated on a loaded machine
-    Lines sleeps;
-    for (const auto& call : emulated_board::TakeRecording()) {
-      if (call.name == "nanosleep") sleeps.push_back(call.detail);
+    for (const std::uint32_t end : {0U, 2U, 3U, 0x101U, 0xFFFFFFFFU}) {
+      EXPECT_EQ(ErrorOf(way, {0, end}), "");
+      EXPECT_THAT(Lines("sleep "), IsEmpty()) << end;
     }
-    ASSERT_GE(sleeps.size(), 4U);
-    EXPECT_EQ(sleeps[2], rest);
-    sleeps.erase(sleeps.begin() + 2);
-    EXPECT_THAT(sleeps, Each(interval));
+    board_.sleeps = 0;
+    board_.interrupted = 2;
+    EXPECT_EQ(ErrorOf(way, {0, 1, 1, 1, 0}), "");
+    const bool slow = way == Way::kOneShot;
+    const std::string all = slow ? "2000000" : "100000", half = slow ? "1000000" : "50000";
+    EXPECT_THAT(Lines("sleep "), ElementsAre(all, all, half, all));
   }
 }
 
-TEST_F(FpgaProtocol, AnyWordButOneEndsTheRunWithoutASleep) {
-  for (const std::uint32_t value : {0U, 2U, 3U, 0x101U, 0xFFFFFFFFU}) {
-    board_.settings.end_value = value;
-    board_.Apply();
-    for (const Way way : kWays) {
-      emulated_board::FailCall("nanosleep");
-      maps_.Run(way);
-      EXPECT_EQ(emulated_board::ClearFaults(), 1U) << NameOf(way) << " slept for " << value;
-      EXPECT_EQ(maps_.cost, maps_.Expected());
+// Limits of nearly as many milliseconds as there are nanoseconds overflowed: every run failed.
+TEST_F(FpgaProtocol, ALimitOfAnySizeIsKept) {
+  const struct {
+    milliseconds limit;
+    std::vector<std::uint32_t> words;
+    const char* error;
+  } cases[] = {
+      {milliseconds::max(), {0, 1, 1, 1, 0}, ""},
+      {milliseconds(9300000000000), {0, 1, 1, 1, 0}, ""},
+      {milliseconds(3), {0, 1}, "the correlation kernel did not end within 3 ms"},
+      {milliseconds::min(),
+       {0, 1},
+       "the correlation kernel did not end within -9223372036854775808 ms"},
+      {milliseconds(0), {0, 1}, "the correlation kernel did not end within 0 ms"},
+      {milliseconds(1), {0, 1, 0}, ""},  // one look more after a sleep that outlasted the limit
+      {milliseconds(0), {0, 0}, ""},
+      {milliseconds(-1), {0, 0}, ""},
+  };
+  for (const auto& c : cases) {
+    SetKernelTimeLimit(c.limit);
+    EXPECT_EQ(KernelTimeLimit(), c.limit);
+    for (const Way way : kWays) EXPECT_EQ(ErrorOf(way, c.words), c.error) << c.limit.count();
+  }
+}
+
+// The buffers of a run that was given up went back while the kernel still wrote to them, and a
+// refused run replaced the inputs of the run that went on.
+TEST_F(FpgaProtocol, ARunThatGoesOnKeepsItsBuffersAndItsInputs) {
+  const testing::TracedLog log;
+  SetKernelTimeLimit(milliseconds(1));
+  for (const Way way : kWays) {
+    EXPECT_THAT(ErrorOf(way, {0, 1}), HasSubstr("did not end within 1 ms"));
+    EXPECT_THAT(Lines("~bo "), IsEmpty());
+    EXPECT_THAT(Lines("error: "),
+                ElementsAre("the correlation kernel still runs: its buffers, 1088 "
+                            "bytes, are kept until the next run finds it idle|"));
+    EXPECT_EQ(ErrorOf(way, {1}), "the correlation kernel is still busy with an earlier run");
+    EXPECT_THAT(Lines("~bo "), SizeIs(way == Way::kOld ? 0 : 3));  // its own
+    EXPECT_THAT(Lines("write "), SizeIs(way == Way::kOneShot ? 2 : 0));
+    EXPECT_EQ(ErrorOf(way, {0}), "");
+    EXPECT_THAT(Lines("~bo "), SizeIs(6));
+  }
+  // Whether the kernel still runs cannot be seen.
+  board_.failing = "read_register 0x0 0x1";
+  EXPECT_EQ(ErrorOf(Way::kOld, {0, 1}), board_.failing);
+  EXPECT_THAT(Lines("~bo "), IsEmpty());
+  board_.failing.clear();
+  EXPECT_EQ(ErrorOf(Way::kOld, {0}), "");
+}
+
+TEST_F(FpgaProtocol, FailuresOfTheRegisterDeviceSayWhatIsNeeded) {
+  const struct {
+    const char* call;
+    int error;
+    const char* message;
+  } cases[] = {
+      {"open", EACCES, "(this needs the privileges of the superuser): Permission denied"},
+      {"mmap", EPERM, "(this needs the privileges of the superuser): Operation not permitted"},
+      {"open", ENOENT,
+       "cannot open /dev/mem for the correlation kernel's registers: No such file"}};
+  for (const auto& c : cases) {
+    board_.failing = c.call;
+    board_.error = c.error;
+    for (const Way way : {Way::kObject, Way::kOneShot}) {
+      EXPECT_THAT(ErrorOf(way, {0}), HasSubstr(c.message));
+      EXPECT_THAT(Lines("~bo "), SizeIs(3));
+      EXPECT_THAT(Lines("close"), SizeIs(*c.call == 'm' ? 1 : 0));
     }
   }
+}
+
+TEST_F(FpgaProtocol, ARegisterOutsideThePageIsRefusedNotTouched) {
+  for (const unsigned offset : {4096U, 0x66U}) {
+    board_.last_offset = offset;
+    for (const Way way : {Way::kObject, Way::kOneShot}) EXPECT_THROW(Run(way), std::out_of_range);
+  }
+  EXPECT_THAT(Lines("store "), IsEmpty());
 }
 
 TEST_F(FpgaProtocol, BadSizesAreRefusedBeforeAnythingIsOpened) {
-  emulated_board::StartRecording();
   for (const auto& [input, output] :
        {std::pair{0, 64}, {512, 0}, {-1, 64}, {512, std::numeric_limits<int>::min()}}) {
     EXPECT_THROW(Kernel_FPGA(0, input, output), std::invalid_argument);
   }
-  std::uint8_t byte = 0;
-  const struct {
-    std::uint32_t height, width, channels, disparities;
-  } shapes[] = {{0, 8, 32, 4}, {2, 8, 32, 0}, {0x10000, 0x8000, 1, 1}};
-  for (const auto& s : shapes) {
-    using Frame = StereoMaps::Frame;
-    const auto map = Frame::Create(kQXPixelFormatUint8, &byte, s.height, s.width, s.channels);
-    const auto out = Frame::Create(kQXPixelFormatUint8, &byte, s.height, s.width, s.disparities);
-    for (const auto one_shot : {CostVolume_FPGA, CostVolume_FPGA_old}) {
-      EXPECT_THROW(one_shot(map.get(), map.get(), out.get(), "", "", 0), std::invalid_argument);
-    }
+  for (const auto& [height, width, channels, disparities] : std::vector<std::array<unsigned, 4>>{
+           {0, 8, 32, 4}, {2, 8, 32, 0}, {0x10000, 0x8000, 1, 1}}) {
+    left_.SetShape(height, width, channels);
+    output_.SetShape(height, width, disparities);
+    for (const Way way : {Way::kOneShot, Way::kOld}) EXPECT_THROW(Run(way), std::invalid_argument);
   }
-  EXPECT_TRUE(emulated_board::TakeRecording().empty());
+  EXPECT_EQ(board_.trace, "");
 }
 
 TEST_F(FpgaProtocol, OneShotsEndTheProcessForFramesThatDoNotFit) {
-  const StereoMaps other({2, 8, 64, 4});
-  const auto right = maps_.right;
   for (const Way way : {Way::kOneShot, Way::kOld}) {
-    maps_.right = other.right;
-    EXPECT_DEATH(maps_.Run(way),
+    right_.bytes.resize(1024);
+    EXPECT_DEATH(Run(way),
                  "Check failed: input_l->DataSize\\(\\) == input_r->DataSize\\(\\) "
                  "\\(512 vs. 1024\\) ?The two inputs' size not same, please check\\.");
-    maps_.right = right;
-    right->pixel_format = kQXPixelFormatGray8;
-    EXPECT_DEATH(maps_.Run(way),
+    right_.pixel_format = kQXPixelFormatGray8;
+    EXPECT_DEATH(Run(way),
                  "Check failed: QXPixelFormat::kQXPixelFormatUint8 == input_l->pixel_format && "
                  ".*output->pixel_format input_l, input_r, output pixel format must be Uint8 17");
-    right->pixel_format = kQXPixelFormatUint8;
+    right_.pixel_format = kQXPixelFormatUint8;
   }
 }
 
-TEST_F(FpgaProtocol, RightShapeIsIgnoredAndNothingIsWrittenBeyondTheOutput) {
-  auto& cost = maps_.cost;
-  cost.resize(80, 0xEE);
-  const auto expected = maps_.Expected();
-  maps_.output = StereoMaps::Frame::Create(kQXPixelFormatUint8, cost.data(), 2, 8, 4);
-  maps_.output->scale = 0.125F;
-  maps_.right = StereoMaps::Frame::Create(kQXPixelFormatUint8, maps_.right_bytes.data(), 1, 1, 512);
-  maps_.right->scale = 0.25F;
-  for (const Way way : {Way::kOneShot, Way::kOld}) {
-    std::fill(cost.begin(), cost.end(), 0xEE);
-    maps_.Run(way);
-    EXPECT_TRUE(std::equal(cost.begin(), cost.begin() + 64, expected.begin()));
-    EXPECT_EQ(std::count(cost.begin() + 64, cost.end(), 0xEE), 16);
-  }
+TEST_F(FpgaProtocol, ABuildForABoardHasNoEmulatedOne) {
+  EXPECT_FALSE(emulated_board::IsEmulated());
+  EXPECT_THROW((void)emulated_board::GetStatus(), std::logic_error);
 }
 
 }  // namespace

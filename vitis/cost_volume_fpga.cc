@@ -3,7 +3,9 @@
 
 #include "qx_utils/internal/frame_view.h"
 #include "qxtools/fpga_correlation.h"
+#include "vitis/buffers.h"
 #include "vitis/correlation.h"
+#include "vitis/registers.h"
 
 namespace qx {
 namespace utils {
@@ -11,6 +13,8 @@ namespace image {
 namespace {
 
 using correlation::Access;
+using correlation::Arguments;
+using correlation::Buffers;
 using velkar::vision::ImageFrame;
 
 constexpr std::chrono::milliseconds kMappedPollInterval{2};
@@ -24,64 +28,36 @@ struct Sizes {
 
 // Tests the frames and logs their shapes. Returns: the buffer sizes; nothing has been opened yet.
 Sizes CheckFrames(const ImageFrame* input_l, const ImageFrame* input_r, const ImageFrame* output) {
-  const internal::FrameView left(*input_l);
-  const internal::FrameView right(*input_r);
-  const internal::FrameView cost(*output);
-  internal::CheckCostVolumeFrames(&left, &right, &cost);
-  const std::uint32_t pixels = left.height * left.width;
-  const Sizes sizes{static_cast<std::int32_t>(pixels * left.channels),
-                    static_cast<std::int32_t>(pixels * cost.channels)};
+  internal::CheckCostVolumeFrames(input_l, input_r, output);
+  const std::uint32_t pixels = input_l->Height() * input_l->Width();
+  const Sizes sizes{static_cast<std::int32_t>(pixels * input_l->Channel()),
+                    static_cast<std::int32_t>(pixels * output->Channel())};
   correlation::RequireSizes(sizes.input, sizes.output);
   return sizes;
 }
 
-xrt::uuid LoadContainer(xrt::device& device, const std::string& xclbin_path) {
-  VLOG(1) << "Load the xclbin " << xclbin_path;
-  const xrt::uuid container = device.load_xclbin(xclbin_path);
-  VLOG(1) << "Build the kernal " << xclbin_path;
-  return container;
+// Logs the addresses. Returns: the kernel's arguments.
+Arguments ArgumentsOf(const Buffers& buffers, std::uint32_t exponent) {
+  const auto [left, right, output] = correlation::LowAddresses(buffers);
+  VLOG(1) << "Physical Address for left, right, and output buffer: ";
+  VLOG(1) << left;
+  VLOG(1) << right;
+  VLOG(1) << output;
+  return {left, right, output, exponent};
 }
-
-// The three device buffers; released in reverse order.
-struct Buffers {
-  Buffers(const xrt::device& device, const xrt::kernel& kernel, const Sizes& sizes)
-      : left(correlation::CreateBuffer(device, kernel, 0, sizes.input)),
-        right(correlation::CreateBuffer(device, kernel, 1, sizes.input)),
-        output(correlation::CreateBuffer(device, kernel, 2, sizes.output)) {}
-
-  // Logs the addresses. Returns: the kernel's arguments.
-  correlation::Arguments ArgumentsWith(std::uint32_t exponent) const {
-    const correlation::Arguments arguments = {correlation::LowAddress(*left),
-                                              correlation::LowAddress(*right),
-                                              correlation::LowAddress(*output), exponent};
-    VLOG(1) << "Physical Address for left, right, and output buffer: ";
-    for (std::size_t i = 0; i < 3; ++i) VLOG(1) << arguments[i];
-    return arguments;
-  }
-
-  void Send(const ImageFrame& input_l, const ImageFrame& input_r) {
-    correlation::SendInputs(*left, *right, input_l.Data(), input_r.Data());
-    VLOG(1) << "CORR_FPGA Execution Start";
-  }
-
-  std::shared_ptr<xrt::bo> left;
-  std::shared_ptr<xrt::bo> right;
-  std::shared_ptr<xrt::bo> output;
-};
 
 // The mapped register page.
 class RegisterPage {
  public:
-  RegisterPage(int fd, std::uint64_t address)
-      : registers_(correlation::MapRegisters(fd, address)) {}
-  ~RegisterPage() { correlation::UnmapRegisters(registers_); }
+  RegisterPage(int fd, std::uint64_t address) : words_(correlation::MapRegisters(fd, address)) {}
+  ~RegisterPage() { correlation::UnmapRegisters(words_); }
   RegisterPage(const RegisterPage&) = delete;
   RegisterPage& operator=(const RegisterPage&) = delete;
 
-  volatile std::uint32_t* registers() const { return registers_; }
+  volatile std::uint32_t* words() const { return words_; }
 
  private:
-  volatile std::uint32_t* registers_;
+  volatile std::uint32_t* words_;
 };
 
 void LogTimeSince(correlation::SystemTime start) {
@@ -100,25 +76,28 @@ void CostVolume_FPGA(ImageFrame* input_l, ImageFrame* input_r, ImageFrame* outpu
   VLOG(1) << exponent;
   VLOG(1) << "Open the device: " << device_index;
   xrt::device device(static_cast<unsigned int>(device_index));
-  const xrt::uuid container = LoadContainer(device, xclbin_path);
+  const xrt::uuid container = correlation::LoadContainer(device, xclbin_path);
   cu_name = correlation::kDefaultUnit;
   VLOG(1) << "Cu_name: " << cu_name;
   VLOG(1) << "TEST CORR";
   const auto kernel = correlation::OpenKernel(device, container, cu_name, Access::kShared);
   VLOG(1) << "Open successfully ";
   VLOG(1) << "TEST CORR";
-  Buffers buffers(device, *kernel, sizes);
+  const Buffers buffers = correlation::CreateBuffers(device, *kernel, sizes.input, sizes.output);
   VLOG(1) << "TEST CORR";
-  const correlation::Arguments arguments = buffers.ArgumentsWith(exponent);
-  buffers.Send(*input_l, *input_r);
+  const Arguments arguments = ArgumentsOf(buffers, exponent);
+  correlation::SendInputs(buffers, *input_l, *input_r);
 
   const correlation::SystemTime start = std::chrono::system_clock::now();
   const correlation::RegisterDevice memory;
   VLOG(1) << memory.fd();
   const RegisterPage page(memory.fd(), kRegisterAddress);
-  correlation::RunMapped(*kernel, page.registers(), arguments, kMappedPollInterval);
+  correlation::MappedRegisters registers(*kernel, page.words());
+  // Not before the inputs were sent, unlike the other ways: they went to buffers of their own.
+  correlation::RequireIdle(registers);
+  correlation::Run(registers, buffers, arguments, kMappedPollInterval);
   LogTimeSince(start);
-  correlation::ReceiveOutput(*buffers.output, *output);
+  correlation::ReceiveOutput(buffers, *output);
   VLOG(1) << static_cast<std::uint32_t>(sizes.output);
 }
 
@@ -130,17 +109,18 @@ void CostVolume_FPGA_old(ImageFrame* input_l, ImageFrame* input_r, ImageFrame* o
   VLOG(1) << exponent;
   VLOG(1) << "Open the device" << device_index;
   xrt::device device(static_cast<unsigned int>(device_index));
-  const xrt::uuid container = LoadContainer(device, xclbin_path);
+  const xrt::uuid container = correlation::LoadContainer(device, xclbin_path);
   const auto kernel = correlation::OpenKernel(device, container, cu_name, Access::kExclusive);
-  Buffers buffers(device, *kernel, sizes);
-  const correlation::Arguments arguments =
-      buffers.ArgumentsWith(static_cast<std::uint32_t>(exponent));
-  buffers.Send(*input_l, *input_r);
+  correlation::RuntimeRegisters registers(*kernel);
+  correlation::RequireIdle(registers);
+  const Buffers buffers = correlation::CreateBuffers(device, *kernel, sizes.input, sizes.output);
+  const Arguments arguments = ArgumentsOf(buffers, static_cast<std::uint32_t>(exponent));
+  correlation::SendInputs(buffers, *input_l, *input_r);
 
   const correlation::SystemTime start = std::chrono::system_clock::now();
-  correlation::RunThroughRuntime(*kernel, arguments, kRuntimePollInterval);
+  correlation::Run(registers, buffers, arguments, kRuntimePollInterval);
   LogTimeSince(start);
-  correlation::ReceiveOutput(*buffers.output, *output);
+  correlation::ReceiveOutput(buffers, *output);
 }
 
 }  // namespace image

@@ -5,7 +5,9 @@
 
 #include "platform/register_device.h"
 #include "qxtools/fpga_correlation.h"
+#include "vitis/buffers.h"
 #include "vitis/correlation.h"
+#include "vitis/registers.h"
 
 namespace qx {
 namespace utils {
@@ -28,9 +30,7 @@ std::string UnitName() { return VariableOr("cu_name", correlation::kDefaultUnit)
 
 std::shared_ptr<xrt::kernel> BuildKernel(xrt::device& device, const std::string& xclbin_path,
                                          const std::string& cu_name) {
-  VLOG(1) << "Load the xclbin " << xclbin_path;
-  const xrt::uuid container = device.load_xclbin(xclbin_path);
-  VLOG(1) << "Build the kernal " << xclbin_path;
+  const xrt::uuid container = correlation::LoadContainer(device, xclbin_path);
   auto kernel = correlation::OpenKernel(device, container, cu_name, correlation::Access::kShared);
   VLOG(1) << "Open successfully ";
   return kernel;
@@ -52,12 +52,13 @@ Kernel_FPGA::Kernel_FPGA(int device_index, int input_size, int output_size)
   correlation::RequireSizes(input_size_, output_size_);
   xrt::device device = OpenDevice(device_index_);
   kernel_ = BuildKernel(device, xclbin_path_, cu_name_);
-  bo_left_ = correlation::CreateBuffer(device, *kernel_, 0, input_size_);
-  bo_right_ = correlation::CreateBuffer(device, *kernel_, 1, input_size_);
-  bo_output_ = correlation::CreateBuffer(device, *kernel_, 2, output_size_);
+  const correlation::Buffers buffers =
+      correlation::CreateBuffers(device, *kernel_, input_size_, output_size_);
+  bo_left_ = buffers.left;
+  bo_right_ = buffers.right;
+  bo_output_ = buffers.output;
   cu_base_addr_ = platform::ComputeUnitBaseAddress(kKernelName, 0);
-  phys_addr_ = {correlation::LowAddress(*bo_left_), correlation::LowAddress(*bo_right_),
-                correlation::LowAddress(*bo_output_)};
+  phys_addr_ = correlation::LowAddresses(buffers);
   correlation::RegisterDevice memory;
   regs_ = correlation::MapRegisters(memory.fd(), cu_base_addr_);
   mem_fd_ = memory.Release();
@@ -72,12 +73,15 @@ void Kernel_FPGA::CostVolume_FPGA(ImageFrame* input_l, ImageFrame* input_r, Imag
   const correlation::SystemTime start = std::chrono::system_clock::now();
   const std::uint32_t exponent =
       correlation::ToUnsigned(correlation::ScaleExponent(*input_l, *input_r, *output));
-  correlation::SendInputs(*bo_left_, *bo_right_, input_l->Data(), input_r->Data());
-  VLOG(1) << "CORR_FPGA Execution Start";
-  correlation::RunMapped(*kernel_, regs_, {phys_addr_[0], phys_addr_[1], phys_addr_[2], exponent},
-                         kPollInterval);
+  const correlation::Buffers buffers{bo_left_, bo_right_, bo_output_};
+  correlation::MappedRegisters registers(*kernel_, regs_);
+  correlation::RequireIdle(
+      registers);  // before the inputs of a run that still goes on are replaced
+  correlation::SendInputs(buffers, *input_l, *input_r);
+  correlation::Run(registers, buffers, {phys_addr_[0], phys_addr_[1], phys_addr_[2], exponent},
+                   kPollInterval);
   VLOG(1) << "FPGA CORR Time Cost: " << correlation::MillisecondsSince(start) << "ms";
-  correlation::ReceiveOutput(*bo_output_, *output);
+  correlation::ReceiveOutput(buffers, *output);
 }
 
 CorrelationUnit DescribeCorrelationUnit(int device_index) {

@@ -5,23 +5,31 @@
 //
 // The kernel computes what CostVolume() (cost_volume.h) computes, for the one shape of feature maps
 // that its bitstream was built for, with one difference: it knows the product of the three frames'
-// scales only as a power of two, 2^-e. The exponent e is log2(1 / product) rounded towards zero.
-// The emulated board gives the same bytes as CostVolume() when the product is exactly 2^-e with
-// e >= 0, or zero; for other products between 0 and 1 it gives the bytes that CostVolume() gives
-// for the next larger power of two. docs/fpga.md has the details, the emulated board's settings and
-// the privileges that a real board needs.
+// scales only as a power of two, 2^-e. The exponent e is log2(1 / product), computed in single
+// precision and rounded towards zero. The emulated board gives the same bytes as CostVolume() when
+// the product is exactly 2^-e with e >= 0, or zero; for other products between 0 and 1 it gives the
+// bytes that CostVolume() gives for the next larger power of two (or for the product's own, when it
+// is so little above it that log2 comes out whole). docs/fpga.md has the details, the emulated
+// board's settings and the privileges that a real board needs.
 //
 // Threads: there is one compute unit and no lock. Runs must not overlap, be it of one object, of
 //          several or of the one-shot functions; serialising them is the caller's duty.
 // Errors:  what the device runtime throws reaches the caller after everything built so far has
 //          been released. On top of that:
 //            std::invalid_argument  a buffer size is zero or negative; nothing was opened
+//            std::out_of_range      the container puts a kernel argument outside the register page,
+//                                   or at no multiple of 4; nothing was stored
 //            std::system_error      "/dev/mem" cannot be opened or mapped (it needs the privileges
 //                                   of the superuser)
 //            KernelTimeout          a run did not end within the limit, or the kernel is still busy
 //                                   with such a run. The object can be destroyed, or used again
-//                                   once the kernel has ended; until then the kernel may still
-//                                   write to the output buffer's memory.
+//                                   once the kernel has ended.
+//          A run that ends with an error value of the kernel is no error here: any value of the
+//          control word but 1 is an end. The output then holds what was in its device buffer, the
+//          costs of the previous run for example.
+// Memory:  a kernel that still runs after a KernelTimeout goes on using its three device buffers.
+//          They are kept on purpose, even when their object is destroyed, until the next run finds
+//          the kernel idle: never more than one run's buffers. The log says so at ERROR.
 #pragma once
 
 #include <array>
@@ -50,7 +58,8 @@ class QXTOOLS_EXPORT KernelTimeout : public std::runtime_error {
 };
 
 // How long a run may take before it fails with KernelTimeout; for all runs of the process that
-// start later. 10 seconds unless set. Threads: safe from any thread.
+// start later. 10 seconds unless set. With milliseconds::max() a run waits for ever; with zero or
+// less it fails unless the first look finds that it has ended. Threads: safe from any thread.
 QXTOOLS_EXPORT void SetKernelTimeLimit(std::chrono::milliseconds limit);
 QXTOOLS_EXPORT std::chrono::milliseconds KernelTimeLimit();
 
@@ -78,7 +87,7 @@ class QXTOOLS_EXPORT Kernel_FPGA {
   //                           three frames only Data() and `scale` are read; nothing is checked.
   // Output: output            exactly output_size bytes are written to Data().
   // Errors: see the top of this header. The object stays as it was, buffer contents aside.
-  // Cost:   two copies to the device, one back; the end is noticed within 100 microseconds.
+  // Cost:   two copies to the device, one back; looks every 100 microseconds whether it has ended.
   void CostVolume_FPGA(velkar::vision::ImageFrame* input_l, velkar::vision::ImageFrame* input_r,
                        velkar::vision::ImageFrame* output);
 
@@ -111,7 +120,7 @@ class QXTOOLS_EXPORT Kernel_FPGA {
 // Errors: ends the process through a fatal log line when a pixel format is another one or the
 //         inputs differ in DataSize(); otherwise see the top of this header. The blocks at Data()
 //         are trusted to be as large as the shapes say.
-// Cost:   loading the bitstream dominates. The end of the run is noticed within 2 milliseconds.
+// Cost:   loading the bitstream dominates. Looks every 2 milliseconds whether the run has ended.
 QXTOOLS_EXPORT void CostVolume_FPGA(velkar::vision::ImageFrame* input_l,
                                     velkar::vision::ImageFrame* input_r,
                                     velkar::vision::ImageFrame* output, std::string xclbin_path,
@@ -119,7 +128,7 @@ QXTOOLS_EXPORT void CostVolume_FPGA(velkar::vision::ImageFrame* input_l,
 
 // The same through the device runtime's register calls instead of "/dev/mem", so that no privileges
 // are needed. Opens the compute unit `cu_name` exclusively: it fails while any other handle of the
-// unit, such as a Kernel_FPGA, exists. The end of the run is noticed within 100 microseconds. A
+// unit, such as a Kernel_FPGA, exists. Looks every 100 microseconds whether the run has ended. A
 // negative exponent (product of the scales above 1) reaches the kernel as its two's complement.
 QXTOOLS_EXPORT void CostVolume_FPGA_old(velkar::vision::ImageFrame* input_l,
                                         velkar::vision::ImageFrame* input_r,

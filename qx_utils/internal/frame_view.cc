@@ -24,12 +24,26 @@ std::uint64_t FrameView::Elements() const {
   return pixels * channels;
 }
 
-std::ostream& operator<<(std::ostream& out, const FrameView& view) {
-  return out << "(" << view.height << ", " << view.width << ", " << view.channels << ") ";
+namespace {
+
+struct Shape {
+  template <typename Frame>
+  explicit Shape(const Frame& frame)
+      : height(frame.Height()), width(frame.Width()), channels(frame.Channel()) {}
+
+  std::uint32_t height, width, channels;
+};
+
+std::ostream& operator<<(std::ostream& out, const Shape& shape) {
+  return out << "(" << shape.height << ", " << shape.width << ", " << shape.channels << ") ";
 }
 
-void CheckCostVolumeFrames(const FrameView* input_l, const FrameView* input_r,
-                           const FrameView* output) {
+}  // namespace
+
+std::ostream& operator<<(std::ostream& out, const FrameView& view) { return out << Shape(view); }
+
+template <typename Frame>
+void CheckCostVolumeFrames(const Frame* input_l, const Frame* input_r, const Frame* output) {
   CHECK(QXPixelFormat::kQXPixelFormatUint8 == input_l->pixel_format &&
         QXPixelFormat::kQXPixelFormatUint8 == input_r->pixel_format &&
         QXPixelFormat::kQXPixelFormatUint8 == output->pixel_format)
@@ -38,8 +52,13 @@ void CheckCostVolumeFrames(const FrameView* input_l, const FrameView* input_r,
   CHECK_EQ(input_l->DataSize(), input_r->DataSize())
       << "The two inputs' size not same, please check.";
   LOG(INFO) << "cost_volume inputs shape: " << std::endl
-            << "left: " << *input_l << "right: " << *input_r;
+            << "left: " << Shape(*input_l) << "right: " << Shape(*input_r);
 }
+
+template void CheckCostVolumeFrames(const FrameView*, const FrameView*, const FrameView*);
+template void CheckCostVolumeFrames(const velkar::vision::ImageFrame*,
+                                    const velkar::vision::ImageFrame*,
+                                    const velkar::vision::ImageFrame*);
 
 }  // namespace internal
 }  // namespace utils

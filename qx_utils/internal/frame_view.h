@@ -14,7 +14,12 @@ namespace internal {
 struct FrameView {
   explicit FrameView(const velkar::vision::ImageFrame& frame);
 
+  // As ImageFrame's accessors.
   std::uint32_t DataSize() const { return data_size; }
+  std::uint32_t Height() const { return height; }
+  std::uint32_t Width() const { return width; }
+  std::uint32_t Channel() const { return channels; }
+
   // Elements, or more than 32 bits hold when the product does not fit.
   std::uint64_t Elements() const;
 
@@ -31,9 +36,9 @@ struct FrameView {
 std::ostream& operator<<(std::ostream& out, const FrameView& view);
 
 // Ends the process through a fatal log line unless all frames hold 8-bit maps and the inputs are of
-// one size; logs the inputs' shapes.
-void CheckCostVolumeFrames(const FrameView* input_l, const FrameView* input_r,
-                           const FrameView* output);
+// one size; logs the inputs' shapes. Frame: FrameView or ImageFrame; nobody asks for Data().
+template <typename Frame>
+void CheckCostVolumeFrames(const Frame* input_l, const Frame* input_r, const Frame* output);
 
 }  // namespace internal
 }  // namespace utils
