@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <functional>
+#include <thread>
 #include <vector>
 
 #include "qxtools/emulated_board.h"
@@ -43,6 +44,17 @@ Share Measure(const std::function<void()>& run) {
   return {shares[kRuns / 10], shares[kRuns / 2], shares[kRuns * 9 / 10]};
 }
 
+double MedianSleep() {
+  std::vector<double> sleeps;
+  for (int i = 0; i < kRuns; ++i) {
+    const auto start = std::chrono::steady_clock::now();
+    std::this_thread::sleep_for(std::chrono::microseconds(100));
+    sleeps.push_back(Microseconds(std::chrono::steady_clock::now() - start).count());
+  }
+  std::sort(sleeps.begin(), sleeps.end());
+  return sleeps[kRuns / 2];
+}
+
 }  // namespace
 
 int main(int, char** argv) {
@@ -71,8 +83,9 @@ int main(int, char** argv) {
   std::printf("%-34s %12.1f %12.1f %12.1f\n", "CostVolume_FPGA", one_shot.p10, one_shot.median,
               one_shot.p90);
   std::printf("%-34s %12s %12.1f\n", "one-shot / object", "", one_shot.median / object.median);
-  constexpr double kBudget = 50 + 100;  // microseconds: the protocol, and one polling interval
-  std::printf("object within 50 us + one polling interval: %s\n",
-              object.median < kBudget ? "yes" : "NO");
+  // The protocol, and one polling interval: what a sleep of 100 microseconds takes here.
+  const double interval = MedianSleep();
+  std::printf("object within 50 us + one polling interval (%.1f us): %s\n", interval,
+              object.median < 50 + interval ? "yes" : "NO");
   return 0;
 }

@@ -1,32 +1,78 @@
-// Container files of the emulated board: whatever is accepted can be programmed and run.
+// Container files of the emulated board: whatever is accepted can be loaded, and a run on it gives
+// the processor's costs.
+#include <sys/mman.h>
+#include <unistd.h>
+
 #include <cstdint>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 #include "fuzz/require.h"
-#include "platform/emulated/container.h"
+#include "platform/emulated/board.h"
+#include "qxtools/cost_volume.h"
+#include "qxtools/emulated_board.h"
+#include "qxtools/fpga_correlation.h"
+
+namespace {
+
+using qx::fuzzing::Require;
+using velkar::vision::ImageFrameImpl;
+
+constexpr std::size_t kMostBytes = 1 << 16;  // of a buffer: larger kernels are loaded, not run
+
+// A file in memory, under a path of its own.
+class File {
+ public:
+  explicit File(const std::string& text) : fd_(memfd_create("container", MFD_CLOEXEC)) {
+    Require(fd_ >= 0 && write(fd_, text.data(), text.size()) == static_cast<ssize_t>(text.size()));
+  }
+  ~File() { close(fd_); }
+  File(const File&) = delete;
+  File& operator=(const File&) = delete;
+
+  std::string Path() const { return "/proc/self/fd/" + std::to_string(fd_); }
+
+ private:
+  int fd_;
+};
+
+void RunOnce(const qx::platform::Container& container, const std::string& path) {
+  const auto& g = container.geometry;
+  const std::size_t pixels = std::size_t{g.height} * g.width;
+  if (pixels * g.channels > kMostBytes || pixels * g.disparities > kMostBytes) return;
+  std::vector<std::uint8_t> input(pixels * g.channels), cost(pixels * g.disparities);
+  for (std::size_t i = 0; i < input.size(); ++i) input[i] = static_cast<std::uint8_t>(i * i + 77);
+  std::vector<std::uint8_t> expected(cost.size());
+  const auto frame = [&g](std::vector<std::uint8_t>& bytes, std::uint32_t channels) {
+    return ImageFrameImpl::Create(kQXPixelFormatUint8, bytes.data(), g.height, g.width, channels);
+  };
+  const auto maps = frame(input, g.channels);
+  const auto result = frame(cost, g.disparities), reference = frame(expected, g.disparities);
+  qx::utils::image::CostVolume_FPGA_old(maps.get(), maps.get(), result.get(), path,
+                                        container.kernel + ":{" + container.instance + '}', 0);
+  qx::utils::image::CostVolume(maps.get(), maps.get(), reference.get());
+  Require(cost == expected);
+}
+
+}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  using qx::fuzzing::Require;
-  using namespace qx::platform;  // NOLINT(google-build-using-namespace)
   const std::string text(reinterpret_cast<const char*>(data), size);
-  Container container;
+  qx::platform::Container container;
   try {
-    container = ParseContainer(text);
+    container = qx::platform::ParseContainer(text);
   } catch (const std::runtime_error&) {
     return 0;
   }
-  Require(GeometryFault(container.geometry).empty());
-  const std::uint64_t registers = PageOf(container.base_address);
-  Require(registers + kRegisterBlockBytes <= kPhysicalMemoryBytes);
-  for (const auto& memory : container.memory) {
-    Require(memory.size != 0 && memory.base + memory.size <= kPhysicalMemoryBytes);
-    Require(memory.base >= registers + kRegisterBlockBytes ||
-            memory.base + memory.size <= registers);
-  }
-  for (const auto& argument : container.arguments) {
-    Require(argument.offset % 4 == 0 && argument.offset != 0 &&
-            argument.offset < kRegisterBlockBytes);
-  }
+  static const bool ready = [] {
+    qx::emulated_board::Settings settings;
+    settings.ends_at_once = true;
+    qx::emulated_board::SetSettings(settings);
+    return true;
+  }();
+  const File file(text);
+  Require(ready && qx::platform::Board::Get().Load(file.Path()) != 0);
+  RunOnce(container, file.Path());
   return 0;
 }

@@ -65,6 +65,7 @@ test_doctor() {
 instruction_set "scalar"
 openmp_threads 3
 device_runtime "emulated"
+board "emulated on this processor"
 rtsp_wait_limit_s 3
 rtsp_open_limit_s 7
 library "$($Q --version | cut -d' ' -f2)"

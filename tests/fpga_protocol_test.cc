@@ -5,7 +5,6 @@
 #include <cerrno>
 #include <cmath>
 #include <cstdlib>
-#include <sstream>
 #include <stdexcept>
 #include <utility>
 
@@ -13,6 +12,7 @@
 #include "qxtools/fpga_correlation.h"
 #include "tests/testing/device_board.h"
 #include "tests/testing/test.h"
+#include "vision/image_frame_fields.h"
 
 namespace qx {
 namespace utils {
@@ -22,92 +22,76 @@ namespace {
 using std::chrono::milliseconds;
 using testing::DeviceBoard;
 
-// Pieces of the trace. Device addresses are 0x50000n000: only their low halves reach the kernel.
-const std::string kBuffers = R"(bo left 512 flags 0
-group_id 1
-bo right 512 flags 0
-group_id 2
-bo output 64 flags 0
-)";
-const std::string kAddresses = R"(address left
-address right
-address output
-)";
-const std::string kLoggedAddresses =
-    kAddresses + R"(log: Physical Address for left, right, and output buffer: |
-log: 20480|
-log: 24576|
-log: 28672|
-)";
-const std::string kInputs = R"(data of left
-data of right
-write left 512 at 0
-write right 512 at 0
-sync left direction 0 512 at 0
-sync right direction 0 512 at 0
-log: CORR_FPGA Execution Start|
-)";
-const std::string kMappedStart = R"(offset 0
-offset 1
-offset 2
-offset 3
-store 0x40 0x5000
-store 0x4c 0x6000
-store 0x58 0x7000
-store 0x64 0x6
-store 0x0 0x1
-)";
-const std::string kOutput = R"(sync output direction 1 64 at 0
-data of output
-read output 64 at 0
-)";
-const std::string kRelease = "~bo output\n~bo right\n~bo left\n";
-const std::string kShapes =
-    "log: cost_volume inputs shape: \nleft: (2, 8, 32) right: (1, 1, 512) |\nlog: 6|\n";
-
 // Somebody else's frame, which tells when it is asked for its bytes.
-class Frame : public velkar::vision::ImageFrame {
+class Frame : public velkar::vision::ImageFrameImpl {
  public:
   Frame(const char* role, std::uint32_t height, std::uint32_t width, std::uint32_t channels)
-      : bytes(std::size_t{height} * width * channels),
-        role_(role),
-        height_(height),
-        width_(width),
-        channels_(channels) {
+      : role_(role), bytes_(4096) {
     pixel_format = QXPixelFormat::kQXPixelFormatUint8;
+    SetShape(height, width, channels, 512);
   }
-
+  void SetShape(std::uint32_t height, std::uint32_t width, std::uint32_t channels,
+                std::uint32_t bytes) {
+    velkar::vision::ImageFrameFields::SetShape(*this, height, width, channels);
+    velkar::vision::ImageFrameFields::SetData(*this, bytes_.data(), bytes);
+  }
   std::uint8_t* Data() const override {
-    DeviceBoard::Get().Add(std::string("data of ") + role_);
-    return const_cast<std::uint8_t*>(bytes.data());
+    DeviceBoard::Get().Add("data of ", role_);
+    return ImageFrameImpl::Data();
   }
-  std::uint32_t DataSize() const override { return static_cast<std::uint32_t>(bytes.size()); }
-  std::uint32_t Height() const override { return height_; }
-  std::uint32_t Width() const override { return width_; }
-  std::uint32_t Channel() const override { return channels_; }
-
-  void SetShape(std::uint32_t height, std::uint32_t width, std::uint32_t channels) {
-    height_ = height;
-    width_ = width;
-    channels_ = channels;
-  }
-
-  std::vector<std::uint8_t> bytes;
 
  private:
   const char* role_;
-  std::uint32_t height_, width_, channels_;
+  std::vector<std::uint8_t> bytes_;
 };
+
+// Puts the library's log, verbose lines included, into the trace.
+class TracedLog : public LogCapture {
+ public:
+  TracedLog() : LogCapture(1) {}
+  void send(google::LogSeverity severity, const char* /*full_filename*/,
+            const char* /*base_filename*/, int /*line*/, const struct ::tm* /*tm_time*/,
+            const char* message, std::size_t message_len) override {
+    DeviceBoard::Get().Add(severity == google::INFO ? "log: " : "error: ",
+                           std::string(message, message_len));
+  }
+};
+
+// The parts of a text that each end with "; ".
+std::vector<std::string> Split(const std::string& text) {
+  std::vector<std::string> parts;
+  for (std::size_t start = 0, end = 0; start < text.size(); start = end + 2) {
+    end = text.find("; ", start);
+    parts.push_back(text.substr(start, end - start));
+  }
+  return parts;
+}
+
+// Pieces of traces. Device addresses are 0x50000n000: only their low halves reach the kernel.
+const std::string kBuffers =
+    "group_id 0; bo left 0x200 flags 0; group_id 0x1; bo right 0x200 flags 0; group_id 0x2; "
+    "bo output 0x40 flags 0; ";
+const std::string kAddresses = "address left; address right; address output; ";
+const std::string kAddressLines =
+    "log: Physical Address for left, right, and output buffer: ; log: 20480; log: 24576; "
+    "log: 28672; ";
+const std::string kInputs =
+    "data of left; data of right; write left 0x200 at 0; write right 0x200 at 0; "
+    "sync 0 left 0x200 at 0; sync 0 right 0x200 at 0; log: CORR_FPGA Execution Start; ";
+const std::string kStart =
+    "offset 0; offset 0x1; offset 0x2; offset 0x3; store 0x40 0x5000; store 0x4c 0x6000; "
+    "store 0x58 0x7000; store 0x64 0x6; store 0 0x1; ";
+const std::string kOutput = "sync 0x1 output 0x40 at 0; data of output; read output 0x40 at 0; ";
+const std::string kRelease = "~bo output; ~bo right; ~bo left; ";
+const std::string kShapes =
+    "log: cost_volume inputs shape: \nleft: (2, 8, 32) right: (1, 1, 512) ; log: 6; ";
 
 enum class Way { kObject, kOneShot, kOld };
 constexpr Way kWays[] = {Way::kObject, Way::kOneShot, Way::kOld};
 
 class FpgaProtocol : public ::testing::Test {
  protected:
-  FpgaProtocol() {
-    SetScales(0.5F, 0.25F, 0.125F);
-    output_.bytes.resize(80);  // more than the buffer: only 64 bytes are the kernel's
-  }
+  FpgaProtocol() { SetScales(0.5F, 0.25F, 0.125F); }
   ~FpgaProtocol() override {
     board_ = DeviceBoard{};
     SetKernelTimeLimit(milliseconds(10000));
@@ -142,9 +126,8 @@ class FpgaProtocol : public ::testing::Test {
 
   // The lines of the trace that begin with `start`, without it.
   std::vector<std::string> Lines(const std::string& start) const {
-    std::istringstream trace(board_.trace);
     std::vector<std::string> lines;
-    for (std::string line; std::getline(trace, line);) {
+    for (const std::string& line : board_.trace) {
       if (line.compare(0, start.size(), start) == 0) lines.push_back(line.substr(start.size()));
     }
     return lines;
@@ -153,104 +136,63 @@ class FpgaProtocol : public ::testing::Test {
   DeviceBoard& board_ = DeviceBoard::Get();
   Frame left_{"left", 2, 8, 32};
   Frame right_{"right", 1, 1, 512};  // its shape is only logged
-  Frame output_{"output", 2, 8, 4};
+  Frame output_{"output", 2, 8, 4};  // of 512 bytes, more than the 64 of its buffer
 };
 
 TEST_F(FpgaProtocol, ObjectPreparesOnceAndReleasesKernelBeforeBuffers) {
-  const testing::TracedLog log;
+  const TracedLog log;
   board_.words = {0, 1, 1, 3};
   {
     Kernel_FPGA kernel(2, 512, 64);
-    board_.Add("-- run");
     kernel.CostVolume_FPGA(&left_, &right_, &output_);
-    board_.Add("-- again");
     kernel.CostVolume_FPGA(&left_, &right_, &output_);
-    board_.Add("-- release");
+    board_.Add("end");
   }
-  EXPECT_EQ(board_.trace, R"(log: Open the device: 2|
-device 2
-log: Load the xclbin /lib/firmware/xilinx/k26brannoc/k26brannoc.xclbin|
-load_xclbin /lib/firmware/xilinx/k26brannoc/k26brannoc.xclbin
-log: Build the kernal /lib/firmware/xilinx/k26brannoc/k26brannoc.xclbin|
-kernel Corr:{Corr_1} mode 1
-log: Open successfully |
-group_id 0
-)" + kBuffers + R"(get_instance
-address_of Corr 0
-~handle
-)" + kAddresses + R"(open /dev/mem
-mmap 4096 at 0x8a0010000
-~device
--- run
-load 0x0 0x0
-)" + kInputs + kMappedStart +
-                              R"(load 0x0 0x1
-sleep 100000
-load 0x0 0x1
-sleep 100000
-load 0x0 0x3
-log: FPGA CORR Time Cost: 8.2ms|
-)" + kOutput + "-- again\nload 0x0 0x3\n" +
-                              kInputs + kMappedStart +
-                              "load 0x0 0x3\nlog: FPGA CORR Time Cost: 8ms|\n" + kOutput +
-                              "-- release\nmunmap 4096\nclose\n~kernel\n" + kRelease);
+  const std::string path = "/lib/firmware/xilinx/k26brannoc/k26brannoc.xclbin; ";
+  EXPECT_THAT(
+      board_.trace,
+      ElementsAreArray(Split(
+          "log: Open the device: 2; device 0x2; log: Load the xclbin " + path + "load_xclbin " +
+          path + "log: Build the kernal " + path + "kernel Corr:{Corr_1} mode 0x1; " +
+          "log: Open successfully ; " + kBuffers + "get_instance; address_of Corr 0; ~handle; " +
+          kAddresses + "open /dev/mem; mmap 0x1000 0x8a0010000; ~device; load 0 0; " + kInputs +
+          kStart + "load 0 0x1; sleep 100000; load 0 0x1; sleep 100000; load 0 0x3; " +
+          "log: FPGA CORR Time Cost: 8.2ms; " + kOutput + "load 0 0x3; " + kInputs + kStart +
+          "load 0 0x3; log: FPGA CORR Time Cost: 8ms; " + kOutput +
+          "end; munmap 0x1000; close; ~kernel; " + kRelease)));
 }
 
 TEST_F(FpgaProtocol, OneShotBindsItsOwnUnitAndReleasesDeviceLast) {
-  const testing::TracedLog log;
+  const TracedLog log;
   board_.words = {0, 1, 0};
   Run(Way::kOneShot);
-  EXPECT_EQ(board_.trace, kShapes + R"(log: Open the device: 2|
-device 2
-log: Load the xclbin an.xclbin|
-load_xclbin an.xclbin
-log: Build the kernal an.xclbin|
-log: Cu_name: Corr:{Corr_1}|
-log: TEST CORR|
-kernel Corr:{Corr_1} mode 1
-log: Open successfully |
-log: TEST CORR|
-group_id 0
-)" + kBuffers + "log: TEST CORR|\n" +
-                              kLoggedAddresses + kInputs + R"(open /dev/mem
-log: 7777|
-mmap 4096 at 0xa0000000
-load 0x0 0x0
-)" + kMappedStart + R"(load 0x0 0x1
-sleep 2000000
-load 0x0 0x0
-log: FPGA CORR Time Cost: 8ms|
-)" + kOutput + "log: 64|\nmunmap 4096\nclose\n" +
-                              kRelease + "~kernel\n~device\n");
+  EXPECT_THAT(
+      board_.trace,
+      ElementsAreArray(Split(
+          kShapes + "log: Open the device: 2; device 0x2; log: Load the xclbin an.xclbin; " +
+          "load_xclbin an.xclbin; log: Build the kernal an.xclbin; log: Cu_name: Corr:{Corr_1}; " +
+          "log: TEST CORR; kernel Corr:{Corr_1} mode 0x1; log: Open successfully ; " +
+          "log: TEST CORR; " + kBuffers + "log: TEST CORR; " + kAddresses + kAddressLines +
+          kInputs + "open /dev/mem; log: 7777; mmap 0x1000 0xa0000000; load 0 0; " + kStart +
+          "load 0 0x1; sleep 2000000; load 0 0; log: FPGA CORR Time Cost: 8ms; " + kOutput +
+          "log: 64; munmap 0x1000; close; " + kRelease + "~kernel; ~device; ")));
 }
 
 TEST_F(FpgaProtocol, OldOneShotUsesRuntimeRegistersOfAnExclusiveUnit) {
-  const testing::TracedLog log;
+  const TracedLog log;
   board_.words = {0, 1, 3};
   Run(Way::kOld);
-  EXPECT_EQ(board_.trace, kShapes + R"(log: Open the device2|
-device 2
-log: Load the xclbin an.xclbin|
-load_xclbin an.xclbin
-log: Build the kernal an.xclbin|
-kernel Other:{Other_7} mode 0
-read_register 0x0 0x0
-group_id 0
-)" + kBuffers + kLoggedAddresses +
-                              kInputs + R"(offset 0
-write_register 0x40 0x5000
-offset 1
-write_register 0x4c 0x6000
-offset 2
-write_register 0x58 0x7000
-offset 3
-write_register 0x64 0x6
-write_register 0x0 0x1
-read_register 0x0 0x1
-sleep 100000
-read_register 0x0 0x3
-log: FPGA CORR Time Cost: 11.1ms|
-)" + kOutput + kRelease + "~kernel\n~device\n");
+  EXPECT_THAT(
+      board_.trace,
+      ElementsAreArray(
+          Split(kShapes + "log: Open the device2; device 0x2; log: Load the xclbin an.xclbin; " +
+                "load_xclbin an.xclbin; log: Build the kernal an.xclbin; kernel Other:{Other_7} "
+                "mode 0; " +
+                "read_register 0 0; " + kBuffers + kAddresses + kAddressLines + kInputs +
+                "offset 0; write_register 0x40 0x5000; offset 0x1; write_register 0x4c 0x6000; " +
+                "offset 0x2; write_register 0x58 0x7000; offset 0x3; write_register 0x64 0x6; " +
+                "write_register 0 0x1; read_register 0 0x1; sleep 100000; read_register 0 0x3; " +
+                "log: FPGA CORR Time Cost: 11.1ms; " + kOutput + kRelease + "~kernel; ~device; ")));
 }
 
 TEST_F(FpgaProtocol, ExponentIsTruncatedAndSaturates) {
@@ -261,15 +203,15 @@ TEST_F(FpgaProtocol, ExponentIsTruncatedAndSaturates) {
   } cases[] = {
       {0.5F, 0.25F, 0.125F, "0x6", "0x6"},
       {0.1F, 0.1F, 1.0F, "0x6", "0x6"},  // log2(100) = 6.64
-      {1.0F, 1.0F, 1.0F, "0x0", "0x0"},
-      {2.0F, 1.0F, 1.0F, "0x0", "0xffffffff"},
-      {8.0F, 1.0F, 1.5F, "0x0", "0xfffffffd"},  // -3.58
+      {1.0F, 1.0F, 1.0F, "0", "0"},
+      {2.0F, 1.0F, 1.0F, "0", "0xffffffff"},
+      {8.0F, 1.0F, 1.5F, "0", "0xfffffffd"},  // -3.58
       {0.0F, 1.0F, 1.0F, "0xffffffff", "0x7fffffff"},
-      {kInf, 1.0F, 1.0F, "0x0", "0x80000000"},
-      {-1.0F, 1.0F, 1.0F, "0x0", "0x0"},
-      {NAN, 1.0F, 1.0F, "0x0", "0x0"},
+      {kInf, 1.0F, 1.0F, "0", "0x80000000"},
+      {-1.0F, 1.0F, 1.0F, "0", "0"},
+      {NAN, 1.0F, 1.0F, "0", "0"},
       // The order of the products matters: right times left overflows before the output's scale.
-      {1e30F, 1e30F, 1e-30F, "0x0", "0x80000000"},
+      {1e30F, 1e30F, 1e-30F, "0", "0x80000000"},
       {1e30F, 1e-30F, 1e-9F, "0x1d", "0x1d"},
   };
   for (const auto& c : cases) {
@@ -291,7 +233,7 @@ TEST_F(FpgaProtocol, EnvironmentReplacesPathAndUnitEvenWhenEmpty) {
     unsetenv("xclbin_path");
     unsetenv("cu_name");
     EXPECT_THAT(Lines("load_xclbin "), ElementsAre(value));
-    EXPECT_THAT(Lines("kernel "), ElementsAre(std::string(value) + " mode 1"));
+    EXPECT_THAT(Lines("kernel "), ElementsAre(std::string(value) + " mode 0x1"));
   }
 }
 
@@ -301,7 +243,6 @@ TEST_F(FpgaProtocol, WaitsWhileTheWordIsOneAndSleepsTheRestOfAnInterruptedSleep)
       EXPECT_EQ(ErrorOf(way, {0, end}), "");
       EXPECT_THAT(Lines("sleep "), IsEmpty()) << end;
     }
-    board_.sleeps = 0;
     board_.interrupted = 2;
     EXPECT_EQ(ErrorOf(way, {0, 1, 1, 1, 0}), "");
     const bool slow = way == Way::kOneShot;
@@ -338,14 +279,14 @@ TEST_F(FpgaProtocol, ALimitOfAnySizeIsKept) {
 // The buffers of a run that was given up went back while the kernel still wrote to them, and a
 // refused run replaced the inputs of the run that went on.
 TEST_F(FpgaProtocol, ARunThatGoesOnKeepsItsBuffersAndItsInputs) {
-  const testing::TracedLog log;
+  const TracedLog log;
   SetKernelTimeLimit(milliseconds(1));
   for (const Way way : kWays) {
     EXPECT_THAT(ErrorOf(way, {0, 1}), HasSubstr("did not end within 1 ms"));
     EXPECT_THAT(Lines("~bo "), IsEmpty());
     EXPECT_THAT(Lines("error: "),
                 ElementsAre("the correlation kernel still runs: its buffers, 1088 "
-                            "bytes, are kept until the next run finds it idle|"));
+                            "bytes, are kept until the next run finds it idle"));
     EXPECT_EQ(ErrorOf(way, {1}), "the correlation kernel is still busy with an earlier run");
     EXPECT_THAT(Lines("~bo "), SizeIs(way == Way::kOld ? 0 : 3));  // its own
     EXPECT_THAT(Lines("write "), SizeIs(way == Way::kOneShot ? 2 : 0));
@@ -353,7 +294,7 @@ TEST_F(FpgaProtocol, ARunThatGoesOnKeepsItsBuffersAndItsInputs) {
     EXPECT_THAT(Lines("~bo "), SizeIs(6));
   }
   // Whether the kernel still runs cannot be seen.
-  board_.failing = "read_register 0x0 0x1";
+  board_.failing = "read_register 0 0x1";
   EXPECT_EQ(ErrorOf(Way::kOld, {0, 1}), board_.failing);
   EXPECT_THAT(Lines("~bo "), IsEmpty());
   board_.failing.clear();
@@ -396,16 +337,16 @@ TEST_F(FpgaProtocol, BadSizesAreRefusedBeforeAnythingIsOpened) {
   }
   for (const auto& [height, width, channels, disparities] : std::vector<std::array<unsigned, 4>>{
            {0, 8, 32, 4}, {2, 8, 32, 0}, {0x10000, 0x8000, 1, 1}}) {
-    left_.SetShape(height, width, channels);
-    output_.SetShape(height, width, disparities);
+    left_.SetShape(height, width, channels, 512);
+    output_.SetShape(height, width, disparities, 512);
     for (const Way way : {Way::kOneShot, Way::kOld}) EXPECT_THROW(Run(way), std::invalid_argument);
   }
-  EXPECT_EQ(board_.trace, "");
+  EXPECT_THAT(board_.trace, IsEmpty());
 }
 
 TEST_F(FpgaProtocol, OneShotsEndTheProcessForFramesThatDoNotFit) {
   for (const Way way : {Way::kOneShot, Way::kOld}) {
-    right_.bytes.resize(1024);
+    right_.SetShape(1, 1, 512, 1024);
     EXPECT_DEATH(Run(way),
                  "Check failed: input_l->DataSize\\(\\) == input_r->DataSize\\(\\) "
                  "\\(512 vs. 1024\\) ?The two inputs' size not same, please check\\.");

@@ -50,6 +50,7 @@ ordered_json Examine() {
           {"instruction_set", ActiveInstructionSet()},
           {"openmp_threads", omp_get_max_threads()},
           {"device_runtime", emulated_board::IsEmulated() ? "emulated" : "system"},
+          {"board", emulated_board::IsEmulated() ? "emulated on this processor" : "real"},
           {"rtsp_wait_limit_s", limits.wait.count()},
           {"rtsp_open_limit_s", limits.open.count()}};
 }
@@ -61,8 +62,8 @@ void AddDoctor(CLI::App& app) {
   CLI::App* doctor = app.add_subcommand("doctor", "Show what the library runs on and with");
   doctor->add_flag("--json", *json, "Print a JSON object");
   doctor->footer(
-      "Versions in use, instruction set, OpenMP threads, device runtime, and the limits in "
-      "seconds\n"
+      "Versions in use, instruction set, OpenMP threads, device runtime (emulated: correlation\n"
+      "runs are computed on this processor, whatever board there is), and the limits in seconds\n"
       "of one wait for an RTSP camera and of opening it. Belongs into every bug report.\n\n"
       "Examples:\n"
       "  qxtools doctor\n"

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <vector>
 
 enum xclBOSyncDirection : int {};
 
@@ -16,7 +17,7 @@ class uuid {};
 
 class device {
  public:
-  explicit device(unsigned int index);
+  explicit device(unsigned index);
   ~device();
   uuid load_xclbin(const std::string& path);
   operator void*();  // NOLINT(google-explicit-constructor): the raw handle that buffers take
@@ -28,15 +29,15 @@ class kernel {
   kernel(const device& board, const uuid& container, const std::string& name, cu_access_mode mode);
   ~kernel();
   int group_id(int argument);
-  unsigned int offset(int argument);
-  void write_register(unsigned int offset, unsigned int value);
-  unsigned int read_register(unsigned int offset);
+  unsigned offset(int argument);
+  void write_register(unsigned offset, unsigned value);
+  unsigned read_register(unsigned offset);
 };
 
 class bo {
  public:
-  enum class flags : unsigned int {};
-  bo(void* device, unsigned long bytes, flags kind, unsigned int group);
+  enum class flags : unsigned {};
+  bo(void* device, unsigned long bytes, flags kind, unsigned group);
   ~bo();
   std::size_t size();
   std::uint64_t address();
@@ -45,9 +46,8 @@ class bo {
   void sync(xclBOSyncDirection direction, std::size_t bytes, std::size_t offset);
 
  private:
-  std::unique_ptr<std::uint8_t[]> bytes_;
-  std::size_t size_;
-  unsigned int group_;
+  std::vector<std::uint8_t> bytes_;
+  unsigned group_;
 };
 
 }  // namespace xrt
