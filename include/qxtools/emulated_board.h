@@ -46,8 +46,8 @@ struct Settings {
 [[nodiscard]] QXTOOLS_EXPORT Settings GetSettings();
 
 // Errors: std::invalid_argument, and nothing changes, when a dimension is zero, the built-in
-//         container has no memory for the buffers of that geometry (768 MiB for both inputs, 512 MiB
-//         for the output), run_time is negative or end_value is 1.
+//         container has no memory for the buffers of that geometry (768 MiB for both inputs, 512
+//         MiB for the output), run_time is negative or end_value is 1.
 QXTOOLS_EXPORT void SetSettings(const Settings& settings);
 
 struct MemoryGroup {

@@ -173,7 +173,8 @@ void ComputeUnit::Run(Lock& lock) {
     lock.lock();
   }
   if (fails) LOG(ERROR) << "emulated board: the run ends with an error value (injected fault)";
-  changed_.wait_until(lock, start + std::min<std::chrono::microseconds>(settings_.run_time, kLongest),
+  changed_.wait_until(lock,
+                      start + std::min<std::chrono::microseconds>(settings_.run_time, kLongest),
                       [this] { return abandon_; });
   changed_.notify_all();
   changed_.wait(lock, [this] { return abandon_ || !hung_; });
