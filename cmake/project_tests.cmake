@@ -27,3 +27,9 @@ project_test(docs doxygen check-docs.sh ${PROJECT_BINARY_DIR}/Doxyfile $<TARGET_
 if(TEST docs)
   set_tests_properties(docs PROPERTIES FIXTURES_REQUIRED clips)
 endif()
+
+# A build for a board cannot have the tests, and says so.
+add_test(NAME system_runtime COMMAND ${CMAKE_COMMAND} -G ${CMAKE_GENERATOR} -S ${PROJECT_SOURCE_DIR}
+         -B ${PROJECT_BINARY_DIR}/system_runtime -DQXTOOLS_DEVICE_RUNTIME=system)
+set_tests_properties(system_runtime PROPERTIES
+  TIMEOUT 120 PASS_REGULAR_EXPRESSION "set QXTOOLS_BUILD_TESTS=OFF")

@@ -30,7 +30,8 @@ struct DeviceBoard {
   template <typename... Piece>
   void Add(const Piece&... pieces) {
     std::ostringstream line;
-    (line << std::hex << std::showbase << ... << pieces);
+    line << std::hex << std::showbase;
+    (line << ... << pieces);
     trace.push_back(line.str());
   }
   template <typename... Piece>
