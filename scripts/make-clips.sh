@@ -13,6 +13,7 @@
 #   interlaced.h264          field coding; 240 lines are padded to 256 and cropped
 #   full_range.mp4           yuvj420p
 #   cropped.h264 cropped.mp4     318 x 238, padded to 320 x 240 and cropped
+#   odd.mp4                  317 x 177, grey, 30000/1001 pictures a second, 12 pictures
 #   chroma422.mp4            High 4:2:2, 8 bit
 #   bits10.mp4               High 10, 4:2:0
 #   hevc.h265 hevc.mp4       H.265 Main, 320 x 240, without a conformance window
@@ -82,6 +83,8 @@ x264 high left.nut interlaced.h264 -flags +ildct+ilme -x264-params interlaced=1:
 x264 high left.nut full_range.mp4 -pix_fmt yuvj420p
 x264 high left.nut cropped.mp4 -vf crop=318:238:0:0
 copy -i cropped.mp4 -c copy cropped.h264
+x264 high left.nut odd.mp4 -vf 'scale=317:177,setpts=N*1001/30000/TB' -r 30000/1001 \
+  -pix_fmt gray -frames:v 12
 x264 high422 left.nut chroma422.mp4 -pix_fmt yuv422p -frames:v 6
 x264 high10 left.nut bits10.mp4 -pix_fmt yuv420p10le -frames:v 6
 

@@ -205,12 +205,31 @@ TEST(Output, ColoursGetLighterTowardsTheCameraAndTheLegendShowsThem) {
   for (const int width : {1, 7, 30}) Paint(DisparityMap(width, 1), 256);  // clipped, not overrun
 }
 
+// Once the labels of narrow pictures were drawn over each other, and their steps were uneven.
+TEST(Output, LegendLabelsAreRoundEvenlySpacedAndApart) {
+  for (int width = 1; width < 700; ++width) {
+    for (const int disparities : {1, 2, 16, 64, 112, 256}) {
+      const auto labels = LegendLabels(width, disparities);
+      ASSERT_TRUE(width < 100 || disparities == 1 || labels.size() > 1) << width;
+      for (std::size_t i = 1; i < labels.size(); ++i) {
+        ASSERT_GT(labels[i].left, labels[i - 1].right) << width;
+        ASSERT_EQ(labels[i].disparity, labels[1].disparity * static_cast<int>(i));
+      }
+      if (labels.empty()) continue;
+      ASSERT_THAT(labels[1].disparity, ::testing::AnyOf(1, 2, 5, 10, 20, 50, 100, 200)) << width;
+      ASSERT_LE(labels.back().right, width);
+      ASSERT_EQ(labels[0].disparity, 0);
+    }
+  }
+}
+
 TEST(Inputs, PicturesAndVideosGiveLuma) {
   const GrayPicture drawn = Draw(7, 5, [](int x, int y) { return std::uint8_t(10 * x + y); });
   const std::string path = WriteGray("a:b.pgm", drawn);
   const GrayPicture read = ReadPicture(path);
   EXPECT_EQ(read.luma, drawn.luma);
   EXPECT_EQ(read.width, 7);
+  EXPECT_TRUE(IsPictureFile(path));
   const std::string clips = QXTOOLS_CLIPS_DIR;
   const auto video = OpenPictureSource(clips + "/left.mp4");
   const auto reordered = OpenPictureSource(clips + "/bframes.h264");

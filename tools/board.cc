@@ -1,3 +1,4 @@
+#include <climits>
 #include <cstdio>
 #include <memory>
 #include <string>
@@ -56,9 +57,8 @@ void AddBoard(CLI::App& app) {
   };
   const auto options = std::make_shared<Options>();
   CLI::App* board = app.add_subcommand("board", "Show the correlation kernel of the board");
-  board->add_option("--device", options->device, "Index of the device")
-      ->check(CLI::NonNegativeNumber)
-      ->capture_default_str();
+  auto* device = board->add_option("--device", options->device, "Index of the device");
+  AcceptNumbers(device->capture_default_str(), 0, INT_MAX);
   board->add_flag("--json", options->json, "Print a JSON object");
   board->footer(
       "Loads the container and binds the compute unit as an application would. The environment\n"

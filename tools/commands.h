@@ -7,6 +7,9 @@
 #pragma once
 
 #include <CLI/CLI.hpp>
+#include <cstdint>
+#include <string>
+#include <vector>
 
 namespace qx {
 namespace tools {
@@ -17,6 +20,11 @@ void AddDoctor(CLI::App& app);
 void AddIsa(CLI::App& app);
 void AddProbe(CLI::App& app);
 void AddStereo(CLI::App& app);
+
+// What an option takes, for its help and with an error text that says it. AcceptNumbers(): whole
+// numbers from `low` to `high`.
+void AcceptNumbers(CLI::Option* option, std::uint64_t low, std::uint64_t high = UINT64_MAX);
+void AcceptChoices(CLI::Option* option, const std::vector<std::string>& choices);
 
 }  // namespace tools
 }  // namespace qx

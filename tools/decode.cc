@@ -1,14 +1,14 @@
 #include <cstddef>
-#include <cstdio>
 #include <filesystem>
 #include <memory>
 #include <regex>
 #include <stdexcept>
 #include <string>
+#include <utility>
 
 #include "tools/commands.h"
+#include "tools/messages.h"
 #include "tools/output_file.h"
-#include "tools/passwords.h"
 #include "tools/picture_writer.h"
 #include "tools/progress.h"
 #include "tools/video_reader.h"
@@ -21,7 +21,7 @@ struct DecodeOptions {
   std::string input;
   std::string output;
   std::string format;
-  std::string frame_rate = "25";
+  std::string frame_rate;  // empty: the container's
   std::size_t frames = 0;  // 0: all
 };
 
@@ -44,11 +44,13 @@ std::string CheckFrameRate(const std::string& text) {
   return std::regex_match(text, kRate) ? "" : "'" + text + "' is not a rate like 25 or 30000/1001";
 }
 
-// Returns: "N/D" or "N" as "N:D".
-std::string HeaderRate(std::string rate) {
+// Returns: the rate for a header, "N:D": what the user says, or else what the container says, or
+//          else that of most cameras.
+std::string HeaderRate(std::string rate, const utils::video::StreamTimes& times) {
+  if (rate.empty() && times.rate_num == 0) return "25:1";
+  if (rate.empty()) return std::to_string(times.rate_num) + ':' + std::to_string(times.rate_den);
   const std::size_t slash = rate.find('/');
-  if (slash == std::string::npos) return rate + ":1";
-  return rate.replace(slash, 1, ":");
+  return slash == std::string::npos ? rate + ":1" : rate.replace(slash, 1, ":");
 }
 
 DecodeSummary Copy(VideoReader& reader, PictureWriter& writer, std::size_t limit) {
@@ -57,34 +59,30 @@ DecodeSummary Copy(VideoReader& reader, PictureWriter& writer, std::size_t limit
   std::size_t width = 0;
   std::size_t height = 0;
   while (limit == 0 || summary.pictures < limit) {
-    const auto frame = reader.Next();
+    auto frame = reader.Next();
     if (!frame) break;
-    const PlanarPicture picture = ToPlanar(frame);
+    const PlanarPicture picture(std::move(frame));
     writer.Write(picture);
-    if (summary.pictures > 0 && (picture.width != width || picture.height != height)) {
+    if (summary.pictures > 0 && (picture.Width() != width || picture.Height() != height)) {
       ++summary.size_changes;
     }
-    width = picture.width;
-    height = picture.height;
+    width = picture.Width();
+    height = picture.Height();
     progress.Update(++summary.pictures);
   }
   return summary;
 }
 
 void Report(const DecodeOptions& options, const VideoReader& reader, const DecodeSummary& summary) {
-  const std::string shown = WithoutPasswords(options.input);
-  const char* name = shown.c_str();
+  const std::string name = "'" + options.input + "': ";
   if (reader.DamagedPackets() > 0) {
-    std::fprintf(stderr, "qxtools: warning: '%s': %zu damaged packet%s\n", name,
-                 reader.DamagedPackets(), reader.DamagedPackets() == 1 ? "" : "s");
+    PrintWarning(name + Count(reader.DamagedPackets(), "damaged packet"));
   }
   if (reader.Truncated()) {
-    std::fprintf(stderr, "qxtools: warning: '%s': unreadable behind picture %zu\n", name,
-                 summary.pictures);
+    PrintWarning(name + "unreadable after " + Count(summary.pictures, "picture"));
   }
   if (summary.size_changes > 0) {
-    std::fprintf(stderr, "qxtools: warning: '%s': the picture size changes %zu time%s\n", name,
-                 summary.size_changes, summary.size_changes == 1 ? "" : "s");
+    PrintWarning(name + "the picture size changes " + Count(summary.size_changes, "time"));
   }
 }
 
@@ -92,9 +90,13 @@ void Decode(const DecodeOptions& options) {
   const std::string format = options.format.empty() ? FormatOf(options.output) : options.format;
   VideoReader reader(options.input);
   OutputFile file(options.output);
-  const auto writer = MakePictureWriter(format, HeaderRate(options.frame_rate), file);
-  const DecodeSummary summary =
-      Copy(reader, *writer, writer->Limit() != 0 ? writer->Limit() : options.frames);
+  const auto writer =
+      MakePictureWriter(format, HeaderRate(options.frame_rate, reader.Times()), file);
+  const std::size_t limit = writer->Limit() != 0 ? writer->Limit() : options.frames;
+  if (limit < options.frames) {
+    PrintWarning("--frames has no effect: a ." + format + " file holds " + Count(limit, "picture"));
+  }
+  const DecodeSummary summary = Copy(reader, *writer, limit);
   if (summary.pictures == 0) {
     throw std::runtime_error("'" + options.input + "': no picture in it could be decoded");
   }
@@ -102,27 +104,39 @@ void Decode(const DecodeOptions& options) {
   Report(options, reader, summary);
 }
 
+void AddOptions(CLI::App& decode, DecodeOptions& options) {
+  decode.add_option("INPUT", options.input, "H.264 file (raw, MP4, MKV, TS, ...) or RTSP URL")
+      ->type_name("")
+      ->required();
+  decode.add_option("-o,--output", options.output, "File to write; - for standard output")
+      ->type_name("FILE")
+      ->required();
+  AcceptNumbers(decode.add_option("--frames", options.frames,
+                                  "Stop after so many pictures; default: after all"),
+                1);
+  AcceptChoices(decode.add_option("--format", options.format,
+                                  "What to write; default: by the ending of the output's name"),
+                {"yuv", "y4m", "png"});
+  decode
+      .add_option("--fps", options.frame_rate,
+                  "Pictures a second in the header of y4m; default: what the input says, or 25")
+      ->type_name("N[/D]")
+      ->check(CLI::Validator(CheckFrameRate, ""));
+}
+
 }  // namespace
 
 void AddDecode(CLI::App& app) {
   const auto options = std::make_shared<DecodeOptions>();
   CLI::App* decode = app.add_subcommand("decode", "Write the pictures of an H.264 video to a file");
-  decode->add_option("INPUT", options->input, "H.264 file (raw, MP4, MKV, TS, ...) or RTSP URL")
-      ->required();
-  decode->add_option("-o,--output", options->output, "File to write; - for standard output")
-      ->required();
-  decode->add_option("--frames", options->frames, "Stop after so many pictures; default: all")
-      ->check(CLI::PositiveNumber);
-  decode->add_option("--format", options->format, "Default: by the ending of the output's name")
-      ->check(CLI::IsMember({"yuv", "y4m", "png"}));
-  decode->add_option("--fps", options->frame_rate, "Pictures per second in the header of y4m")
-      ->check(CLI::Validator(CheckFrameRate, "N[/D]"))
-      ->capture_default_str();
+  AddOptions(*decode, *options);
   decode->footer(
-      "Formats: yuv  all pictures in output order as planar I420, rows tightly packed; pictures\n"
-      "              keep their sizes where the stream changes it\n"
+      "Formats: yuv  all pictures in output order as planar I420, rows tightly packed; each keeps\n"
+      "              its size where the stream changes it\n"
       "         y4m  the same with headers; a size change is an error\n"
-      "         png  the first picture as RGB, by BT.601 and the stream's colour range\n"
+      "         png  the first picture as RGB, by the stream's matrix (BT.601 if it names none)\n"
+      "              and range\n"
+      "Odd sizes: chroma planes have (width + 1) / 2 x (height + 1) / 2 samples.\n"
       "The file appears when it is complete: a failure leaves an older one as it was. Damaged\n"
       "packets are skipped and counted on standard error.\n\n"
       "Examples:\n"

@@ -2,17 +2,19 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
+#include <charconv>
 #include <csignal>
 #include <cstdio>
 #include <exception>
 #include <initializer_list>
 #include <iostream>
+#include <limits>
 #include <string>
 #include <system_error>
 
 #include "tools/commands.h"
-#include "tools/library_log.h"
-#include "tools/passwords.h"
+#include "tools/messages.h"
 
 namespace {
 
@@ -39,12 +41,35 @@ void FlushStandardOutput() {
   }
 }
 
-// Returns: `text` on one line.
-std::string OneLine(std::string text) {
-  for (char& c : text) {
-    if (c == '\n' || c == '\r') c = ' ';
+// Returns: what to type for the help that fits.
+std::string HelpCommand(const CLI::App& app) {
+  const auto chosen = app.get_subcommands();
+  return "`qxtools " + (chosen.empty() ? "" : chosen.front()->get_name() + ' ') + "--help`";
+}
+
+// The first word that is no flag has to be a subcommand.
+void CheckSubcommand(CLI::App& app, int argc, char** argv) {
+  char** const word = std::find_if(argv + 1, argv + argc, [](const char* a) { return *a != '-'; });
+  if (word == argv + argc) return;
+  const auto is_named = [word](CLI::App* subcommand) { return subcommand->check_name(*word); };
+  if (app.get_subcommands(is_named).empty()) {
+    throw CLI::ExtrasError("there is no command '" + std::string(*word) + "'",
+                           CLI::ExitCodes::ExtrasError);
   }
-  return text;
+}
+
+ExitStatus Parse(CLI::App& app, int argc, char** argv) {
+  try {
+    CheckSubcommand(app, argc, argv);
+    app.parse(argc, argv);
+    if (app.get_subcommands().empty()) throw CLI::RequiredError("a command");
+  } catch (const CLI::Success& stop) {  // --help, --version
+    app.exit(stop);
+  } catch (const CLI::ParseError& error) {
+    qx::tools::PrintMessage(std::string(error.what()) + "; see " + HelpCommand(app));
+    return kUsage;
+  }
+  return kSuccess;
 }
 
 int Run(int argc, char** argv) {
@@ -53,25 +78,46 @@ int Run(int argc, char** argv) {
   app.add_flag_callback(
       "-v,--verbose", [] { qx::tools::ShowLibraryLog(1); },
       "Show the library's log on standard error");
-  app.failure_message([](const CLI::App* failed, const CLI::Error& error) {
-    return qx::tools::WithoutPasswords(CLI::FailureMessage::simple(failed, error));
-  });
-  app.require_subcommand(1);
+  app.require_subcommand(0, 1);  // Parse() has a better text for none
   app.fallthrough();
   app.footer(
       "Exit status: 0 success, 1 failure (one line on standard error says why), 2 wrong usage.\n"
       "`qxtools COMMAND --help` shows options and examples.");
   for (const auto add : kSubcommands) add(app);
-  try {
-    app.parse(argc, argv);
-  } catch (const CLI::ParseError& stop) {
-    if (app.exit(stop) != 0) return kUsage;  // --help and --version stop here too
-  }
-  FlushStandardOutput();
-  return kSuccess;
+  const int status = Parse(app, argc, argv);
+  if (status == kSuccess) FlushStandardOutput();
+  return status;
 }
 
 }  // namespace
+
+namespace qx {
+namespace tools {
+
+void AcceptNumbers(CLI::Option* option, std::uint64_t low, std::uint64_t high) {
+  const auto check = [low, high](const std::string& text) -> std::string {
+    std::uint64_t number = 0;
+    const char* const end = text.data() + text.size();
+    const auto result = std::from_chars(text.data(), end, number);
+    if (result.ec == std::errc() && result.ptr == end && low <= number && number <= high) return {};
+    const bool open = high == std::numeric_limits<std::uint64_t>::max();
+    return "'" + text + "' is not a whole number " +
+           (open ? "of " + std::to_string(low) + " or more"
+                 : "from " + std::to_string(low) + " to " + std::to_string(high));
+  };
+  option->type_name("N")->check(CLI::Validator(check, ""));
+}
+
+void AcceptChoices(CLI::Option* option, const std::vector<std::string>& choices) {
+  const auto check = [choices](const std::string& text) -> std::string {
+    if (std::find(choices.begin(), choices.end(), text) != choices.end()) return {};
+    return "'" + text + "' is not one of " + CLI::detail::join(choices, ", ");
+  };
+  option->type_name("{" + CLI::detail::join(choices, ",") + "}")->check(CLI::Validator(check, ""));
+}
+
+}  // namespace tools
+}  // namespace qx
 
 int main(int argc, char** argv) {
   OccupyStandardStreams();
@@ -82,8 +128,7 @@ int main(int argc, char** argv) {
   try {
     return Run(argc, argv);
   } catch (const std::exception& failure) {
-    const std::string reason = OneLine(qx::tools::WithoutPasswords(failure.what()));
-    std::fprintf(stderr, "qxtools: %s\n", reason.c_str());
+    qx::tools::PrintMessage(failure.what());
     return kFailure;
   }
 }

@@ -4,8 +4,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <climits>
 #include <csignal>
 #include <cstdio>
 #include <filesystem>
@@ -87,15 +89,23 @@ void OutputFile::CreateTemporary() {
   descriptor_ = open(temporary_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
 }
 
-void OutputFile::Write(const void* data, std::size_t size) {
-  const char* rest = static_cast<const char*>(data);
-  while (size > 0) {
-    const ssize_t written = write(descriptor_, rest, size);
-    if (written < 0 && errno == EINTR) continue;
-    if (written < 0) Fail();
-    rest += written;
-    size -= static_cast<std::size_t>(written);
+void OutputFile::Write(std::vector<iovec> pieces) {
+  auto rest = pieces.begin();
+  while (rest != pieces.end()) {
+    const auto count = std::min<std::ptrdiff_t>(pieces.end() - rest, IOV_MAX);
+    const ssize_t result = writev(descriptor_, &*rest, static_cast<int>(count));
+    if (result < 0 && errno == EINTR) continue;
+    if (result < 0) Fail();
+    auto written = static_cast<std::size_t>(result);
+    while (rest != pieces.end() && written >= rest->iov_len) written -= (rest++)->iov_len;
+    if (rest == pieces.end()) break;
+    rest->iov_base = static_cast<char*>(rest->iov_base) + written;
+    rest->iov_len -= written;
   }
+}
+
+void OutputFile::Write(const void* data, std::size_t size) {
+  Write({iovec{const_cast<void*>(data), size}});  // writev() only reads it
 }
 
 void OutputFile::Commit() {

@@ -2,6 +2,7 @@
 
 #include <stdexcept>
 #include <utility>
+#include <vector>
 
 #include "tools/png_writer.h"
 
@@ -12,9 +13,7 @@ namespace {
 class YuvWriter : public PictureWriter {
  public:
   explicit YuvWriter(OutputFile& file) : file_(file) {}
-  void Write(const PlanarPicture& picture) override {
-    file_.Write(picture.bytes.data(), picture.bytes.size());
-  }
+  void Write(const PlanarPicture& picture) override { file_.Write(picture.Pieces()); }
 
  private:
   OutputFile& file_;
@@ -34,15 +33,18 @@ class Y4mWriter : public PictureWriter {
       throw std::runtime_error(
           "picture size or range changes in mid-stream, which a .y4m file cannot hold; write .yuv");
     }
-    file_.Write("FRAME\n", 6);
-    file_.Write(picture.bytes.data(), picture.bytes.size());
+    static char mark[] = "FRAME\n";
+    std::vector<iovec> pieces = {{mark, 6}};
+    pieces.insert(pieces.end(), picture.Pieces().begin(), picture.Pieces().end());
+    file_.Write(std::move(pieces));
   }
 
  private:
   std::string Header(const PlanarPicture& picture) const {
-    return "YUV4MPEG2 W" + std::to_string(picture.width) + " H" + std::to_string(picture.height) +
-           " F" + frame_rate_ + " Ip A0:0 C420mpeg2 XYSCSS=420MPEG2 XCOLORRANGE=" +
-           (picture.full_range ? "FULL" : "LIMITED") + "\n";
+    return "YUV4MPEG2 W" + std::to_string(picture.Width()) + " H" +
+           std::to_string(picture.Height()) + " F" + frame_rate_ +
+           " Ip A0:0 C420mpeg2 XYSCSS=420MPEG2 XCOLORRANGE=" +
+           (picture.FullRange() ? "FULL" : "LIMITED") + "\n";
   }
 
   std::string frame_rate_;
@@ -54,7 +56,7 @@ class PngWriter : public PictureWriter {
  public:
   explicit PngWriter(OutputFile& file) : file_(file) {}
   void Write(const PlanarPicture& picture) override {
-    WritePng(file_, picture.width, picture.height, ToRgb(picture).data());
+    WritePng(file_, picture.Width(), picture.Height(), ToRgb(picture).data());
   }
   std::size_t Limit() const override { return 1; }
 

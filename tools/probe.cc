@@ -7,7 +7,7 @@
 
 #include "qxtools/h264_h265_info_parse.h"
 #include "tools/commands.h"
-#include "tools/passwords.h"
+#include "tools/messages.h"
 #include "tools/report.h"
 #include "tools/video_input.h"
 
@@ -80,6 +80,7 @@ void AddProbe(CLI::App& app) {
   CLI::App* probe = app.add_subcommand("probe", "Show codec, picture size and profile of a video");
   probe
       ->add_option("INPUT", options->input, "H.264/H.265 file (raw, MP4, MKV, TS, ...) or RTSP URL")
+      ->type_name("")
       ->required();
   probe->add_flag("--json", options->json, "Print a JSON object");
   probe->footer(

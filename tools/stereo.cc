@@ -1,14 +1,16 @@
+#include <algorithm>
 #include <array>
+#include <cmath>
 #include <cstddef>
 #include <cstdio>
 #include <filesystem>
-#include <map>
 #include <memory>
 #include <optional>
 #include <string>
-#include <system_error>
+#include <vector>
 
 #include "tools/commands.h"
+#include "tools/messages.h"
 #include "tools/progress.h"
 #include "tools/stereo_evaluation.h"
 #include "tools/stereo_matcher.h"
@@ -22,6 +24,11 @@ namespace {
 // The PGM samples hold 255 + a fraction (see kPgmScale).
 constexpr int kMostDisparities = 256;
 
+// Percent of the pixels without a reliable match from which on something is wrong with the pair, or
+// it has hardly any texture. Rectified pairs of textured scenes have 9 to 36; pairs of raw cameras
+// and swapped ones have 81 to 97; one whose rows are off by two has 52.
+constexpr double kSuspicious = 50;
+
 struct StereoOptions {
   std::string left;
   std::string right;
@@ -30,7 +37,7 @@ struct StereoOptions {
   std::size_t frames = 0;  // 0: all
   std::string ground_truth;
   double ground_truth_scale = 1;
-  Backend backend = Backend::kCpu;
+  std::string backend = "cpu";
 };
 
 std::string FramePath(const StereoOptions& options, std::size_t frame, const char* ending) {
@@ -78,60 +85,98 @@ void PrintAccuracy(const StereoOptions& options, const MatchResult& result,
   PrintErrors("after", filled);
 }
 
+// Of all frames.
+struct StereoTotals {
+  StageTimes times;
+  std::size_t pixels = 0;
+  std::size_t missing = 0;  // pixels without a reliable match
+  std::string size;
+};
+
+void Report(const StereoOptions& options, const PairReader& reader, const StereoTotals& totals) {
+  std::printf("%s of %s, disparities 0 .. %d, in '%s'\n", Count(reader.Count(), "frame").c_str(),
+              totals.size.c_str(), options.disparities - 1, options.folder.c_str());
+  const double missing =
+      100 * static_cast<double>(totals.missing) / static_cast<double>(totals.pixels);
+  std::printf("%.1f %% of the pixels have no reliable match; their surroundings fill them\n",
+              missing);
+  PrintTimes(totals.times, reader.Count());
+  if (missing < kSuspicious) return;
+  PrintWarning(
+      "most pixels have no reliable match: check that the pair is rectified, that left is left, "
+      "and "
+      "that --disparities " +
+      std::to_string(options.disparities) + " is enough");
+}
+
+PairReader Open(const StereoOptions& options, StageTimes& times) {
+  const StageTimer timer(times.decode);  // a picture file is decoded at once
+  return PairReader(options.left, options.right, options.frames);
+}
+
 void MatchAll(const StereoOptions& options) {
   std::optional<GrayPicture> truth;
   if (!options.ground_truth.empty()) truth = ReadPicture(options.ground_truth);
-  StereoMatcher matcher(options.disparities, options.backend);
+  StereoMatcher matcher(options.disparities,
+                        options.backend == "fpga" ? Backend::kFpga : Backend::kCpu);
   Progress progress(options.frames);
-  StageTimes times;
-  const auto open = [&] {  // decodes a picture file at once
-    const StageTimer timer(times.decode);
-    return PairReader(options.left, options.right, options.frames);
-  };
-  PairReader reader = open();
-  std::error_code error;
-  std::filesystem::create_directories(options.folder, error);
-  if (error) throw std::system_error(error, "cannot make the folder '" + options.folder + "'");
+  StereoTotals totals;
+  PairReader reader = Open(options, totals.times);
+  OutputFolder folder(options.folder);
   const auto next = [&] {
-    const StageTimer timer(times.decode);
+    const StageTimer timer(totals.times.decode);
     return reader.Next();
   };
-  std::string size;
   while (const auto pair = next()) {
     const std::size_t frame = reader.Count() - 1;
-    const MatchResult result = matcher.Match(pair->left, pair->right, times);
+    const MatchResult result = matcher.Match(pair->left, pair->right, totals.times);
     if (truth && frame == 0) PrintAccuracy(options, result, *truth);
-    const StageTimer timer(times.write);
+    const std::vector<float>& values = result.measured.values;
+    totals.pixels += values.size();
+    totals.missing += static_cast<std::size_t>(std::count(values.begin(), values.end(), kMissing));
+    totals.size = std::to_string(pair->left.width) + " x " + std::to_string(pair->left.height);
+    const StageTimer timer(totals.times.write);
+    folder.Create();
     WriteFrame(options, result.filled, frame);
-    size = std::to_string(pair->left.width) + " x " + std::to_string(pair->left.height);
     progress.Update(reader.Count());
   }
-  std::printf("%zu frames of %s, %d disparities, in '%s'\n", reader.Count(), size.c_str(),
-              options.disparities, options.folder.c_str());
-  PrintTimes(times, reader.Count());
+  Report(options, reader, totals);
+}
+
+std::string CheckScale(const std::string& text) {
+  double scale = 0;
+  const bool is_number = CLI::detail::lexical_cast(text, scale);
+  return is_number && scale > 0 && std::isfinite(scale) ? "" : "'" + text + "' is not above 0";
 }
 
 void AddOptions(CLI::App& stereo, StereoOptions& options) {
-  stereo.add_option("LEFT", options.left, "Left picture (PNG, PGM, JPEG) or H.264 video")
+  stereo
+      .add_option("LEFT", options.left,
+                  "Left picture (PNG, JPEG, PGM, BMP, TIFF, ...) or H.264 video")
+      ->type_name("")
       ->required();
   stereo.add_option("RIGHT", options.right, "Right one: the same size and number of frames")
+      ->type_name("")
       ->required();
   stereo.add_option("-o,--output", options.folder, "Folder for the results; made if missing")
+      ->type_name("FOLDER")
       ->required();
-  stereo.add_option("--disparities", options.disparities, "Search 0 .. N-1 pixels")
-      ->check(CLI::Range(1, kMostDisparities))
-      ->capture_default_str();
-  stereo.add_option("--backend", options.backend, "Where costs are computed: cpu or fpga")
-      ->transform(CLI::CheckedTransformer(
-          std::map<std::string, Backend>{{"cpu", Backend::kCpu}, {"fpga", Backend::kFpga}}))
-      ->default_str("cpu");
-  stereo.add_option("--frames", options.frames, "Number of frames to match; default: all")
-      ->check(CLI::PositiveNumber);
+  auto* disparities =
+      stereo.add_option("--disparities", options.disparities, "Search 0 .. N-1 pixels");
+  AcceptNumbers(disparities->capture_default_str(), 1, kMostDisparities);
+  auto* backend = stereo.add_option("--backend", options.backend,
+                                    "Where costs are computed: processor or correlation kernel");
+  AcceptChoices(backend->capture_default_str(), {"cpu", "fpga"});
+  AcceptNumbers(stereo.add_option("--frames", options.frames,
+                                  "Stop after so many frames; default: after all"),
+                1);
   auto* truth = stereo.add_option("--ground-truth", options.ground_truth,
                                   "Picture of the first left frame's disparities: grey value = "
                                   "disparity * scale, 0 unknown");
+  truth->type_name("FILE");
   stereo.add_option("--gt-scale", options.ground_truth_scale, "Scale of the ground truth")
-      ->check(CLI::PositiveNumber)
+      ->check(CLI::Validator(CheckScale, ""))
+      ->type_name("X")
       ->needs(truth)
       ->capture_default_str();
 }
@@ -144,9 +189,14 @@ void AddStereo(CLI::App& app) {
       app.add_subcommand("stereo", "Match a rectified stereo pair and write disparity pictures");
   AddOptions(*stereo, *options);
   stereo->footer(
-      "For each frame the folder receives disparity-NNNN.png, in colour with a legend in pixels,\n"
-      "and disparity-NNNN.pgm, 16 bits per pixel: disparity * 256. Both are without gaps: where\n"
-      "the two pictures give no reliable match, the surroundings fill in.\n\n"
+      "For each frame the folder receives disparity-NNNN.png, in colour with a legend of 36 rows\n"
+      "below the picture, and disparity-NNNN.pgm, 16 bits per pixel, most significant byte first:\n"
+      "  value = disparity in pixels * 256, rounded, but at least 1: 1 also means 0 pixels, which\n"
+      "          is infinitely far away; the largest is (N - 1) * 256. 0 does not occur.\n"
+      "  depth = focal length in pixels * distance of the cameras * 256 / value\n"
+      "Both are without gaps: where the two pictures give no reliable match, the surroundings "
+      "fill\n"
+      "in. The share of such pixels is printed. Half of them and more is a warning.\n\n"
       "Examples:\n"
       "  qxtools stereo left.h264 right.h264 -o out --disparities 64 --frames 10\n"
       "  qxtools stereo left.png right.png -o out --ground-truth disparity.png --gt-scale 4");

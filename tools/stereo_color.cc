@@ -30,7 +30,7 @@ constexpr int kDot = 2;  // size of a dot of the digits
 constexpr int kGlyphRows = 5;
 constexpr int kGlyphPitch = 4 * kDot;
 constexpr int kLegendHeight = 2 * kMargin + kBarHeight + kTickHeight + 1 + kGlyphRows * kDot;
-constexpr int kTickDistance = 80;  // at least
+constexpr int kLabelGap = 12;  // at least, between two numbers
 
 // 3 x 5 dots; each row is 3 bits, the top row is the most significant.
 struct Glyph {
@@ -73,18 +73,38 @@ void DrawCharacter(RgbPicture& picture, char character, int x, int y) {
   }
 }
 
-// Draws `text` centred on column `x`, moved inwards where it would leave the picture.
-void DrawText(RgbPicture& picture, const std::string& text, int x, int y) {
-  const int width = static_cast<int>(text.size()) * kGlyphPitch - kDot;
-  int left = std::max(std::min(x - width / 2, picture.width - kMargin - width), kMargin);
-  for (const char character : text) {
-    DrawCharacter(picture, character, left, y);
-    left += kGlyphPitch;
+int BarWidth(int width) { return std::max(width - 2 * kMargin, 1); }
+
+int TextWidth(const std::string& text) {
+  return static_cast<int>(text.size()) * kGlyphPitch - kDot;
+}
+
+// The labels of every `step`th disparity, each number centred below its tick or moved inwards. The
+// first one names the unit.
+std::vector<LegendLabel> LabelsOf(int width, int disparities, int step, const char* unit) {
+  const int range = std::max(disparities - 1, 1);
+  std::vector<LegendLabel> labels;
+  for (int d = 0; d < disparities; d += step) {
+    const int tick = kMargin + (BarWidth(width) - 1) * d / range;
+    const std::string number = std::to_string(d);
+    const std::string text = d == 0 ? number + unit : number;
+    const int furthest = width - kMargin - TextWidth(text);
+    const int left = std::max(std::min(tick - TextWidth(number) / 2, furthest), kMargin);
+    labels.push_back({d, text, tick, left, left + TextWidth(text)});
   }
+  return labels;
+}
+
+bool Fit(const std::vector<LegendLabel>& labels, int width) {
+  const auto touch = [](const LegendLabel& a, const LegendLabel& b) {
+    return b.left - a.right < kLabelGap;
+  };
+  return labels.back().right <= width - kMargin &&
+         std::adjacent_find(labels.begin(), labels.end(), touch) == labels.end();
 }
 
 void DrawLegend(RgbPicture& picture, int top, int disparities) {
-  const int bar_width = std::max(picture.width - 2 * kMargin, 1);
+  const int bar_width = BarWidth(picture.width);
   const int bar_top = top + kMargin;
   for (int y = bar_top; y < bar_top + kBarHeight; ++y) {
     for (int i = 0; i < bar_width && kMargin + i < picture.width; ++i) {
@@ -92,14 +112,13 @@ void DrawLegend(RgbPicture& picture, int top, int disparities) {
           ColourOf(static_cast<float>(i) / static_cast<float>(std::max(bar_width - 1, 1)));
     }
   }
-  const int range = disparities - 1;
-  const int steps = std::max(std::min(std::min(bar_width / kTickDistance, 8), range), 1);
-  for (int i = 0; i <= steps; ++i) {
-    const int disparity = range * i / steps;
-    const int x = kMargin + (bar_width - 1) * disparity / std::max(range, 1);
-    FillRectangle(picture, x, bar_top + kBarHeight, 1, kTickHeight);
-    DrawText(picture, std::to_string(disparity) + (i == steps ? " px" : ""), x,
-             bar_top + kBarHeight + kTickHeight + 1);
+  for (const LegendLabel& label : LegendLabels(picture.width, disparities)) {
+    FillRectangle(picture, label.tick, bar_top + kBarHeight, 1, kTickHeight);
+    int x = label.left;
+    for (const char character : label.text) {
+      DrawCharacter(picture, character, x, bar_top + kBarHeight + kTickHeight + 1);
+      x += kGlyphPitch;
+    }
   }
 }
 
@@ -112,6 +131,18 @@ Rgb ColourOf(float value) {
   const Rgb& from = kColours[below];
   const Rgb& to = kColours[below + 1];
   return {Mix(from.r, to.r, share), Mix(from.g, to.g, share), Mix(from.b, to.b, share)};
+}
+
+std::vector<LegendLabel> LegendLabels(int width, int disparities) {
+  for (const char* unit : {" px", ""}) {
+    for (int power = 1; power < disparities; power *= 10) {
+      for (const int factor : {1, 2, 5}) {
+        auto labels = LabelsOf(width, disparities, factor * power, unit);
+        if (labels.size() > 1 && Fit(labels, width)) return labels;
+      }
+    }
+  }
+  return {};
 }
 
 RgbPicture Paint(const DisparityMap& map, int disparities) {

@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <string>
 #include <vector>
 
 #include "tools/stereo_disparity.h"
@@ -34,6 +35,18 @@ struct RgbPicture {
 //          yellow). Lightness rises all the way, so the order survives a black-and-white print and
 //          colour-blind eyes.
 Rgb ColourOf(float value);
+
+// A number below the legend's bar: the columns that its text takes, and that of its tick.
+struct LegendLabel {
+  int disparity;
+  std::string text;
+  int tick, left, right;
+};
+
+// Returns: the labels for a picture of `width` columns: multiples of 1, 2 or 5 times a power of
+// ten,
+//          as many as fit without touching; none when the picture is too narrow.
+std::vector<LegendLabel> LegendLabels(int width, int disparities);
 
 // Paints the map, black where a disparity is missing, and below it the legend: a bar of the colours
 // with their disparities in pixels. `disparities` is the number searched: the end of the scale.

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
+#include <system_error>
 
 #include "tools/output_file.h"
 #include "tools/png_writer.h"
@@ -19,6 +20,25 @@ std::uint16_t Sample(float disparity) {
 }
 
 }  // namespace
+
+OutputFolder::~OutputFolder() {
+  std::error_code is_in_use;
+  for (auto folder = made_.rbegin(); folder != made_.rend(); ++folder) {
+    std::filesystem::remove(*folder, is_in_use);
+  }
+}
+
+void OutputFolder::Create() {
+  std::filesystem::path folder;
+  for (const auto& part : path_) {
+    folder /= part;
+    std::error_code error;
+    if (std::filesystem::create_directory(folder, error)) made_.push_back(folder);
+    if (error) {
+      throw std::system_error(error, "cannot make the folder '" + path_.string() + "'");
+    }
+  }
+}
 
 void WritePgmFile(const DisparityMap& map, const std::string& path) {
   std::string bytes =

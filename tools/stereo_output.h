@@ -1,12 +1,32 @@
 // Writing disparity maps to files.
 #pragma once
 
+#include <filesystem>
 #include <string>
+#include <vector>
 
 #include "tools/stereo_disparity.h"
 
 namespace qx {
 namespace tools {
+
+// The folder for results, which a failed run leaves as it was: what was made here and is still
+// empty in the end goes again.
+class OutputFolder {
+ public:
+  explicit OutputFolder(const std::string& path) : path_(path) {}
+  OutputFolder(const OutputFolder&) = delete;
+  OutputFolder& operator=(const OutputFolder&) = delete;
+  ~OutputFolder();
+
+  // Makes it, with the folders above it, unless it exists.
+  // Errors: std::system_error that names the folder and the reason.
+  void Create();
+
+ private:
+  std::filesystem::path path_;
+  std::vector<std::filesystem::path> made_;  // the outermost first
+};
 
 // Disparity in a PGM file = sample / kPgmScale. Sample 0 means missing; a disparity that would
 // round to it is written as 1. Disparities up to 255 fit.

@@ -9,10 +9,12 @@ extern "C" {
 #include <algorithm>
 #include <array>
 #include <fstream>
-#include <memory>
+#include <iterator>
 #include <stdexcept>
+#include <string_view>
 
 #include "qx_utils/internal/ffmpeg_handles.h"
+#include "tools/planar_picture.h"
 
 namespace qx {
 namespace tools {
@@ -20,11 +22,20 @@ namespace {
 
 using utils::internal::FfmpegPtr;
 
-struct ScalerDeleter {
-  void operator()(SwsContext* scaler) const { sws_freeContext(scaler); }
+// How picture files start.
+struct Signature {
+  std::size_t at;
+  std::string_view bytes;
+  const char* unreadable;  // the kind's name when it is one that cannot be read
 };
+using namespace std::string_view_literals;
+constexpr Signature kSignatures[] = {
+    {0, "\x89PNG"sv, nullptr}, {0, "\xFF\xD8\xFF"sv, nullptr},                           // JPEG
+    {0, "BM"sv, nullptr},      {0, "II*\0"sv, nullptr},        {0, "MM\0*"sv, nullptr},  // TIFF
+    {8, "WEBP"sv, nullptr},    {0, "GIF8"sv, "GIF"},           {4, "ftypavif"sv, "AVIF"},
+    {4, "ftypheic"sv, "HEIF"}};
 
-[[noreturn]] void Fail(const std::string& path, const char* reason) {
+[[noreturn]] void Fail(const std::string& path, const std::string& reason) {
   throw std::runtime_error("'" + path + "': " + reason);
 }
 
@@ -70,11 +81,23 @@ FfmpegPtr<AVFrame> DecodeOne(const std::string& path) {
 }  // namespace
 
 bool IsPictureFile(const std::string& path) {
-  std::array<char, 3> start = {};
+  std::array<char, 12> start = {};
   std::ifstream(path, std::ios::binary).read(start.data(), start.size());
   const std::string text(start.begin(), start.end());
-  const bool netpbm = text[0] == 'P' && (text[1] == '2' || text[1] == '5') && text[2] <= ' ';
-  return text == "\x89PN" || text == "\xFF\xD8\xFF" || netpbm;
+  const auto is = [&text](const Signature& s) {
+    return text.compare(s.at, s.bytes.size(), s.bytes) == 0;
+  };
+  const auto found = std::find_if(std::begin(kSignatures), std::end(kSignatures), is);
+  // Netpbm: grey or colour, as text or bytes.
+  const bool is_netpbm =
+      text[0] == 'P' && "2356"sv.find(text[1]) != std::string_view::npos && text[2] <= ' ';
+  if (found == std::end(kSignatures)) return is_netpbm;
+  if (found->unreadable != nullptr) {
+    Fail(path,
+         found->unreadable +
+             std::string(" pictures cannot be read; PNG, JPEG, PGM, PPM, BMP, TIFF and WebP can"));
+  }
+  return true;
 }
 
 GrayPicture ReadPicture(const std::string& path) {
@@ -91,7 +114,7 @@ GrayPicture ReadPicture(const std::string& path) {
                         frame->height);
     return picture;
   }
-  const std::unique_ptr<SwsContext, ScalerDeleter> scaler(sws_getContext(
+  const ScalerPtr scaler(sws_getContext(
       frame->width, frame->height, static_cast<AVPixelFormat>(frame->format), frame->width,
       frame->height, AV_PIX_FMT_GRAY8, SWS_POINT, nullptr, nullptr, nullptr));
   if (!scaler || sws_scale(scaler.get(), frame->data, frame->linesize, 0, frame->height, rows,

@@ -20,7 +20,8 @@ struct GrayPicture {
   }
 };
 
-// Returns: whether the file at `path` starts like a PNG, PGM or JPEG picture.
+// Returns: whether the file at `path` starts like a picture that ReadPicture() can read.
+// Errors:  std::runtime_error when it starts like another kind of picture.
 bool IsPictureFile(const std::string& path);
 
 // Reads a picture file through FFmpeg's image decoders. Colour becomes luma and 16 bits become 8;

@@ -4,7 +4,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <iterator>
 #include <stdexcept>
 #include <system_error>
 
@@ -26,23 +28,30 @@ void CheckReadable(const std::string& path) {
   throw std::system_error(errno, std::generic_category(), "cannot open '" + path + "'");
 }
 
+struct FaultText {
+  DemuxerFault fault;
+  const char* url;
+  const char* file;  // null: the same
+};
+constexpr FaultText kFaultTexts[] = {
+    {DemuxerFault::kRefused, "the server refused the connection or the request", nullptr},
+    {DemuxerFault::kTimedOut, "no data within the time limit", nullptr},
+    {DemuxerFault::kClosedByPeer, "the server closed the connection", nullptr},
+    {DemuxerFault::kNoVideoStream, "no H.264 or H.265 video in it", nullptr},
+    {DemuxerFault::kEndOfStream, "the stream ended", "the file is empty or cut off"},
+    {DemuxerFault::kMalformed, "not a media stream, or damaged", "not a media file, or damaged"},
+    {DemuxerFault::kUnreachable, "the host's name is unknown or the host cannot be reached",
+     nullptr},
+    {DemuxerFault::kLost, "the connection is lost", nullptr},
+    {DemuxerFault::kUnsupportedTransport, "the server does not send video over TCP", nullptr},
+};
+
 const char* Reason(DemuxerFault fault, bool is_url) {
-  switch (fault) {
-    case DemuxerFault::kRefused:
-      return "the server refused the connection or the request";
-    case DemuxerFault::kTimedOut:
-      return "no data within the time limit";
-    case DemuxerFault::kClosedByPeer:
-      return "the server closed the connection";
-    case DemuxerFault::kNoVideoStream:
-      return "no H.264 or H.265 video in it";
-    case DemuxerFault::kEndOfStream:
-      return is_url ? "the stream ended" : "the file is empty or cut off";
-    case DemuxerFault::kMalformed:
-      return "not a media file, or damaged";
-    default:
-      return "cannot be read (--verbose shows FFmpeg's code)";
-  }
+  const auto* const found =
+      std::find_if(std::begin(kFaultTexts), std::end(kFaultTexts),
+                   [fault](const FaultText& text) { return text.fault == fault; });
+  if (found == std::end(kFaultTexts)) return "cannot be read (--verbose shows FFmpeg's code)";
+  return is_url || found->file == nullptr ? found->url : found->file;
 }
 
 }  // namespace

@@ -24,6 +24,7 @@ class VideoInput {
 
   const std::string& Name() const { return name_; }
   int StreamIndex() const { return demuxer_.VideoStreamIndex(); }
+  utils::video::StreamTimes Times() const { return demuxer_.GetStreamTimes(); }
   bool Truncated() const { return truncated_; }
 
   // Returns: packets that were too damaged to hand out so far.

@@ -24,6 +24,9 @@ class VideoReader {
   //          empty after the last, including those that the decoder had held back.
   std::shared_ptr<velkar::vision::ImageFrame> Next();
 
+  // What the container says of the stream.
+  utils::video::StreamTimes Times() const { return input_.Times(); }
+
   // Returns: packets that were damaged so far. Decoding goes on behind them.
   std::size_t DamagedPackets() const { return damaged_packets_ + input_.DamagedPackets(); }
 

@@ -1,0 +1,77 @@
+#include "tools/messages.h"
+
+#include <glog/logging.h>
+
+#include <cstdio>
+#include <regex>
+
+extern "C" {
+#include <libavutil/log.h>
+}
+
+namespace qx {
+namespace tools {
+namespace {
+
+// Shows what the user has to know of the library's log while the rest is not shown.
+class Warnings : public google::LogSink {
+ public:
+  void send(google::LogSeverity severity, const char* /*path*/, const char* /*file*/, int /*line*/,
+            const std::tm* /*time*/, const char* message, std::size_t size) override {
+    const std::string text(message, size);
+    if (severity == google::GLOG_ERROR && text.find("QXTOOLS_") != std::string::npos) {
+      PrintWarning(text);
+    }
+  }
+};
+
+// Never destroyed: threads of the library may log as long as the process lives.
+Warnings& TheWarnings() {
+  static auto* const warnings = new Warnings;
+  return *warnings;
+}
+
+}  // namespace
+
+void PrintMessage(const std::string& text) {
+  std::string line = WithoutPasswords(text);
+  for (char& c : line) {
+    if (c == '\n' || c == '\r') c = ' ';
+  }
+  std::fprintf(stderr, "qxtools: %s\n", line.c_str());
+}
+
+void PrintWarning(const std::string& text) { PrintMessage("warning: " + text); }
+
+std::string WithoutPasswords(const std::string& text) {
+  // As FFmpeg reads a URL: user and password end at the last @ before the path.
+  static const std::regex kPassword("(://[^/?#:]*):[^/?#]*@");
+  return std::regex_replace(text, kPassword, "$1@");
+}
+
+std::string Count(std::size_t number, const std::string& noun) {
+  return std::to_string(number) + ' ' + noun + (number == 1 ? "" : "s");
+}
+
+void QuietLibraryLog(const char* program) {
+  google::InitGoogleLogging(program);
+  // Only what ends the process goes to standard error, nothing goes to log files.
+  for (int severity = google::GLOG_INFO; severity < google::NUM_SEVERITIES; ++severity) {
+    google::SetLogDestination(severity, "");
+  }
+  google::SetStderrLogging(google::GLOG_FATAL);
+  FLAGS_minloglevel = google::GLOG_ERROR;
+  google::AddLogSink(&TheWarnings());
+  av_log_set_level(AV_LOG_QUIET);
+}
+
+void ShowLibraryLog(int level) {
+  google::RemoveLogSink(&TheWarnings());
+  FLAGS_logtostderr = true;
+  FLAGS_minloglevel = google::GLOG_INFO;
+  FLAGS_v = level;
+  av_log_set_level(level > 1 ? AV_LOG_VERBOSE : AV_LOG_WARNING);
+}
+
+}  // namespace tools
+}  // namespace qx
