@@ -12,6 +12,7 @@
 #   baseline.h264            Constrained Baseline
 #   interlaced.h264          field coding; 240 lines are padded to 256 and cropped
 #   full_range.mp4           yuvj420p
+#   bt709.mp4                says that its colours follow BT.709; 1 picture
 #   cropped.h264 cropped.mp4     318 x 238, padded to 320 x 240 and cropped
 #   odd.mp4                  317 x 177, grey, 30000/1001 pictures a second, 12 pictures
 #   chroma422.mp4            High 4:2:2, 8 bit
@@ -81,6 +82,7 @@ for kind in h264 mkv ts; do copy -i bframes.mp4 -c copy bframes.$kind; done
 x264 baseline left.nut baseline.h264
 x264 high left.nut interlaced.h264 -flags +ildct+ilme -x264-params interlaced=1:tff=1
 x264 high left.nut full_range.mp4 -pix_fmt yuvj420p
+x264 high left.nut bt709.mp4 -colorspace bt709 -color_primaries bt709 -color_trc bt709 -frames:v 1
 x264 high left.nut cropped.mp4 -vf crop=318:238:0:0
 copy -i cropped.mp4 -c copy cropped.h264
 x264 high left.nut odd.mp4 -vf 'scale=317:177,setpts=N*1001/30000/TB' -r 30000/1001 \

@@ -1,3 +1,4 @@
+#include <chrono>
 #include <cstddef>
 #include <filesystem>
 #include <memory>
@@ -11,11 +12,14 @@
 #include "tools/output_file.h"
 #include "tools/picture_writer.h"
 #include "tools/progress.h"
+#include "tools/stop_request.h"
 #include "tools/video_reader.h"
 
 namespace qx {
 namespace tools {
 namespace {
+
+constexpr double kMostSeconds = 1e9;
 
 struct DecodeOptions {
   std::string input;
@@ -23,12 +27,17 @@ struct DecodeOptions {
   std::string format;
   std::string frame_rate;  // empty: the container's
   std::size_t frames = 0;  // 0: all
+  double duration = 0;     // seconds; 0: no limit
+  bool reconnect = false;
 };
 
 struct DecodeSummary {
   std::size_t pictures = 0;
   std::size_t size_changes = 0;
 };
+
+// Pictures that a file of this format holds; 0 for any number.
+std::size_t PicturesOf(const std::string& format) { return format == "png" ? 1 : 0; }
 
 // Returns: the output format by the name's ending; yuv where names have none.
 std::string FormatOf(const std::string& output) {
@@ -37,6 +46,12 @@ std::string FormatOf(const std::string& output) {
   if (output == "-" || output.rfind("/dev/", 0) == 0) return "yuv";
   throw CLI::ValidationError("--output",
                              "'" + output + "' ends in none of .yuv, .y4m, .png; give --format");
+}
+
+std::string CheckSeconds(const std::string& text) {
+  double seconds = 0;
+  const bool is_number = CLI::detail::lexical_cast(text, seconds);
+  return is_number && seconds > 0 && seconds <= kMostSeconds ? "" : "'" + text + "' is not a time";
 }
 
 std::string CheckFrameRate(const std::string& text) {
@@ -53,14 +68,14 @@ std::string HeaderRate(std::string rate, const utils::video::StreamTimes& times)
   return slash == std::string::npos ? rate + ":1" : rate.replace(slash, 1, ":");
 }
 
-DecodeSummary Copy(VideoReader& reader, PictureWriter& writer, std::size_t limit) {
+// Writes pictures beginning with `frame`.
+DecodeSummary Copy(VideoReader& reader, std::shared_ptr<velkar::vision::ImageFrame> frame,
+                   PictureWriter& writer, std::size_t limit) {
   Progress progress(limit);
   DecodeSummary summary;
   std::size_t width = 0;
   std::size_t height = 0;
-  while (limit == 0 || summary.pictures < limit) {
-    auto frame = reader.Next();
-    if (!frame) break;
+  while (frame) {
     const PlanarPicture picture(std::move(frame));
     writer.Write(picture);
     if (summary.pictures > 0 && (picture.Width() != width || picture.Height() != height)) {
@@ -69,39 +84,69 @@ DecodeSummary Copy(VideoReader& reader, PictureWriter& writer, std::size_t limit
     width = picture.Width();
     height = picture.Height();
     progress.Update(++summary.pictures);
+    if (summary.pictures == limit) break;
+    frame = reader.Next();
   }
   return summary;
 }
 
+// A file that was cut off is worth a warning. A stream that broke off is a failure: there was more
+// to come.
 void Report(const DecodeOptions& options, const VideoReader& reader, const DecodeSummary& summary) {
   const std::string name = "'" + options.input + "': ";
   if (reader.DamagedPackets() > 0) {
     PrintWarning(name + Count(reader.DamagedPackets(), "damaged packet"));
   }
-  if (reader.Truncated()) {
-    PrintWarning(name + "unreadable after " + Count(summary.pictures, "picture"));
+  if (reader.DamagedPictures() > 0) {
+    PrintDamage(options.input, reader.DamagedPictures(), summary.pictures);
+  }
+  if (options.reconnect && reader.Gaps() > 0) {
+    PrintWarning(name + Count(reader.Gaps(), "gap") + " in the stream");
   }
   if (summary.size_changes > 0) {
     PrintWarning(name + "the picture size changes " + Count(summary.size_changes, "time"));
   }
+  if (reader.Fault().empty()) return;
+  const std::string after = " after " + Count(summary.pictures, "picture");
+  if (!IsUrl(options.input)) return PrintWarning(name + "unreadable" + after);
+  throw std::runtime_error(name + reader.Fault() + after + "; '" + options.output + "' has them");
+}
+
+// Inputs: stop  for streams; null for files.
+void Write(const DecodeOptions& options, const std::string& format, StopRequest* stop) {
+  VideoReader reader(options.input, {options.reconnect, stop});
+  OutputFile file(options.output);
+  auto first = reader.Next();
+  if (!first) {
+    const bool stopped = stop != nullptr && stop->IsMade();
+    throw std::runtime_error("'" + options.input + "': " +
+                             (stopped                   ? "stopped before the first picture"
+                              : !reader.Fault().empty() ? reader.Fault()
+                                                        : "no picture in it could be decoded"));
+  }
+  if (stop != nullptr) stop->StartClock();
+  const auto writer =
+      MakePictureWriter(format, HeaderRate(options.frame_rate, reader.Times()), file);
+  const std::size_t most = PicturesOf(format);
+  const DecodeSummary summary =
+      Copy(reader, std::move(first), *writer, most != 0 ? most : options.frames);
+  file.Commit();
+  Report(options, reader, summary);
 }
 
 void Decode(const DecodeOptions& options) {
   const std::string format = options.format.empty() ? FormatOf(options.output) : options.format;
-  VideoReader reader(options.input);
-  OutputFile file(options.output);
-  const auto writer =
-      MakePictureWriter(format, HeaderRate(options.frame_rate, reader.Times()), file);
-  const std::size_t limit = writer->Limit() != 0 ? writer->Limit() : options.frames;
-  if (limit < options.frames) {
-    PrintWarning("--frames has no effect: a ." + format + " file holds " + Count(limit, "picture"));
+  const std::size_t most = PicturesOf(format);
+  if (most != 0 && options.frames > most) {
+    PrintWarning("--frames has no effect: a ." + format + " file holds " + Count(most, "picture"));
   }
-  const DecodeSummary summary = Copy(reader, *writer, limit);
-  if (summary.pictures == 0) {
-    throw std::runtime_error("'" + options.input + "': no picture in it could be decoded");
+  if (IsUrl(options.input)) {
+    StopRequest stop{std::chrono::duration<double>(options.duration)};
+    return Write(options, format, &stop);
   }
-  file.Commit();
-  Report(options, reader, summary);
+  if (options.duration > 0) throw CLI::ValidationError("--duration", "only a stream has one");
+  if (options.reconnect) throw CLI::ValidationError("--reconnect", "only a stream can be lost");
+  Write(options, format, nullptr);
 }
 
 void AddOptions(CLI::App& decode, DecodeOptions& options) {
@@ -122,6 +167,13 @@ void AddOptions(CLI::App& decode, DecodeOptions& options) {
                   "Pictures a second in the header of y4m; default: what the input says, or 25")
       ->type_name("N[/D]")
       ->check(CLI::Validator(CheckFrameRate, ""));
+  decode
+      .add_option("--duration", options.duration,
+                  "URLs: stop so many seconds after the first picture")
+      ->type_name("SECONDS")
+      ->check(CLI::Validator(CheckSeconds, ""));
+  decode.add_flag("--reconnect", options.reconnect,
+                  "URLs: open the stream again whenever it is lost");
 }
 
 }  // namespace
@@ -138,10 +190,15 @@ void AddDecode(CLI::App& app) {
       "              and range\n"
       "Odd sizes: chroma planes have (width + 1) / 2 x (height + 1) / 2 samples.\n"
       "The file appears when it is complete: a failure leaves an older one as it was. Damaged\n"
-      "packets are skipped and counted on standard error.\n\n"
+      "packets are skipped; they and pictures with concealed errors are counted on standard "
+      "error.\n"
+      "A stream is recorded until --frames or --duration, SIGINT (Ctrl-C), SIGTERM or SIGHUP ends\n"
+      "it, or until it is lost: the file then holds all whole pictures. A second signal discards "
+      "them.\n\n"
       "Examples:\n"
       "  qxtools decode clip.mp4 -o clip.y4m\n"
       "  qxtools decode rtsp://camera.local/stream -o look.png\n"
+      "  qxtools decode rtsp://camera.local/stream -o hour.y4m --duration 3600 --reconnect\n"
       "  qxtools decode clip.h264 --frames 100 -o - | sha256sum");
   decode->callback([options] { Decode(*options); });
 }

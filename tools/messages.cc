@@ -43,6 +43,11 @@ void PrintMessage(const std::string& text) {
 
 void PrintWarning(const std::string& text) { PrintMessage("warning: " + text); }
 
+void PrintDamage(const std::string& input, std::size_t damaged, std::size_t pictures) {
+  PrintWarning("'" + input + "': " + std::to_string(damaged) + " of " + Count(pictures, "picture") +
+               (damaged == 1 ? " is" : " are") + " damaged; those predicted from them may be, too");
+}
+
 std::string WithoutPasswords(const std::string& text) {
   // As FFmpeg reads a URL: user and password end at the last @ before the path.
   static const std::regex kPassword("(://[^/?#:]*):[^/?#]*@");

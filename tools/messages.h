@@ -13,6 +13,9 @@ void PrintMessage(const std::string& text);
 // Prints "qxtools: warning: TEXT" likewise.
 void PrintWarning(const std::string& text);
 
+// Warns that `damaged` of `pictures` pictures of an input hold concealed errors.
+void PrintDamage(const std::string& input, std::size_t damaged, std::size_t pictures);
+
 // Returns: `text` with "scheme://user@" for every "scheme://user:password@" in it.
 std::string WithoutPasswords(const std::string& text);
 

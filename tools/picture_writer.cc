@@ -58,7 +58,6 @@ class PngWriter : public PictureWriter {
   void Write(const PlanarPicture& picture) override {
     WritePng(file_, picture.Width(), picture.Height(), ToRgb(picture).data());
   }
-  std::size_t Limit() const override { return 1; }
 
  private:
   OutputFile& file_;

@@ -17,9 +17,6 @@ class PictureWriter {
   // Errors: those of OutputFile; std::runtime_error when the format cannot hold this picture behind
   //         those before it.
   virtual void Write(const PlanarPicture& picture) = 0;
-
-  // Returns: how many pictures the file can hold; 0 for any number.
-  virtual std::size_t Limit() const { return 0; }
 };
 
 // Inputs:  format      "yuv": the pictures' planes and nothing else, whatever their sizes;

@@ -58,6 +58,7 @@ PlanarPicture::PlanarPicture(std::shared_ptr<velkar::vision::ImageFrame> frame)
   width_ = layout.width;
   height_ = layout.height;
   full_range_ = layout.full_range;
+  matrix_ = layout.matrix_coefficients;
   const auto plane = [&](std::size_t i) {
     const auto& p = layout.planes[i];
     return Plane{frame_->Data() + p.offset, p.pitch, p.row_bytes, p.rows};

@@ -34,7 +34,7 @@ class PlanarPicture {
   bool FullRange() const { return full_range_; }
 
   // Returns: how YCbCr was made of RGB, as ITU-T H.273 numbers it; 2 when the stream does not say.
-  int Matrix() const { return 2; }
+  int Matrix() const { return matrix_; }
 
   // Returns: the bytes in order, as few pieces as the frame's row padding allows.
   const std::vector<iovec>& Pieces() const { return pieces_; }
@@ -54,6 +54,7 @@ class PlanarPicture {
   std::size_t width_;
   std::size_t height_;
   bool full_range_;
+  int matrix_;
   std::vector<iovec> pieces_;
   std::vector<std::uint8_t> separated_[2];  // chroma of a frame with two planes
 };

@@ -1,10 +1,12 @@
-#include <cinttypes>
+#include <cmath>
 #include <cstddef>
 #include <cstdio>
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <utility>
 
+#include "qxtools/ffmpeg_video_decoder.h"
 #include "qxtools/h264_h265_info_parse.h"
 #include "tools/commands.h"
 #include "tools/messages.h"
@@ -43,19 +45,47 @@ VideoParams Parse(const StreamPacket& packet) {
              : utils::ParseH264Params(bytes.data(), bytes.size());
 }
 
-VideoParams FirstParams(VideoInput& input) {
+struct Findings {
+  VideoParams params = {};
+  bool decodable = false;  // a picture came out of the decoder
+};
+
+// Reads until the picture size is known and it is clear whether the video can be decoded.
+Findings Examine(VideoInput& input) {
+  const auto decoder = utils::ffmpeg::CreateFfmpegDecoder();
+  bool is_open = decoder->Init() == 0;
+  Findings found;
   for (int read = 0; read < kMaxPackets; ++read) {
-    const auto packet = input.Next();
-    if (!packet) break;
-    const VideoParams params = Parse(*packet);
-    if (params.width != 0 && params.height != 0) return params;
+    auto packet = input.Next();
+    const bool is_end = packet == nullptr;
+    if (is_end) packet = std::make_shared<StreamPacket>();  // asks for the pictures held back
+    if (!is_end && found.params.width * found.params.height == 0) found.params = Parse(*packet);
+    if (packet->codec != utils::video::kVideoCodecH264) is_open = false;
+    if (is_open && !found.decodable) {
+      const int status = decoder->SendFrame(std::move(packet), nullptr);
+      found.decodable = status == utils::ffmpeg::kDecodeOk;
+      is_open = status != utils::ffmpeg::kDecodeUnsupportedFormat;
+    }
+    const bool is_known = found.params.width * found.params.height != 0;
+    if (is_end || (is_known && (found.decodable || !is_open))) break;
   }
-  throw std::runtime_error("'" + input.Name() + "': no usable parameter set in its video");
+  return found;
+}
+
+nlohmann::ordered_json NumberOrNull(bool is_known, double value) {
+  if (!is_known) return nullptr;
+  return std::round(1000 * value) / 1000;
 }
 
 void Probe(const std::string& name, bool json) {
   VideoInput input(name);
-  const VideoParams params = FirstParams(input);
+  const auto [params, decodable] = Examine(input);
+  if (params.width * params.height == 0) {
+    throw std::runtime_error(
+        "'" + name +
+        "': " + (input.Fault().empty() ? "no usable parameter set in its video" : input.Fault()));
+  }
+  const utils::video::StreamTimes times = input.Times();
   const nlohmann::ordered_json result = {
       {"input", WithoutPasswords(name)},
       {"codec", params.is_h265 != 0 ? "h265" : "h264"},
@@ -65,6 +95,11 @@ void Probe(const std::string& name, bool json) {
       {"profile_idc", params.profile_idc},
       {"level_idc", params.level_idc},
       {"chroma_format_idc", params.chroma_format_idc},
+      {"frame_rate",
+       NumberOrNull(times.rate_num != 0, static_cast<double>(times.rate_num) / times.rate_den)},
+      {"duration_s", NumberOrNull(times.duration_us != utils::video::kNoTime,
+                                  static_cast<double>(times.duration_us) / 1e6)},
+      {"decodable", decodable},
   };
   PrintReport(result, json);
 }
@@ -77,7 +112,8 @@ void AddProbe(CLI::App& app) {
     bool json = false;
   };
   const auto options = std::make_shared<Options>();
-  CLI::App* probe = app.add_subcommand("probe", "Show codec, picture size and profile of a video");
+  CLI::App* probe =
+      app.add_subcommand("probe", "Show codec, picture size, rate and length of a video");
   probe
       ->add_option("INPUT", options->input, "H.264/H.265 file (raw, MP4, MKV, TS, ...) or RTSP URL")
       ->type_name("")
@@ -85,7 +121,9 @@ void AddProbe(CLI::App& app) {
   probe->add_flag("--json", options->json, "Print a JSON object");
   probe->footer(
       "Reads the first parameter set of the first H.264 or H.265 stream. The size is that of the\n"
-      "shown picture in H.264 and of the coded picture in H.265.\n\n"
+      "shown picture in H.264 and of the coded picture in H.265. Frame rate (on average) and\n"
+      "duration are the container's, null where it does not tell. decodable: whether `qxtools\n"
+      "decode` can decode its first picture.\n\n"
       "Examples:\n"
       "  qxtools probe clip.mp4\n"
       "  qxtools probe --json rtsp://camera.local/stream | jq .width");

@@ -101,6 +101,7 @@ void Report(const StereoOptions& options, const PairReader& reader, const Stereo
   std::printf("%.1f %% of the pixels have no reliable match; their surroundings fill them\n",
               missing);
   PrintTimes(totals.times, reader.Count());
+  reader.ReportDamage();
   if (missing < kSuspicious) return;
   PrintWarning(
       "most pixels have no reliable match: check that the pair is rectified, that left is left, "

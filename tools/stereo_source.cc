@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "qxtools/ffmpeg_video_decoder.h"
+#include "tools/messages.h"
 #include "tools/video_reader.h"
 
 namespace qx {
@@ -50,9 +51,14 @@ class VideoStream : public PictureSource {
     const auto frame = reader_.Next();
     // A lost picture would pair all later ones with the other eye's wrong moment.
     if (reader_.DamagedPackets() > 0) throw std::runtime_error("'" + name_ + "': damaged packet");
-    if (!frame) return std::nullopt;
-    return Luma(frame);
+    if (frame) return Luma(frame);
+    if (IsUrl(name_) && !reader_.Fault().empty()) {
+      throw std::runtime_error("'" + name_ + "': " + reader_.Fault());
+    }
+    return std::nullopt;
   }
+
+  std::size_t DamagedPictures() const override { return reader_.DamagedPictures(); }
 
  private:
   std::string name_;
@@ -88,11 +94,18 @@ std::optional<PicturePair> PairReader::Next() {
   return PicturePair{std::move(*left), std::move(*right)};
 }
 
+void PairReader::ReportDamage() const {
+  for (const Input* input : {&left_, &right_}) {
+    const std::size_t damaged = input->source->DamagedPictures();
+    if (damaged > 0) PrintDamage(input->name, damaged, count_);
+  }
+}
+
 void PairReader::FailEnded(const Input& input) const {
   const std::string wanted =
       pairs_ == 0 ? "the other input goes on" : "asked for are " + std::to_string(pairs_);
-  throw std::runtime_error("'" + input.name + "' ends after " + std::to_string(count_) +
-                           (count_ == 1 ? " frame: " : " frames: ") + wanted);
+  throw std::runtime_error("'" + input.name + "' ends after " + tools::Count(count_, "frame") +
+                           ": " + wanted);
 }
 
 }  // namespace tools

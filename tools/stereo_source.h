@@ -19,6 +19,9 @@ class PictureSource {
   // Returns: the next picture in output order; empty at the end.
   // Errors:  std::exception whose text names the input and the reason.
   virtual std::optional<GrayPicture> Next() = 0;
+
+  // Returns: pictures so far in which errors were concealed.
+  virtual std::size_t DamagedPictures() const { return 0; }
 };
 
 // Opens a picture file (PNG, PGM, JPEG, told by its first bytes) or else an H.264 stream, through
@@ -42,6 +45,9 @@ class PairReader {
   // Errors:  std::exception whose text says which input is damaged or ends too early, or how the
   //          sizes differ.
   std::optional<PicturePair> Next();
+
+  // Prints how many pictures of each input were damaged, if any.
+  void ReportDamage() const;
 
   // Returns: pairs read so far.
   std::size_t Count() const { return count_; }

@@ -9,8 +9,8 @@ namespace tools {
 namespace ffmpeg = utils::ffmpeg;
 using velkar::vision::ImageFrame;
 
-VideoReader::VideoReader(const std::string& name)
-    : input_(name), decoder_(ffmpeg::CreateFfmpegDecoder()) {
+VideoReader::VideoReader(const std::string& name, const StreamOptions& options)
+    : input_(name, options), decoder_(ffmpeg::CreateFfmpegDecoder()) {
   if (decoder_->Init() != 0 || decoder_->SetReorderDepth(ffmpeg::kMaxReorderDepth) != 0) {
     throw std::runtime_error("FFmpeg has no H.264 decoder");
   }
@@ -35,6 +35,9 @@ std::shared_ptr<ImageFrame> VideoReader::Next() {
 std::shared_ptr<ImageFrame> VideoReader::Take() {
   auto frame = std::move(delivered_.frames.front());
   delivered_.frames.pop_front();
+  const ffmpeg::FrameLayout& layout = *ffmpeg::LayoutOf(frame);
+  if (layout.damaged) ++damaged_pictures_;
+  if (layout.discontinuity) ++gaps_;
   return frame;
 }
 

@@ -18,7 +18,7 @@ namespace tools {
 // Errors: std::runtime_error that names the input and the reason, from the constructor and Next().
 class VideoReader {
  public:
-  explicit VideoReader(const std::string& name);
+  explicit VideoReader(const std::string& name, const StreamOptions& options = {});
 
   // Returns: the next picture in output order, for which utils::ffmpeg::LayoutOf() has the layout;
   //          empty after the last, including those that the decoder had held back.
@@ -27,11 +27,17 @@ class VideoReader {
   // What the container says of the stream.
   utils::video::StreamTimes Times() const { return input_.Times(); }
 
-  // Returns: packets that were damaged so far. Decoding goes on behind them.
+  // Returns: packets that were damaged so far. Decoding goes on after them.
   std::size_t DamagedPackets() const { return damaged_packets_ + input_.DamagedPackets(); }
 
-  // Returns: true when the rest of the file could not be read.
-  bool Truncated() const { return input_.Truncated(); }
+  // Returns: pictures handed out so far in which errors were concealed.
+  std::size_t DamagedPictures() const { return damaged_pictures_; }
+
+  // Returns: gaps in the stream so far: a camera that was lost, or damaged packets.
+  std::size_t Gaps() const { return gaps_; }
+
+  // Returns: why the rest of the input cannot be read; empty when nothing is wrong.
+  const std::string& Fault() const { return input_.Fault(); }
 
  private:
   // What the decoder's thread and this one share. Declared before the decoder, so that it lives
@@ -50,6 +56,8 @@ class VideoReader {
   std::shared_ptr<utils::ffmpeg::FfmpegDecoder> decoder_;
   bool draining_ = false;
   std::size_t damaged_packets_ = 0;
+  std::size_t damaged_pictures_ = 0;
+  std::size_t gaps_ = 0;
 };
 
 }  // namespace tools

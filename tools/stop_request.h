@@ -1,0 +1,54 @@
+// Ending a recording by a signal or after a time, so that its file can be finished.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <csignal>
+#include <functional>
+#include <mutex>
+#include <thread>
+
+namespace qx {
+namespace tools {
+
+// While it lives, the first SIGINT, SIGTERM or SIGHUP asks the program to stop instead of ending
+// it; the second one ends it as usual. Signals that were ignored stay so.
+//
+// Threads: made before the threads that must not take the signals, used by the thread that made it.
+class StopRequest {
+ public:
+  // Inputs: limit  zero: none. See StartClock().
+  // Errors: std::system_error when no thread can be started.
+  explicit StopRequest(std::chrono::duration<double> limit);
+  StopRequest(const StopRequest&) = delete;
+  StopRequest& operator=(const StopRequest&) = delete;
+  ~StopRequest();
+
+  // Sets what is called, once and on another thread, when the program is to stop; an empty function
+  // takes it back and waits until a call in progress has returned.
+  void SetAction(std::function<void()> action);
+
+  // Lets the time limit run from now on.
+  void StartClock();
+
+  bool IsMade() const { return made_; }
+
+ private:
+  using Clock = std::chrono::steady_clock;
+
+  void Watch();
+  void Make();
+
+  sigset_t signals_ = {};
+  sigset_t old_mask_ = {};
+  std::chrono::duration<double> limit_;
+  std::atomic<Clock::time_point> end_{Clock::time_point::max()};
+  std::atomic<bool> made_{false};
+  std::atomic<bool> over_{false};
+  std::mutex mutex_;
+  std::function<void()> action_;
+  std::thread watcher_;
+};
+
+}  // namespace tools
+}  // namespace qx
