@@ -1,21 +1,31 @@
 // Decoding through FfmpegDecoder against a bare send/receive loop with one copy of each picture.
-// Usage: decode_bench CLIP.h264 [RUNS]
+// Usage: decode_bench [--threads] [--runs N] [CLIP...]
 //
-// Three ways over the same packets, which lie in memory, take turns in every run. A short clip is
-// played over and over, to 500 packets at least: what starting a decoder costs is not compared.
-//   decoder  FfmpegDecoder, until the last frame has been delivered
-//   bare     avcodec_send_packet on FFmpeg's own packets, avcodec_receive_frame, and one copy of
-//            the picture, row by row, into a new buffer
-//   reused   the same, into one buffer that is used again
-// Prints the medians, and the median over the runs of the ratio to each rival.
+// Without clips it makes some of 320 x 240, 1280 x 720 and 1920 x 1080 with the ffmpeg command and
+// x264. The ways take turns of 25 packets each, which lie in memory, over the whole clip and N
+// times, so that whatever else the machine does disturbs all of them alike. Each keeps its decoder
+// throughout: starting one is not compared.
+//   reused    avcodec_send_packet on FFmpeg's own packets, avcodec_receive_frame, and one copy of
+//             the picture, row by row, into one buffer: the rival
+//   new       the same, into a new buffer for each picture
+//   drop      FfmpegDecoder, with a callback that drops each frame
+//   hold      the same, with a callback that holds the last eight
+// and with --threads
+//   slices    drop, with two threads for the slices of a picture
+//   pictures  drop, with two threads for a picture each
+// Prints for each way the medians over its turns of the time and of the processor time, and of
+// their ratios to the rival's next turn.
 #include <algorithm>
-#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
+#include <deque>
+#include <filesystem>
 #include <memory>
-#include <thread>
+#include <string>
+#include <utility>
 #include <vector>
 
 #include "qx_utils/internal/ffmpeg_handles.h"
@@ -23,120 +33,206 @@
 
 namespace {
 
+namespace ffmpeg = qx::utils::ffmpeg;
 using qx::utils::internal::FfmpegPtr;
 using Packets = std::vector<FfmpegPtr<AVPacket>>;
 
-constexpr std::size_t kMinPackets = 500;
+constexpr std::size_t kTurn = 25;  // packets
 
-Packets ReadPackets(const char* path) {
+Packets ReadPackets(const std::string& path) {
   AVFormatContext* opened = nullptr;
-  if (avformat_open_input(&opened, path, nullptr, nullptr) < 0) return {};
+  if (avformat_open_input(&opened, path.c_str(), nullptr, nullptr) < 0) return {};
   const FfmpegPtr<AVFormatContext> input(opened);
   Packets packets;
   for (;;) {
     FfmpegPtr<AVPacket> packet(av_packet_alloc());
-    if (av_read_frame(opened, packet.get()) < 0) break;
+    if (av_read_frame(opened, packet.get()) < 0) return packets;
     packets.push_back(std::move(packet));
   }
-  const std::size_t clip = packets.size();
-  for (std::size_t i = 0; clip > 0 && (i % clip != 0 || packets.size() < kMinPackets); ++i) {
-    packets.emplace_back(av_packet_clone(packets[i].get()));
-  }
-  return packets;
 }
 
-// Returns: the number of pictures.
-std::size_t RunDecoder(const Packets& packets) {
-  std::atomic<std::size_t> delivered{0};
-  const auto decoder = qx::utils::ffmpeg::CreateFfmpegDecoder();
-  if (decoder->Init() != 0) return 0;
-  decoder->SetCallback(
-      [&delivered](std::shared_ptr<velkar::vision::ImageFrame>, void*) { ++delivered; });
-  std::size_t sent = 0;
-  for (const auto& packet : packets) {
+// One way of decoding, with what its turns took.
+class Way {
+ public:
+  explicit Way(const char* name) : name_(name) {}
+  virtual ~Way() = default;
+  virtual void Decode(const AVPacket& packet) = 0;
+  virtual void Finish() {}  // what the turn has begun
+
+  void TakeTurn(const Packets& packets, std::size_t begin) {
+    const std::clock_t processor = std::clock();
+    const auto start = std::chrono::steady_clock::now();
+    const std::size_t end = std::min(begin + kTurn, packets.size());
+    for (std::size_t i = begin; i < end; ++i) Decode(*packets[i]);
+    Finish();
+    const std::chrono::duration<double, std::milli> spent =
+        std::chrono::steady_clock::now() - start;
+    time_.push_back(spent.count());
+    processor_.push_back(1e3 * static_cast<double>(std::clock() - processor) / CLOCKS_PER_SEC);
+  }
+  void Forget() { time_ = processor_ = {}; }
+  void Print(const Way& rival) const {
+    std::printf("%-10s %9.2f %7.3f %14.2f %7.3f %9zu\n", name_, Median(time_),
+                Median(Ratios(time_, rival.time_)), Median(processor_),
+                Median(Ratios(processor_, rival.processor_)), pictures_);
+  }
+  std::size_t pictures() const { return pictures_; }
+
+ protected:
+  std::size_t pictures_ = 0;
+
+ private:
+  static std::vector<double> Ratios(std::vector<double> values, const std::vector<double>& rival) {
+    for (std::size_t i = 0; i < values.size(); ++i) values[i] /= rival[i];
+    return values;
+  }
+  static double Median(std::vector<double> values) {
+    std::sort(values.begin(), values.end());
+    return values.empty() ? 0 : values[values.size() / 2];
+  }
+
+  const char* name_;
+  std::vector<double> time_, processor_;  // milliseconds
+};
+
+class Bare : public Way {
+ public:
+  Bare(const char* name, bool reuse) : Way(name), reuse_(reuse) {
+    const AVCodec* codec = avcodec_find_decoder(AV_CODEC_ID_H264);
+    context_.reset(avcodec_alloc_context3(codec));
+    if (avcodec_open2(context_.get(), codec, nullptr) < 0) std::abort();
+  }
+  void Decode(const AVPacket& packet) override {
+    avcodec_send_packet(context_.get(), &packet);
+    while (avcodec_receive_frame(context_.get(), picture_.get()) == 0) {
+      Copy(*picture_);
+      ++pictures_;
+    }
+  }
+
+ private:
+  void Copy(const AVFrame& picture) {
+    const int bytes = picture.height * picture.linesize[0] +
+                      picture.height / 2 * (picture.linesize[1] + picture.linesize[2]);
+    if (!reuse_ || copy_ == nullptr) copy_.reset(new std::uint8_t[static_cast<std::size_t>(bytes)]);
+    std::uint8_t* to = copy_.get();
+    for (int plane = 0; plane < 3; ++plane) {
+      const int shift = plane == 0 ? 0 : 1;
+      for (int row = 0; row < picture.height >> shift; ++row, to += picture.linesize[plane]) {
+        std::memcpy(to, picture.data[plane] + row * picture.linesize[plane],
+                    static_cast<std::size_t>(picture.width >> shift));
+      }
+    }
+  }
+
+  const bool reuse_;
+  FfmpegPtr<AVCodecContext> context_;
+  FfmpegPtr<AVFrame> picture_{av_frame_alloc()};
+  std::unique_ptr<std::uint8_t[]> copy_;
+};
+
+class Decoder : public Way {
+ public:
+  Decoder(const char* name, std::size_t hold, ffmpeg::DecodeThreads threads)
+      : Way(name), decoder_(ffmpeg::CreateFfmpegDecoder()) {
+    decoder_->SetThreads(threads, 2);
+    if (decoder_->Init() != 0) std::abort();
+    decoder_->SetCallback(
+        [this, hold](std::shared_ptr<velkar::vision::ImageFrame> frame, void* /*user_data*/) {
+          ++pictures_;
+          held_.push_back(std::move(frame));
+          if (held_.size() > hold) held_.pop_front();
+        });
+  }
+  void Decode(const AVPacket& packet) override {
     const auto stream_packet = std::make_shared<qx::utils::video::StreamPacket>();
-    stream_packet->data = packet->data;
-    stream_packet->size = static_cast<std::uint64_t>(packet->size);
-    sent += decoder->SendFrame(stream_packet, nullptr) == 0 ? 1 : 0;
+    stream_packet->data = packet.data;
+    stream_packet->size = static_cast<std::uint64_t>(packet.size);
+    decoder_->SendFrame(stream_packet, nullptr);
   }
-  const auto drain = std::make_shared<qx::utils::video::StreamPacket>();
-  while (decoder->SendFrame(drain, nullptr) == 0) ++sent;
-  while (delivered < sent) std::this_thread::sleep_for(std::chrono::microseconds(50));
-  return sent;
+  void Finish() override { decoder_->WaitUntilDelivered(); }
+
+ private:
+  std::deque<std::shared_ptr<velkar::vision::ImageFrame>> held_;
+  std::shared_ptr<ffmpeg::FfmpegDecoder> decoder_;  // last: its callback uses the rest
+};
+
+std::vector<std::unique_ptr<Way>> Ways(bool threads) {
+  std::vector<std::unique_ptr<Way>> ways;
+  ways.push_back(std::make_unique<Bare>("reused", true));
+  ways.push_back(std::make_unique<Bare>("new", false));
+  ways.push_back(std::make_unique<Decoder>("drop", 0, ffmpeg::kDecodeOneThread));
+  ways.push_back(std::make_unique<Decoder>("hold", 8, ffmpeg::kDecodeOneThread));
+  if (!threads) return ways;
+  ways.push_back(std::make_unique<Decoder>("slices", 0, ffmpeg::kDecodeSliceThreads));
+  ways.push_back(std::make_unique<Decoder>("pictures", 0, ffmpeg::kDecodePictureThreads));
+  return ways;
 }
 
-void CopyRows(const AVFrame& picture, std::uint8_t* to) {
-  for (int plane = 0; plane < 3; ++plane) {
-    const int shift = plane == 0 ? 0 : 1;
-    for (int row = 0; row < picture.height >> shift; ++row, to += picture.linesize[plane]) {
-      std::memcpy(to, picture.data[plane] + row * picture.linesize[plane],
-                  static_cast<std::size_t>(picture.width >> shift));
+// Returns: false, with a line, when there is nothing to decode or the ways lose pictures.
+bool Compare(const std::string& clip, bool threads, int runs) {
+  const Packets packets = ReadPackets(clip);
+  const auto ways = Ways(threads);
+  std::size_t first = 0;  // the ways begin in turn as well
+  for (int run = 0; run <= runs; ++run) {
+    for (std::size_t begin = 0; begin < packets.size(); begin += kTurn, ++first) {
+      for (std::size_t i = 0; i < ways.size(); ++i) {
+        ways[(first + i) % ways.size()]->TakeTurn(packets, begin);
+      }
     }
+    if (run > 0) continue;  // this one warmed up
+    for (const auto& way : ways) way->Forget();
   }
-}
-
-std::size_t RunBare(const Packets& packets, bool reuse) {
-  const AVCodec* codec = avcodec_find_decoder(AV_CODEC_ID_H264);
-  const FfmpegPtr<AVCodecContext> context(avcodec_alloc_context3(codec));
-  if (avcodec_open2(context.get(), codec, nullptr) < 0) return 0;
-  const FfmpegPtr<AVFrame> picture(av_frame_alloc());
-  std::unique_ptr<std::uint8_t[]> copy;
-  std::size_t count = 0;
-  for (std::size_t i = 0; i <= packets.size(); ++i) {
-    avcodec_send_packet(context.get(), i < packets.size() ? packets[i].get() : nullptr);
-    while (avcodec_receive_frame(context.get(), picture.get()) == 0) {
-      const int bytes = picture->height * picture->linesize[0] +
-                        picture->height / 2 * (picture->linesize[1] + picture->linesize[2]);
-      if (!reuse || copy == nullptr) copy.reset(new std::uint8_t[static_cast<std::size_t>(bytes)]);
-      CopyRows(*picture, copy.get());
-      ++count;
-    }
+  std::printf("%s: %zu packets, %d runs\n%-10s %9s %7s %14s %7s %9s\n",
+              std::filesystem::path(clip).filename().c_str(), packets.size(), runs, "way",
+              "time ms", "ratio", "processor ms", "ratio", "pictures");
+  bool ok = ways.front()->pictures() > 0;
+  for (const auto& way : ways) {
+    way->Print(*ways.front());
+    ok = ok && way->pictures() + 1 >= ways.front()->pictures();  // one may be under way
   }
-  return count;
+  if (!ok) std::fprintf(stderr, "decode_bench: %s: pictures are missing\n", clip.c_str());
+  return ok;
 }
 
-template <typename Function>
-double Milliseconds(Function function, std::size_t& pictures) {
-  const auto start = std::chrono::steady_clock::now();
-  pictures = function();
-  return std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start)
-      .count();
-}
-
-double Median(std::vector<double> values) {
-  std::sort(values.begin(), values.end());
-  return values[values.size() / 2];
+// Returns: the clips made in `folder`; fewer when ffmpeg failed.
+std::vector<std::string> MakeClips(const std::filesystem::path& folder) {
+  const struct {
+    const char *name, *size, *options;
+  } clips[] = {{"320x240.h264", "320x240", ""},
+               {"1280x720.h264", "1280x720", ""},
+               {"1920x1080.h264", "1920x1080", ""},
+               {"1920x1080-4-slices.h264", "1920x1080", "-slices 4"}};
+  std::vector<std::string> made;
+  for (const auto& clip : clips) {
+    const std::string path = folder / clip.name;
+    const std::string command = std::string("ffmpeg -nostdin -v error -f lavfi -i testsrc2=size=") +
+                                clip.size + ":rate=25 -frames:v 250 -pix_fmt yuv420p " +
+                                "-c:v libx264 -preset veryfast " + clip.options + " " + path;
+    if (std::system(command.c_str()) == 0) made.push_back(path);
+  }
+  return made;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc < 2) {
-    std::fprintf(stderr, "usage: decode_bench CLIP.h264 [RUNS]\n");
-    return 2;
-  }
-  const Packets packets = ReadPackets(argv[1]);
-  const int runs = argc > 2 ? std::max(1, std::atoi(argv[2])) : 31;
-  std::vector<double> decoder, bare, reused, to_bare, to_reused;
-  std::size_t pictures = 0, bare_pictures = 0, reused_pictures = 0;
-  for (int run = 0; run <= runs; ++run) {  // the first one warms up
-    const double a = Milliseconds([&] { return RunDecoder(packets); }, pictures);
-    const double b = Milliseconds([&] { return RunBare(packets, false); }, bare_pictures);
-    const double c = Milliseconds([&] { return RunBare(packets, true); }, reused_pictures);
-    if (pictures == 0 || pictures != bare_pictures || pictures != reused_pictures) {
-      std::fprintf(stderr, "decode_bench: %s: %zu, %zu and %zu pictures\n", argv[1], pictures,
-                   bare_pictures, reused_pictures);
-      return 1;
+  int runs = 9;
+  bool threads = false;
+  std::vector<std::string> clips;
+  for (int i = 1; i < argc; ++i) {
+    if (std::strcmp(argv[i], "--runs") == 0 && i + 1 < argc) {
+      runs = std::max(1, std::atoi(argv[++i]));
+    } else if (std::strcmp(argv[i], "--threads") == 0) {
+      threads = true;
+    } else {
+      clips.emplace_back(argv[i]);
     }
-    if (run == 0) continue;
-    decoder.push_back(a);
-    bare.push_back(b);
-    reused.push_back(c);
-    to_bare.push_back(a / b);
-    to_reused.push_back(a / c);
   }
-  std::printf("%zu pictures, %d runs: decoder %.2f ms, bare %.2f ms, reused %.2f ms\n", pictures,
-              runs, Median(decoder), Median(bare), Median(reused));
-  std::printf("decoder / bare   %.3f\ndecoder / reused %.3f\n", Median(to_bare), Median(to_reused));
-  return 0;
+  std::string folder = std::filesystem::temp_directory_path() / "decode_bench-XXXXXX";
+  if (clips.empty() && mkdtemp(folder.data()) != nullptr) clips = MakeClips(folder);
+  bool ok = !clips.empty();
+  for (const std::string& clip : clips) ok = Compare(clip, threads, runs) && ok;
+  std::filesystem::remove_all(folder);
+  return ok ? 0 : 1;
 }
