@@ -1,11 +1,12 @@
 // Damaged H.264 streams through the decoder: every delivered frame is readable to its last byte,
-// frames come in the order of their packets, none is lost, and draining ends.
+// also once the next one was delivered, frames come in the order of their packets, none is lost,
+// and draining ends.
 #include <glog/logging.h>
 
 #include <algorithm>
-#include <condition_variable>
 #include <cstdint>
-#include <mutex>
+#include <memory>
+#include <utility>
 #include <vector>
 
 #include "qx_utils/internal/ffmpeg_handles.h"
@@ -45,35 +46,18 @@ void CheckReadable(const std::shared_ptr<velkar::vision::ImageFrame>& frame) {
   }
 }
 
-// Checks frames as they come and keeps their pointers.
-class Delivered {
- public:
-  void Take(const std::shared_ptr<velkar::vision::ImageFrame>& frame, void* tag) {
-    CheckReadable(frame);
-    const std::lock_guard<std::mutex> lock(mutex_);
-    tags_.push_back(reinterpret_cast<std::uintptr_t>(tag));
-    arrived_.notify_all();
-  }
-  std::vector<std::uintptr_t> Wait(std::size_t count) {
-    std::unique_lock<std::mutex> lock(mutex_);
-    arrived_.wait(lock, [&] { return tags_.size() >= count; });
-    return tags_;
-  }
-
- private:
-  std::mutex mutex_;
-  std::condition_variable arrived_;
-  std::vector<std::uintptr_t> tags_;
-};
-
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  Delivered delivered;
+  std::vector<std::uintptr_t> delivered;
+  std::shared_ptr<velkar::vision::ImageFrame> last;  // held while the next picture is made
   const auto decoder = qx::utils::ffmpeg::CreateFfmpegDecoder();
   CHECK_EQ(decoder->Init(), 0);
-  decoder->SetCallback([&delivered](std::shared_ptr<velkar::vision::ImageFrame> frame, void* tag) {
-    delivered.Take(frame, tag);
+  decoder->SetCallback([&](std::shared_ptr<velkar::vision::ImageFrame> frame, void* tag) {
+    CheckReadable(frame);
+    if (last != nullptr) CheckReadable(last);
+    last = std::move(frame);
+    delivered.push_back(reinterpret_cast<std::uintptr_t>(tag));
   });
   std::vector<std::uintptr_t> queued;
   std::size_t begin = 0;
@@ -92,6 +76,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     if (status == 0) queued.push_back(tag);
     CHECK_LT(calls, 100);
   }
-  CHECK(delivered.Wait(queued.size()) == queued);
+  decoder->WaitUntilDelivered();
+  CHECK(delivered == queued);
   return 0;
 }

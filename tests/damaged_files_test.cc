@@ -48,7 +48,7 @@ class DamagedFile : public ::testing::TestWithParam<std::string> {
     Receiver receiver;
     const auto decoder = OpenDecoder(receiver.Callback());
     const std::size_t sent = SendAll(*decoder, packets).size() + Drain(*decoder);
-    const auto frames = receiver.Wait(sent);
+    const auto frames = receiver.Frames(*decoder);
     for (const FramePtr& frame : frames) EXPECT_NE(Samples(frame), "");
     EXPECT_EQ(frames.size(), sent);
     return frames.size();

@@ -16,7 +16,6 @@ namespace utils {
 namespace ffmpeg {
 namespace {
 
-using testing::Drain;
 using ::testing::EndsWith;
 using testing::FramePtr;
 using testing::MakePacket;
@@ -79,7 +78,7 @@ void StartDrain(Subject& s) {
 
 void DrainWhole(Subject& s) {
   SendAll(*s.decoder, Packets());
-  EXPECT_GT(Drain(*s.decoder), 0U);
+  EXPECT_EQ(s.decoder->Drain(nullptr), 0);
 }
 
 void SendGarbage(Subject& s) {
@@ -93,18 +92,22 @@ void Send(Subject& s, bool is_new) {
 }
 
 void SendDrain(Subject& s, bool is_new) {
-  if (!is_new) Drain(*s.decoder);
+  EXPECT_EQ(s.decoder->Drain(nullptr), is_new ? kDecodeNotInitialised : kDecodeOk);
   EXPECT_EQ(s.decoder->SendFrame(MakePacket(nullptr, 0), nullptr),
             is_new ? kDecodeNotInitialised : kDecodeEndOfStream);
   s.gate.set_value();
 }
 
+// Waits for the frames on several threads; the new callback gets all that are queued from here on.
 void SetCallback(Subject& s, bool /*is_new*/) {
   Receiver receiver;
   EXPECT_EQ(s.decoder->SetCallback(receiver.Callback()), 0);
   const std::size_t sent = SendAll(*s.decoder, Packets()).size();
+  const auto frames = [&] { return receiver.Frames(*s.decoder).size(); };
+  auto other = std::async(std::launch::async, frames);
   s.gate.set_value();
-  receiver.Wait(sent);
+  EXPECT_GE(frames(), sent);
+  EXPECT_GE(other.get(), sent);
   s.decoder.reset();
 }
 
@@ -135,14 +138,15 @@ void ThrowFromCallback(Subject& s, bool is_new) {
   const LogCapture log;
   Receiver receiver;
   s.decoder->SetCallback(
-      [receive = receiver.Callback(), calls = 0](FramePtr frame, void* user_data) mutable {
+      [&, receive = receiver.Callback(), calls = 0](FramePtr frame, void* user_data) mutable {
+        s.decoder->WaitUntilDelivered();  // from here it would wait for itself
         receive(frame, user_data);
         if (++calls == 1) throw 1;
         throw std::runtime_error("lost");
       });
   SendAll(*s.decoder, Packets());
   s.gate.set_value();
-  receiver.Wait(is_new ? 0 : 2);
+  EXPECT_EQ(receiver.Frames(*s.decoder).empty(), is_new);
   s.decoder.reset();
   const auto lines = log.Messages(google::ERROR);
   EXPECT_THAT(lines, SizeIs(receiver.Tags().size()));
@@ -219,10 +223,28 @@ TEST(Decoder, QueuesWithoutLimitForASlowConsumerAndReleasesWhatItTook) {
   }
   EXPECT_GT(queued.size(), 900U);
   s.gate.set_value();
-  receiver.Wait(queued.size());
-  s.decoder.reset();
+  s.decoder->WaitUntilDelivered();
   EXPECT_EQ(receiver.Tags(), queued);
   EXPECT_TRUE(last.expired());
+}
+
+TEST(Decoder, DrainsFromInsideTheCallback) {
+  Subject s;
+  ASSERT_EQ(s.decoder->Init(), 0);
+  ASSERT_EQ(s.decoder->SetReorderDepth(3), 0);
+  std::vector<void*> tags;
+  s.decoder->SetCallback([&](const FramePtr&, void* user_data) {
+    s.opened.wait();
+    tags.push_back(user_data);
+    if (tags.size() > 1) return;
+    EXPECT_EQ(s.decoder->Drain(testing::Tag(9)), 0);
+  });
+  for (std::size_t i = 0; s.decoder->SendFrame(Packets()[i], nullptr) != kDecodeOk;) ++i;
+  s.gate.set_value();
+  s.decoder->WaitUntilDelivered();  // for the first frame
+  s.decoder->WaitUntilDelivered();  // for those of the drain
+  void* const drained = testing::Tag(9);
+  EXPECT_THAT(tags, ElementsAre(nullptr, drained, drained, drained));
 }
 
 TEST(Decoder, SixtyFourAtOnceDecodeTheSame) {
@@ -232,9 +254,10 @@ TEST(Decoder, SixtyFourAtOnceDecodeTheSame) {
     Receiver receiver;
     const auto decoder = testing::OpenDecoder(receiver.Callback());
     opened.wait();
-    const std::size_t sent = SendAll(*decoder, Packets()).size() + Drain(*decoder);
+    SendAll(*decoder, Packets());
+    decoder->Drain(nullptr);
     std::string samples;
-    for (const FramePtr& frame : receiver.Wait(sent)) samples += testing::Samples(frame);
+    for (const FramePtr& frame : receiver.Frames(*decoder)) samples += testing::Samples(frame);
     return samples;
   };
   std::vector<std::future<std::string>> decoders(64);

@@ -107,8 +107,7 @@ TEST_P(DecodeClip, GivesFfmpegsPicturesInOrderWithTheirPointersAndTimes) {
     }
     tags.resize(packets.size());
     EXPECT_EQ(decoder->Drain(nullptr), 0);
-    decoder->WaitUntilDelivered();
-    const std::vector<FramePtr> frames = receiver.Wait(0);
+    const std::vector<FramePtr> frames = receiver.Frames(*decoder);
     decoder.reset();  // the frames live on
     EXPECT_EQ(receiver.Tags(), tags);
     std::string samples;
@@ -127,7 +126,7 @@ TEST(DecodedFrame, HasThreeFieldsAndALayout) {
     Receiver receiver;
     const auto decoder = OpenDecoder(receiver.Callback());
     SendAll(*decoder, ReadPackets(full_range ? "full_range.mp4" : "cropped.h264"));
-    const FramePtr frame = receiver.Wait(1).front();
+    const FramePtr frame = receiver.Frames(*decoder).front();
     const FrameLayout& layout = *LayoutOf(frame);
     EXPECT_EQ(layout.full_range, full_range);
     EXPECT_EQ(layout.width, full_range ? 320U : 318U);
@@ -266,7 +265,7 @@ TEST(Decoder, MarksPicturesWithConcealedErrorsAndCorruptPackets) {
   const auto decoder = OpenDecoder(receiver.Callback());
   EXPECT_THAT(SendAll(*decoder, packets), SizeIs(packets.size()));
   std::vector<std::size_t> damaged;
-  const auto frames = receiver.Wait(packets.size());
+  const auto frames = receiver.Frames(*decoder);
   for (std::size_t i = 0; i < frames.size(); ++i) {
     if (LayoutOf(frames[i])->damaged) damaged.push_back(i);
   }
@@ -293,9 +292,8 @@ TEST(Decoder, HandsOnGapsAndWallClocksWithThePicturesBehindThem) {
   const auto decoder = OpenDecoder(receiver.Callback());
   SendAll(*decoder, packets);
   decoder->Drain(nullptr);
-  decoder->WaitUntilDelivered();
   std::vector<std::int64_t> marked;
-  for (const FramePtr& frame : receiver.Wait(0)) {
+  for (const FramePtr& frame : receiver.Frames(*decoder)) {
     const FrameLayout& layout = *LayoutOf(frame);
     EXPECT_EQ(layout.wall_clock_us, layout.presentation_time + 1000);
     if (layout.discontinuity) marked.push_back(layout.presentation_time);

@@ -3,8 +3,6 @@
 
 #include <gtest/gtest.h>
 
-#include <chrono>
-#include <condition_variable>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -66,14 +64,12 @@ class Receiver {
       const std::lock_guard<std::mutex> lock(mutex_);
       frames_.push_back(std::move(frame));
       tags_.push_back(user_data);
-      arrived_.notify_all();
     };
   }
-  // Returns: all frames so far, once there are at least `count`.
-  std::vector<FramePtr> Wait(std::size_t count) {
-    std::unique_lock<std::mutex> lock(mutex_);
-    EXPECT_TRUE(
-        arrived_.wait_for(lock, std::chrono::seconds(60), [&] { return frames_.size() >= count; }));
+  // Returns: all frames that were queued before the call.
+  std::vector<FramePtr> Frames(utils::ffmpeg::FfmpegDecoder& decoder) {
+    decoder.WaitUntilDelivered();
+    const std::lock_guard<std::mutex> lock(mutex_);
     return frames_;
   }
   std::vector<void*> Tags() {
@@ -83,7 +79,6 @@ class Receiver {
 
  private:
   std::mutex mutex_;
-  std::condition_variable arrived_;
   std::vector<FramePtr> frames_;
   std::vector<void*> tags_;
 };
