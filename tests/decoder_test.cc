@@ -221,6 +221,26 @@ TEST(Decoder, TellsEveryOtherPacketApartAndGoesOn) {
   }
 }
 
+// FFmpeg reports a packet without a slice when its thread is next in turn, some packets later.
+TEST(Decoder, TellsHeadersApartWithAThreadForEachPicture) {
+  std::uint8_t delimiter[] = {0, 0, 0, 1, 0x09, 0xF0};
+  const auto decoder = CreateFfmpegDecoder();
+  ASSERT_EQ(decoder->SetThreads(kDecodePictureThreads, 2), 0);
+  ASSERT_EQ(decoder->Init(), 0);
+  std::size_t queued = 0;
+  const auto send = [&](const testing::PacketPtr& packet) {
+    const int status = decoder->SendFrame(packet, nullptr);
+    EXPECT_THAT(status, ::testing::AnyOf(kDecodeOk, kDecodeNoPicture));
+    queued += status == kDecodeOk ? 1 : 0;
+  };
+  const auto packets = ReadPackets("left.h264");
+  for (const auto& packet : packets) {
+    send(MakePacket(delimiter, sizeof(delimiter)));
+    send(packet);
+  }
+  EXPECT_EQ(queued + Drain(*decoder), packets.size());
+}
+
 TEST(Decoder, ReadsNothingBehindThePayload) {
   const auto decoder = OpenDecoder();
   for (const auto& packet : ReadPackets("left.h264")) {
