@@ -84,6 +84,7 @@ struct Loss {
   const char *name, *file;
   std::vector<std::string> options;
   DemuxerFault reason;
+  int pictures;  // that arrive; FFmpeg keeps one until the next begins or the connection ends
 };
 
 void PrintTo(const Loss& loss, std::ostream* out) { *out << loss.name; }
@@ -100,7 +101,7 @@ TEST_P(Reconnecting, OpensAgainAndMarksTheGap) {
   ASSERT_TRUE(peer.started());
   Camera camera(peer.url());
   ASSERT_EQ(camera.result(), 0);
-  EXPECT_THAT(camera.ReadAndFindGaps(50), ElementsAre(40));
+  EXPECT_THAT(camera.ReadAndFindGaps(50), ElementsAre(GetParam().pictures));
   // Attempts may come before the peer has noticed that its client is gone.
   const auto& changes = camera.changes();
   ASSERT_GE(changes.size(), 3U);
@@ -109,16 +110,16 @@ TEST_P(Reconnecting, OpensAgainAndMarksTheGap) {
   EXPECT_THAT(changes.back(), Change(kOpen, DemuxerFault::kNone, 0U));
 }
 
-INSTANTIATE_TEST_SUITE_P(Losses, Reconnecting,
-                         ::testing::Values(Loss{"closes",
-                                                "left.h264",
-                                                {"--close-after", "40"},
-                                                DemuxerFault::kClosedByPeer},
-                                           Loss{"encoder_hangs",
-                                                "hevc.h265",
-                                                {"--audio", "--stop-after", "40"},
-                                                DemuxerFault::kTimedOut}),
-                         [](const auto& info) { return std::string(info.param.name); });
+INSTANTIATE_TEST_SUITE_P(
+    Losses, Reconnecting,
+    ::testing::Values(
+        Loss{"closes", "left.h264", {"--close-after", "40"}, DemuxerFault::kClosedByPeer, 40},
+        Loss{"encoder_hangs",
+             "hevc.h265",
+             {"--audio", "--stop-after", "40"},
+             DemuxerFault::kTimedOut,
+             39}),
+    [](const auto& info) { return std::string(info.param.name); });
 
 TEST(ReconnectingDemuxer, FindsAServerThatWasKilledAndStartedAgain) {
   auto peer = std::make_unique<RtspPeer>(

@@ -2,7 +2,7 @@
 #pragma once
 
 #include <chrono>
-#include <string_view>
+#include <string>
 
 #include "qx_utils/internal/ffmpeg_handles.h"
 
@@ -13,12 +13,16 @@ namespace internal {
 // Limit of each wait on the socket of an RTSP camera.
 constexpr std::chrono::seconds kSocketLimit(3);
 
-// Returns: whether FFmpeg opens `url` with its RTSP client.
-bool IsRtsp(std::string_view url);
+enum class InputKind {
+  kLocal,    // a file or pipe: FFmpeg's reads of it cannot be ended early
+  kNetwork,  // anything else
+  kRtsp,     // what FFmpeg opens with its RTSP client
+};
+InputKind KindOf(const std::string& url);
 
 // Returns: RTSP over TCP with a limit of 3 s for each wait on the socket. Every input is given
 // these options; those that do not know them leave them alone.
-FfmpegPtr<AVDictionary> InputOptions(std::string_view url);
+FfmpegPtr<AVDictionary> InputOptions(const std::string& url);
 
 }  // namespace internal
 }  // namespace utils

@@ -2,14 +2,15 @@
 
 #include <algorithm>
 
-#include "qx_utils/internal/ffmpeg_options.h"
-
 namespace qx {
 namespace utils {
 namespace internal {
 namespace {
 
 using video::DemuxerFault;
+
+// FFmpeg asks again after this time when nothing has arrived.
+constexpr std::chrono::milliseconds kPoll(100);
 
 // `now` + `limit` without overflow.
 InputWatch::Clock::time_point After(InputWatch::Clock::time_point now,
@@ -29,10 +30,12 @@ DemuxerFault FaultOf(int code) {
     case AVERROR(EPIPE):
     case AVERROR(ECONNRESET):
       return DemuxerFault::kClosedByPeer;
-    case AVERROR(ECONNREFUSED):
     case AVERROR(EHOSTUNREACH):
     case AVERROR(ENETUNREACH):
+      return DemuxerFault::kUnreachable;
+    case AVERROR(ECONNREFUSED):
     case AVERROR(ENOENT):
+    case AVERROR(ENOTDIR):
     case AVERROR(EACCES):
     case AVERROR(EISDIR):
     case AVERROR_HTTP_BAD_REQUEST:
@@ -50,42 +53,64 @@ DemuxerFault FaultOf(int code) {
 }  // namespace
 
 InputWatch::Call::Call(InputWatch& watch, Clock::duration wait_limit)
-    : watch_(watch), wait_limit_(wait_limit), end_(Clock::time_point::max()) {
+    : watch_(watch), wait_limit_(wait_limit), end_(After(Clock::now(), watch.limit_)) {
   watch_.fault_ = DemuxerFault::kNone;
-  if (watch_.limit_ != kNoLimit) end_ = After(Clock::now(), watch_.limit_);
+  watch_.last_question_ = Clock::now();  // what passed between two calls is not the peer's
+  watch_.longest_silence_ = watch_.silence_;
   Restart();
 }
 
-InputWatch::Call::~Call() { watch_.deadline_.store(kNoLimit.count(), std::memory_order_relaxed); }
+InputWatch::Call::~Call() {
+  watch_.deadline_.store(Clock::time_point::max(), std::memory_order_relaxed);
+}
 
 void InputWatch::Call::Restart() {
-  auto deadline = end_;
-  if (wait_limit_ != kNoLimit) {
-    watch_.wait_began_ = Clock::now();
-    deadline = std::min(deadline, After(watch_.wait_began_, wait_limit_));
-  }
-  watch_.deadline_.store(deadline.time_since_epoch().count(), std::memory_order_relaxed);
+  const auto deadline = std::min(end_, After(Clock::now(), wait_limit_));
+  watch_.deadline_.store(deadline, std::memory_order_relaxed);
 }
 
-void InputWatch::SetFault(int code, const char* url) {
-  fault_ = FaultOf(code);
-  // FFmpeg's RTSP client reports silence and a closed connection by the same codes, those of
-  // damaged data and of the end of a file among them. The time that went by tells them apart.
-  if (IsRtsp(url) && fault_ != DemuxerFault::kRefused) {
-    const bool silent = Clock::now() - wait_began_ >= kSocketLimit;
-    fault_ = silent ? DemuxerFault::kTimedOut : DemuxerFault::kClosedByPeer;
-  }
+void InputWatch::SetLimit(std::chrono::milliseconds limit) {
+  const bool none =
+      limit.count() <= 0 || limit >= std::chrono::floor<std::chrono::milliseconds>(kNoLimit);
+  limit_ = none ? kNoLimit : limit;
+}
+
+void InputWatch::SetFault(int code, InputKind kind) {
+  fault_ = kind == InputKind::kLocal ? FaultOf(code) : NetworkFault(code, kind);
   if (Late()) fault_ = DemuxerFault::kTimedOut;
-  if (Cancelled()) fault_ = DemuxerFault::kCancelled;
+  if (Cancelled() || code == AVERROR_EXIT) fault_ = DemuxerFault::kCancelled;
 }
 
-AVIOInterruptCB InputWatch::InterruptCallback() {
-  return {[](void* watch) { return static_cast<InputWatch*>(watch)->Interrupted() ? 1 : 0; }, this};
+void InputWatch::NoteQuestion() {
+  const auto now = Clock::now();
+  const auto waited = now - last_question_;
+  silence_ = asked_ && waited >= kPoll ? silence_ + waited : Clock::duration::zero();
+  longest_silence_ = std::max(longest_silence_, silence_);
+  last_question_ = now;
+  asked_ = true;
 }
 
 bool InputWatch::Late() const {
-  const Clock::rep deadline = deadline_.load(std::memory_order_relaxed);
-  return deadline != kNoLimit.count() && Clock::now().time_since_epoch().count() >= deadline;
+  const auto deadline = deadline_.load(std::memory_order_relaxed);
+  return deadline != Clock::time_point::max() && Clock::now() >= deadline;
+}
+
+DemuxerFault InputWatch::NetworkFault(int code, InputKind kind) const {
+  // A name that cannot be looked up, and a port that does not exist, fail before the first wait.
+  if (!asked_ && (code == AVERROR(EIO) || code == AVERROR(EINVAL))) {
+    return DemuxerFault::kUnreachable;
+  }
+  if (kind != InputKind::kRtsp) return FaultOf(code);
+  if (code == AVERROR(EPROTONOSUPPORT)) return DemuxerFault::kUnsupportedTransport;  // status 461
+  // FFmpeg's RTSP client reports silence and a closed connection by the same codes, those of
+  // damaged data and of the end of a file among them. The time without a byte tells them apart.
+  for (const int mixed : {AVERROR_EOF, AVERROR_INVALIDDATA, AVERROR(EIO), AVERROR(EPERM)}) {
+    if (code != mixed) continue;
+    // The last waits are not seen, and a farewell to the peer may have followed the silence.
+    const bool silent = longest_silence_ >= kSocketLimit - 2 * kPoll;
+    return silent ? DemuxerFault::kTimedOut : DemuxerFault::kClosedByPeer;
+  }
+  return FaultOf(code);
 }
 
 }  // namespace internal

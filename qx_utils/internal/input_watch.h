@@ -1,5 +1,5 @@
-// Ends FFmpeg's waiting when a deadline has passed or another thread cancels, and remembers why the
-// last call failed.
+// Says when a wait of FFmpeg's has to end, because a deadline has passed or another thread cancels,
+// and remembers why the last call failed.
 #pragma once
 
 #include <atomic>
@@ -7,13 +7,15 @@
 #include <utility>
 
 #include "qx_utils/internal/ffmpeg_handles.h"
+#include "qx_utils/internal/ffmpeg_options.h"
 #include "qxtools/ffmpeg_demuxer.h"
 
 namespace qx {
 namespace utils {
 namespace internal {
 
-// Threads: Cancel(), ClearCancel() and the interrupt callback from any; the rest from the thread
+// Threads: Cancel(), ClearCancel(), Cancelled() and Interrupted() from any; the rest from the
+// thread
 //          that uses the demuxer.
 class InputWatch {
  public:
@@ -39,14 +41,15 @@ class InputWatch {
     Clock::time_point end_;  // of the call as a whole
   };
 
-  void SetLimit(Clock::duration limit) { limit_ = limit; }
+  // Zero, less, and what a clock cannot count mean no limit.
+  void SetLimit(std::chrono::milliseconds limit);
   void Cancel() { cancelled_.store(true, std::memory_order_relaxed); }
   void ClearCancel() { cancelled_.store(false, std::memory_order_relaxed); }
 
   video::DemuxerFault fault() const { return fault_; }
   void set_fault(video::DemuxerFault fault) { fault_ = fault; }
-  // Records the cause of a failure that FFmpeg reports as `code` on an input opened from `url`.
-  void SetFault(int code, const char* url);
+  // Records the cause of a failure that FFmpeg reports as `code` on an input of this kind.
+  void SetFault(int code, InputKind kind);
 
   // Packets are missing before the next one, unless that is the first of all.
   void SetGap() { gap_ = gave_packets_; }
@@ -57,19 +60,31 @@ class InputWatch {
   }
 
   bool Cancelled() const { return cancelled_.load(std::memory_order_relaxed); }
-  bool Interrupted() const { return Cancelled() || Late(); }
+  bool Interrupted() const { return InterruptionCode() != 0; }
+  // Returns: FFmpeg's code for what ends waits now, a cancel or a deadline; 0 for nothing. A cancel
+  // may be taken back at any time: ask once and keep the answer.
+  int InterruptionCode() const {
+    if (Cancelled()) return AVERROR_EXIT;
+    return Late() ? AVERROR(ETIMEDOUT) : 0;
+  }
 
-  // For AVFormatContext::interrupt_callback. The watch must outlive the context.
-  AVIOInterruptCB InterruptCallback();
+  // A connection is about to be made.
+  void ExpectFirstQuestion() { asked_ = false; }
+  // FFmpeg has asked whether to go on waiting.
+  void NoteQuestion();
 
  private:
   bool Late() const;
+  video::DemuxerFault NetworkFault(int code, InputKind kind) const;
 
-  // Neither guards other data, and both are touched for every packet: relaxed accesses do.
+  // Neither guards other data, and both are read for every packet: relaxed accesses do.
   std::atomic<bool> cancelled_{false};
-  std::atomic<Clock::rep> deadline_{kNoLimit.count()};  // on Clock
+  std::atomic<Clock::time_point> deadline_{Clock::time_point::max()};
   Clock::duration limit_ = kNoLimit;
-  Clock::time_point wait_began_;
+  bool asked_ = false;
+  Clock::time_point last_question_;
+  Clock::duration silence_ = Clock::duration::zero();          // since something arrived
+  Clock::duration longest_silence_ = Clock::duration::zero();  // of this call
   bool gave_packets_ = false;
   bool gap_ = false;
   video::DemuxerFault fault_ = video::DemuxerFault::kNone;

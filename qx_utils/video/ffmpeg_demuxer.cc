@@ -5,6 +5,7 @@
 #include <thread>
 #include <utility>
 
+#include "qx_utils/internal/demuxer_input.h"
 #include "qx_utils/internal/ffmpeg_handles.h"
 #include "qx_utils/internal/ffmpeg_options.h"
 #include "qx_utils/internal/input_watch.h"
@@ -15,33 +16,66 @@ namespace utils {
 namespace video {
 namespace {
 
+using internal::DemuxerInput;
+using internal::InputKind;
 using internal::InputWatch;
 
 constexpr int kMaxFailures = 3;  // of one ReadFrame()
 constexpr std::chrono::milliseconds kPause(1);
+constexpr char kLostConnection[] = "The connection broke off within a packet: open the input again";
 
 // Opening waits for the camera many times, and each wait may be cut short by a single byte. Open()
-// promises 8 s; one is left for closing what was open before.
+// promises 8 s; one is left for what the callback and the system add.
 constexpr std::chrono::seconds kRtspOpenLimit(7);
 
-InputWatch::Clock::duration IfRtsp(const char* url, InputWatch::Clock::duration limit) {
-  return internal::IsRtsp(url) ? limit : InputWatch::kNoLimit;
+// ReadFrame() promises 10 s while no packet comes. Three waits that FFmpeg ends by itself take up
+// to 9.6 s, as it looks at its own limit every 0.1 s; this ends the wait for a camera that
+// trickles.
+constexpr std::chrono::milliseconds kRtspReadLimit(9800);
+
+InputWatch::Clock::duration IfRtsp(InputKind kind, InputWatch::Clock::duration limit) {
+  return kind == InputKind::kRtsp ? limit : InputWatch::kNoLimit;
 }
 
-// Returns: the open input, or null with the reason logged and recorded.
-internal::FfmpegPtr<AVFormatContext> OpenInput(const std::string& url, InputWatch& watch) {
-  AVFormatContext* context = avformat_alloc_context();
-  AVDictionary* options = internal::InputOptions(url).release();
-  int code = AVERROR(ENOMEM);  // FFmpeg would make a context of its own that nothing interrupts
-  if (context != nullptr) {
-    context->interrupt_callback = watch.InterruptCallback();
-    code = avformat_open_input(&context, url.c_str(), nullptr, &options);
+// The last copy of a context's pointer closes the input.
+struct InputCloser {
+  std::shared_ptr<DemuxerInput> input;
+  void operator()(AVFormatContext* /*context*/) { input.reset(); }
+};
+
+DemuxerInput& InputOf(const std::shared_ptr<AVFormatContext>& context) {
+  return *std::get_deleter<InputCloser>(context)->input;
+}
+
+// Opens and probes `url`. Where time runs out while FFmpeg probes, that can be left to the reads;
+// who wants the context for itself waits until it is complete, or fails. Returns: the input; null
+// with the reason logged and recorded.
+std::shared_ptr<AVFormatContext> OpenInput(const std::string& url,
+                                           const std::shared_ptr<InputWatch>& watch,
+                                           bool leave_probing) {
+  auto input = std::make_shared<DemuxerInput>(url, watch);
+  const InputWatch::Call call(*watch, IfRtsp(input->kind(), kRtspOpenLimit));
+  int code = input->Open();
+  if (code != 0) {
+    LOG(ERROR) << "Open input stream FAILED: " << url << ", ret=" << code;
+    watch->SetFault(code, input->kind());
+    return nullptr;
   }
-  av_dict_free(&options);
-  if (code == 0) return internal::FfmpegPtr<AVFormatContext>(context);
-  LOG(ERROR) << "Open input stream FAILED: " << url << ", ret=" << code;
-  watch.SetFault(code, url.c_str());
-  return nullptr;
+  code = input->Probe();
+  if (input->suspended() && leave_probing) {
+    code = 0;
+  } else if (input->suspended() && !watch->Cancelled()) {
+    const InputWatch::Call more(*watch, IfRtsp(input->kind(), internal::kSocketLimit));
+    code = input->Probe();
+  }
+  if (watch->Cancelled()) code = AVERROR_EXIT;  // FFmpeg takes what was learned so far for success
+  if (code != 0) {
+    LOG(ERROR) << "Don't find stream information.";
+    watch->SetFault(code, input->kind());
+    return nullptr;
+  }
+  AVFormatContext* context = input->context();
+  return {context, InputCloser{std::move(input)}};
 }
 
 // Returns: whether the library reads `codec`, and which value stands for it.
@@ -64,12 +98,12 @@ bool ExamineStream(const AVStream& stream, unsigned index, VideoCodec& codec) {
   return false;
 }
 
-// Returns: the sender's wall clock at the packet's presentation time, if it has told it.
-std::int64_t WallClockOf(AVPacket& packet) {
+// Returns: the sender's wall clock that FFmpeg has attached to the packet.
+std::int64_t AttachedWallClock(AVPacket& packet) {
 #ifdef QXTOOLS_HAS_WALL_CLOCK
   internal::SideDataSize size = 0;
   const std::uint8_t* data = av_packet_get_side_data(&packet, AV_PKT_DATA_PRFT, &size);
-  if (data != nullptr && size >= sizeof(AVProducerReferenceTime)) {
+  if (data != nullptr && static_cast<std::size_t>(size) >= sizeof(AVProducerReferenceTime)) {
     return reinterpret_cast<const AVProducerReferenceTime*>(data)->wallclock;
   }
 #else
@@ -78,9 +112,43 @@ std::int64_t WallClockOf(AVPacket& packet) {
   return kNoTime;
 }
 
-internal::PacketStamp StampFor(const AVFormatContext& input, AVPacket& packet, InputWatch& watch) {
-  const AVRational unit = input.streams[packet.stream_index]->time_base;
-  return {unit.num, unit.den, watch.TakeGap(), WallClockOf(packet)};
+// Returns: the sender's wall clock at the packet's presentation time.
+std::int64_t WallClockOf(AVPacket& packet, DemuxerInput& input) {
+  if (input.kind() != InputKind::kRtsp) return kNoTime;
+  // FFmpeg's parser knows that a picture is complete when the next one begins, and attaches to it
+  // what came with that one.
+  std::int64_t time = input.ExchangeWallClock(AttachedWallClock(packet));
+  const AVFormatContext& context = *input.context();
+  if (context.start_time_realtime == kNoTime || packet.pts == kNoTime) return kNoTime;
+  const AVRational unit = context.streams[packet.stream_index]->time_base;
+  const AVRational microseconds{1, AV_TIME_BASE};
+  const std::int64_t by_first_report =
+      context.start_time_realtime + av_rescale_q(packet.pts, unit, microseconds);
+  if (time == kNoTime) time = by_first_report;
+  // FFmpeg forgets that the 32 bits of the stream's clock may have wrapped around since the report.
+  const std::int64_t round = av_rescale_q(std::int64_t{1} << 32U, unit, microseconds);
+  if (time - by_first_report > round / 2) time -= round;
+  if (by_first_report - time > round / 2) time += round;
+  return time > 0 ? time : kNoTime;  // senders without a clock send zero, for the year 1900
+}
+
+internal::PacketStamp StampFor(AVPacket& packet, DemuxerInput& input, InputWatch& watch) {
+  const AVRational unit = input.context()->streams[packet.stream_index]->time_base;
+  return {unit.num, unit.den, watch.TakeGap(), WallClockOf(packet, input)};
+}
+
+// Logs and records a failed read. Returns: whether another attempt is of use.
+bool CanGoOn(int code, const DemuxerInput& input, InputWatch& watch) {
+  LOG(ERROR) << " Read frame failed. ErrCode: " << code;
+  watch.SetFault(code, input.kind());
+  if (code == AVERROR_EXIT || watch.Interrupted()) return false;
+  if (code != AVERROR_EOF && code != AVERROR(EAGAIN) && code != AVERROR(ETIMEDOUT)) watch.SetGap();
+  if (input.lost()) {
+    LOG(ERROR) << kLostConnection;
+    return false;
+  }
+  std::this_thread::sleep_for(kPause);
+  return true;
 }
 
 }  // namespace
@@ -93,28 +161,18 @@ FfmpegDemuxer::~FfmpegDemuxer() = default;
 
 int FfmpegDemuxer::Open(const std::string& url, const Config& /*config*/) {
   watch_->SetGap();
-  avformat_cxt_ = CreateFormatContext(url);
-  return GetStreamInfo(avformat_cxt_, video_stream_index_);
+  avformat_cxt_ = OpenInput(url, watch_, true);
+  const int status = GetStreamInfo(avformat_cxt_, video_stream_index_);
+  if (status != 0 && avformat_cxt_ && InputOf(avformat_cxt_).suspended()) {
+    watch_->set_fault(DemuxerFault::kTimedOut);
+  }
+  return status;
 }
 
 void FfmpegDemuxer::Close() { avformat_cxt_.reset(); }
 
 std::shared_ptr<AVFormatContext> FfmpegDemuxer::CreateFormatContext(std::string url) {
-  const InputWatch::Call call(*watch_, IfRtsp(url.c_str(), kRtspOpenLimit));
-  internal::FfmpegPtr<AVFormatContext> context = OpenInput(url, *watch_);
-  if (!context) return nullptr;
-  int code = avformat_find_stream_info(context.get(), nullptr);
-  if (watch_->Cancelled()) code = AVERROR_EXIT;  // FFmpeg takes what was learned so far for success
-  if (code != 0) {
-    LOG(ERROR) << "Don't find stream information.";
-    watch_->SetFault(code, url.c_str());
-    return nullptr;
-  }
-  // The input's interrupt callback reads the watch, so the input keeps it alive.
-  return {context.release(), [watch = watch_](AVFormatContext* input) {
-            avformat_close_input(&input);
-            avformat_free_context(input);
-          }};
+  return OpenInput(url, watch_, false);
 }
 
 int FfmpegDemuxer::GetStreamInfo(std::shared_ptr<AVFormatContext> ctx, int& stream_index) {
@@ -141,30 +199,34 @@ std::shared_ptr<StreamPacket> FfmpegDemuxer::ReadFrame() {
     watch_->set_fault(DemuxerFault::kNotOpen);
     return nullptr;
   }
-  InputWatch::Call call(*watch_, IfRtsp(avformat_cxt_->url, internal::kSocketLimit));
+  DemuxerInput& input = InputOf(avformat_cxt_);
+  if (input.lost()) {
+    LOG(ERROR) << kLostConnection;
+    watch_->set_fault(DemuxerFault::kLost);
+    return nullptr;
+  }
+  InputWatch::Call call(*watch_, IfRtsp(input.kind(), kRtspReadLimit));
   for (int failures = 0; failures < kMaxFailures;) {
     AVPacket packet;
     internal::InitPacket(packet);
-    // Packets of other streams keep FFmpeg from waiting, and so from looking at the watch.
-    const int code =
-        watch_->Interrupted() ? AVERROR_EXIT : av_read_frame(avformat_cxt_.get(), &packet);
+    const int code = input.Read(packet);
     VLOG(2) << "read frame...";
     if (code != 0) {
-      LOG(ERROR) << " Read frame failed. ErrCode: " << code;
-      watch_->SetFault(code, avformat_cxt_->url);
       ++failures;
-      std::this_thread::sleep_for(kPause);
-      call.Restart();
+      if (!CanGoOn(code, input, *watch_)) return nullptr;
       continue;
     }
     if (packet.stream_index == video_stream_index_) {
       if (packet.size > 0) {
-        return internal::WrapPacket(packet, codec_, StampFor(*avformat_cxt_, packet, *watch_));
+        watch_->set_fault(DemuxerFault::kNone);
+        return internal::WrapPacket(packet, codec_, StampFor(packet, input, *watch_));
       }
       LOG(ERROR) << "Invalid pkt.size= " << packet.size;
       watch_->set_fault(DemuxerFault::kMalformed);
       watch_->SetGap();
       ++failures;
+    } else if (video_stream_index_ >= 0) {
+      call.Restart();  // the camera lives
     }
     av_packet_unref(&packet);
   }
@@ -188,9 +250,7 @@ StreamTimes FfmpegDemuxer::GetStreamTimes() const {
 
 DemuxerFault FfmpegDemuxer::LastFault() const { return watch_->fault(); }
 
-void FfmpegDemuxer::SetTimeLimit(std::chrono::milliseconds limit) {
-  watch_->SetLimit(limit.count() > 0 ? limit : InputWatch::kNoLimit);
-}
+void FfmpegDemuxer::SetTimeLimit(std::chrono::milliseconds limit) { watch_->SetLimit(limit); }
 
 void FfmpegDemuxer::Cancel() { watch_->Cancel(); }
 

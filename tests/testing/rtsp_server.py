@@ -14,6 +14,7 @@ STAGE:  accept options describe setup play stream (after PLAY was answered)
 ACTION: silent     says nothing and keeps the connection
         close      closes the connection
         error      answers 404
+        refused    answers 461: another transport, please
         trickle    sends a byte of an answer every half second
         garbage    sends pseudo-random bytes without end, and without the end of a line: a blank one
                    would end an answer sooner or later, depending on how fast the bytes are read
@@ -59,8 +60,9 @@ def slowly(peer, data):
 def misbehave(peer, action, method, cseq):
     if action == 'silent':
         time.sleep(60)
-    elif action == 'error':
-        peer.sendall(answer(cseq, status='404 Not Found'))
+    elif action in ('error', 'refused'):
+        peer.sendall(answer(cseq, status='404 Not Found' if action == 'error' else
+                            '461 Unsupported Transport'))
         time.sleep(60)
     elif action == 'trickle':
         slowly(peer, normal(method, cseq))

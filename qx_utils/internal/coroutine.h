@@ -1,0 +1,64 @@
+// A call that can be left in the middle and taken up again.
+#pragma once
+
+#include <ucontext.h>
+
+#include <cstddef>
+
+namespace qx {
+namespace utils {
+namespace internal {
+
+// Runs one piece of work at a time on a stack of its own, but on the thread of whoever calls
+// Start() or Resume(). While the work is suspended, its stack stays as it is and costs no processor
+// time.
+//
+// Threads: one at a time; the thread that resumes need not be the one that started.
+class Coroutine {
+ public:
+  using Work = void (*)(void* argument);
+
+  // Throws std::bad_alloc when there is no room for the stack (1 MiB of addresses, of which only
+  // what is used takes memory).
+  Coroutine();
+  Coroutine(const Coroutine&) = delete;
+  Coroutine& operator=(const Coroutine&) = delete;
+  // No work may be suspended.
+  ~Coroutine();
+
+  // Runs `work`, which throws nothing. No other work may be suspended.
+  // Returns: whether the work has ended, and not suspended itself.
+  bool Start(Work work, void* argument);
+  // Takes up the suspended work; returns as Start() does.
+  bool Resume();
+
+  // From within the work: makes Start() or Resume() return, and comes back with the next Resume().
+  void Suspend();
+
+  // Returns: whether the caller is within the work. Safe from any thread.
+  bool Inside() const;
+  // Returns: whether there is work to take up again.
+  bool suspended() const { return suspended_; }
+
+ private:
+  static void Main(unsigned high, unsigned low);
+  void Loop();
+  void SwitchIn();
+  void SwitchOut(bool for_good);
+
+  void* mapping_ = nullptr;
+  ucontext_t outside_ = {};
+  ucontext_t inside_ = {};
+  Work work_ = nullptr;
+  void* argument_ = nullptr;
+  bool suspended_ = false;
+  // What the sanitizers want to know of the two stacks.
+  const void* outside_bottom_ = nullptr;
+  std::size_t outside_bytes_ = 0;
+  void* outside_fiber_ = nullptr;
+  void* inside_fiber_ = nullptr;
+};
+
+}  // namespace internal
+}  // namespace utils
+}  // namespace qx
