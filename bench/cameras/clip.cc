@@ -100,6 +100,7 @@ std::size_t Comparison::Advance(const std::string& bytes) {
   const std::size_t skipped = found_ ? (at + clip_.size() - next_) % clip_.size() : 0;
   const std::size_t steps = found_ ? 1 + skipped : 0;
   missing += skipped;
+  late_starts += !found_ && at != 0 ? 1 : 0;
   found_ = true;
   next_ = (at + 1) % clip_.size();
   return steps;

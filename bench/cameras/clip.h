@@ -51,7 +51,9 @@ class Comparison {
   std::size_t different = 0;  // bytes that are no picture of the clip
   std::size_t missing = 0;    // pictures that were skipped, not at a gap
   std::size_t gaps = 0;       // marked as such
-  std::size_t cut = 0;        // the last picture before a gap, ended by the loss of the connection
+  std::size_t late_starts =
+      0;                // times that the first packet, or one after a gap, was not picture 0
+  std::size_t cut = 0;  // the last picture before a gap, ended by the loss of the connection
   std::size_t wrong_keys = 0;
   std::size_t without_time = 0;
   double worst_time = 0;  // s between two neighbours' times and what the rate says

@@ -24,7 +24,7 @@ HERE = os.path.dirname(os.path.abspath(__file__))
 PEERS = os.path.join(HERE, '..', '..', 'tests', 'testing')
 OWN, GSTREAMER, NODE, VLC = 'own peer', 'GStreamer', 'rtsp-streaming-server', 'VLC'
 LOGIN = 'operator:secret@'
-CANCEL = 200  # ms until a cancelled call has returned
+CANCEL = OVER = 200  # ms until a cancelled call has returned; and beyond a limit of SetTimeLimit()
 
 missing = {}  # server -> why it is not there
 
@@ -225,8 +225,8 @@ class Case:
         results = {line['who']: line for line in map(json.loads, output.decode().splitlines())}
         return results.get('library') or results.get('reconnecting'), results.get('bare')
 
-    def faults(self, read, bare):
-        """What is not as it should be, in words."""
+    def wrong(self, read, bare):
+        """What is not as it should be, in words, but for what came late."""
         if self.expect == 'transport':
             return [] if read['fault'] == 'unsupported transport' else ['named "%s"' % read['fault']]
         found = ['%s %d' % (word.replace('_', ' '), read[word])
@@ -240,19 +240,25 @@ class Case:
             found.append('%d without a time' % read['without_time'])
         if self.server == OWN and read['worst_time_ms'] > 1:
             found.append('times off by %.0f ms' % read['worst_time_ms'])
-        if self.expect != 'restart' and read['longest_ms'] > self.call_bound(bare) + self.late:
+        if bare and read['packets'] < bare['packets']:
+            found.append('fewer than the bare loop')
+        return found
+
+    def late_things(self, read, bare):
+        found = []
+        if self.expect in ('restart', 'transport'):
+            return found
+        if read['longest_ms'] > self.call_bound(bare) + self.late:
             found.append('a call of %.0f ms' % read['longest_ms'])
         if self.cancel and (not read['cancels'] or read['cancel_ms'] > CANCEL + self.late):
             found.append('a cancel of %.0f ms' % read['cancel_ms'])
-        if bare and read['packets'] < bare['packets']:
-            found.append('fewer than the bare loop')
         if bare and read['first_ms'] > 1.05 * bare['first_ms'] + self.late:
             found.append('first packet late')
         return found
 
     def call_bound(self, bare):
         longest = max(self.call, bare['longest_ms'])  # pictures may have come late
-        return min(longest, self.limit) if self.limit else longest
+        return min(longest, self.limit + OVER) if self.limit else longest
 
 
 def all_cases():
@@ -287,7 +293,7 @@ def all_cases():
         add(OWN, '25 pictures a second', limit=limit)
         add(OWN, 'link of 60 kB/s', options='--bandwidth 60000', pictures=250, call=500, seconds=10, limit=limit)
         add(OWN, 'link of 4 kB/s', options='--bandwidth 4000', pictures=40, call=6000, seconds=35, limit=limit)
-    add(OWN, '25 pictures a second', cancel=300, pictures=150, seconds=7)
+    add(OWN, '25 pictures a second', cancel=60, pictures=150, seconds=7)
     add(OWN, 'link of 60 kB/s', options='--bandwidth 60000', pictures=250, call=500, seconds=10, cancel=300)
     add(OWN, 'killed and started again', expect='restart', pictures=200, seconds=12)
     add(GSTREAMER, 'H.264')
@@ -328,7 +334,7 @@ def row_of(case, read, bare, faults):
 def run_table(context, cases, jobs):
     print(ROW % HEAD, flush=True)
     bad = ran = 0
-    ratios = []
+    ratios, again = [], []
     with concurrent.futures.ThreadPoolExecutor(jobs) as pool:
         # The longest begin, and the others fill the time.
         futures = {case: pool.submit(case.run, context) for case in sorted(cases, key=lambda case: -case.seconds)}
@@ -336,12 +342,21 @@ def run_table(context, cases, jobs):
             result = futures[case].result()
             if result is None:
                 continue
-            faults = case.faults(*result)
-            print(row_of(case, *result, faults), flush=True)
+            wrong, late = case.wrong(*result), case.late_things(*result)
+            print(row_of(case, *result, wrong + late), flush=True)
             ran += 1
-            bad += bool(faults)
+            bad += bool(wrong)
+            if late and not wrong:
+                again.append(case)
             if result[1] and result[1]['first_ms']:
                 ratios.append(result[0]['first_ms'] / result[1]['first_ms'])
+    if again:
+        print('once more, one after the other:')
+    for case in again:
+        result = case.run(context)
+        faults = case.wrong(*result) + case.late_things(*result)
+        print(row_of(case, *result, faults), flush=True)
+        bad += bool(faults)
     for server, reason in missing.items():
         print('SKIPPED: the cases of %s: %s' % (server, reason))
     ratios.sort()
@@ -351,12 +366,12 @@ def run_table(context, cases, jobs):
 
 
 def endure(context, minutes, kill_every):
-    """Two cameras, each killed in turn and back after 3 s."""
-    servers = [Server(context, OWN, 'left.h264', []), Server(context, OWN, 'left.h264', ['--audio'])]
+    """Two cameras, killed at the same time and back after 3 s."""
+    servers = [Server(context, OWN, 'left.h264', ['--audio']), Server(context, GSTREAMER, 'left.h264', [])]
     for server in servers:
         server.start()
-    reader = subprocess.Popen([context.reader, 'endure', str(minutes), context.raw('left.h264'), '25'] +
-                              [server.url() for server in servers])
+    reader = subprocess.Popen([context.reader, 'endure', str(minutes), context.raw('left.h264'), '25',
+                               servers[0].url(), '--loose', servers[1].url()])
     end = time.monotonic() + 60 * minutes
     try:
         while time.monotonic() + kill_every < end:
@@ -381,8 +396,8 @@ def main():
     parser.add_argument('--gate', action='store_true')
     parser.add_argument('--only', default='')
     parser.add_argument('--jobs', type=int, default=12)
-    parser.add_argument('--endure', type=float, default=0)
-    parser.add_argument('--kill-every', type=float, default=300)
+    parser.add_argument('--endure', type=int, default=0, metavar='MINUTES')
+    parser.add_argument('--kill-every', type=float, default=300, metavar='SECONDS')
     args = parser.parse_args()
     signal.signal(signal.SIGTERM, lambda *_: sys.exit(1))
     context = Context(args)
