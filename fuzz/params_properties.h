@@ -11,8 +11,7 @@
 #include "fuzz/require.h"
 #include "tests/testing/sps_writer.h"
 
-namespace qx {
-namespace fuzzing {
+namespace qx::fuzzing {
 
 using Parser = utils::VideoParams (*)(const char*, std::size_t);
 using TypeOf = std::uint32_t (*)(std::uint8_t header);
@@ -43,7 +42,7 @@ inline const std::uint8_t* FinalHeader(const std::uint8_t* data, std::size_t siz
   return header;
 }
 
-inline utils::VideoParams CheckParser(Parser parse, TypeOf type_of, std::uint32_t sps_type,
+inline utils::VideoParams CheckSearch(Parser parse, TypeOf type_of, std::uint32_t sps_type,
                                       const std::uint8_t* data, std::size_t size) {
   const utils::VideoParams result = ParseThrice(parse, data, size);
   const std::uint8_t* const header = FinalHeader(data, size, type_of, sps_type);
@@ -56,5 +55,20 @@ inline utils::VideoParams CheckParser(Parser parse, TypeOf type_of, std::uint32_
   return result;
 }
 
-}  // namespace fuzzing
-}  // namespace qx
+inline utils::VideoParams CheckH264(const std::uint8_t* data, std::size_t size) {
+  const auto type_of = [](std::uint8_t header) { return header % 32U; };
+  const auto result = CheckSearch(utils::ParseH264Params, type_of, 7, data, size);
+  Require(result.is_h265 == 0 && result.profile_idc < 256 && result.level_idc < 256);
+  Require(result.width >> 32 == 0 && result.height >> 32 == 0);
+  return result;
+}
+
+inline utils::VideoParams CheckH265(const std::uint8_t* data, std::size_t size) {
+  const auto type_of = [](std::uint8_t header) { return header / 2U % 64U; };
+  const auto result = CheckSearch(utils::ParseH265Params, type_of, 33, data, size);
+  Require(result.is_h265 == 1 && result.profile_idc < 32 && result.level_idc < 256);
+  Require(result.chroma_format_idc <= 3 || (result.width | result.height) == 0);
+  return result;
+}
+
+}  // namespace qx::fuzzing

@@ -4,8 +4,7 @@
 #include <cstdio>
 #include <cstdlib>
 
-namespace qx {
-namespace fuzzing {
+namespace qx::fuzzing {
 
 // Ends the run, which libFuzzer reports with the input, when the property on `line` does not hold.
 inline void Require(bool holds, int line = __builtin_LINE()) {
@@ -14,5 +13,4 @@ inline void Require(bool holds, int line = __builtin_LINE()) {
   std::abort();
 }
 
-}  // namespace fuzzing
-}  // namespace qx
+}  // namespace qx::fuzzing

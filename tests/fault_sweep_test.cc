@@ -1,5 +1,6 @@
 // Every allocation on the calling thread, and every call of FFmpeg's that can report failure, fails
 // in its turn. Memory that is lost on the way is seen by the address sanitizer's build.
+#include <array>
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
@@ -85,8 +86,7 @@ int __wrap_av_read_frame(AVFormatContext* context, AVPacket* packet) {
 }
 // NOLINTEND(bugprone-reserved-identifier,bugprone-macro-parentheses)
 
-namespace qx {
-namespace utils {
+namespace qx::utils {
 namespace {
 
 using image::StereoMaps;
@@ -156,9 +156,8 @@ TEST(FaultSweep, EveryAllocationFromFileToCallback) {
 }
 
 TEST(FaultSweep, EveryCallOfFfmpeg) {
-  const struct {
-    const char *name, *failure, *message;
-  } rows[] = {
+  const std::array<const char*, 3> rows[] = {
+      // call, where the run ends, what is said
       {"avformat_alloc_context", "open", "Open input stream FAILED: "},
       {"avformat_open_input", "open", "Open input stream FAILED: "},
       {"avformat_find_stream_info", "open", "Don't find stream information."},
@@ -180,18 +179,18 @@ TEST(FaultSweep, EveryCallOfFfmpeg) {
       {"av_frame_alloc", "send -9", "####\\[SendFrame:[0-9]+\\]assert failed:ptFrame != NULL\n"},
   };
   Pipeline kept;
-  for (const auto& row : rows) {
+  for (const auto& [name, failure, message] : rows) {
     const LogCapture log;
     ::testing::internal::CaptureStdout();
     std::vector<std::string> failures;
     const auto attempt = [&] { failures.push_back(kept.RunToEnd()); };
     const auto use_again = [&kept](bool) { EXPECT_EQ(kept.RunToEnd(), ""); };
-    EXPECT_GT(Sweep(row.name, false, attempt, use_again), 0) << row.name << " is never called";
-    EXPECT_EQ(failures.front(), row.failure) << row.name;
+    EXPECT_GT(Sweep(name, false, attempt, use_again), 0) << name << " is never called";
+    EXPECT_EQ(failures.front(), failure) << name;
     std::fflush(stdout);
     std::string said = ::testing::internal::GetCapturedStdout();
-    for (const std::string& message : log.Messages(google::ERROR)) said += message + '\n';
-    EXPECT_THAT(said, ::testing::ContainsRegex(row.message)) << row.name;
+    for (const std::string& text : log.Messages(google::ERROR)) said += text + '\n';
+    EXPECT_THAT(said, ::testing::ContainsRegex(message)) << name;
   }
 }
 
@@ -253,5 +252,4 @@ TEST(FaultSweep, EveryAllocationOfARunOfTheKernel) {
 }
 
 }  // namespace
-}  // namespace utils
-}  // namespace qx
+}  // namespace qx::utils

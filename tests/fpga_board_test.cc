@@ -17,9 +17,7 @@
 #include "xrt/xrt_device.h"
 #include "xrt/xrt_kernel.h"
 
-namespace qx {
-namespace utils {
-namespace image {
+namespace qx::utils::image {
 namespace {
 
 namespace fs = std::filesystem;
@@ -417,6 +415,4 @@ TEST_F(FpgaBoard, ARecordingHoldsCallsAccessesAndReleasesInOrder) {
 }
 
 }  // namespace
-}  // namespace image
-}  // namespace utils
-}  // namespace qx
+}  // namespace qx::utils::image

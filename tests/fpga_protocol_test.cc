@@ -14,9 +14,7 @@
 #include "tests/testing/test.h"
 #include "vision/image_frame_fields.h"
 
-namespace qx {
-namespace utils {
-namespace image {
+namespace qx::utils::image {
 namespace {
 
 using std::chrono::milliseconds;
@@ -364,6 +362,4 @@ TEST_F(FpgaProtocol, ABuildForABoardHasNoEmulatedOne) {
 }
 
 }  // namespace
-}  // namespace image
-}  // namespace utils
-}  // namespace qx
+}  // namespace qx::utils::image

@@ -1,47 +1,27 @@
-#include "qxtools/image_copy.h"
+#include "fuzz/image_copy_properties.h"
 
+#include <array>
+#include <numeric>
 #include <stdexcept>
 
 #include "tests/testing/test.h"
 
-namespace qx {
-namespace utils {
-namespace image {
+namespace qx::utils::image {
 namespace {
 
-struct Geometry {
-  std::size_t w_stride;
-  std::size_t h_stride;
-};
-
-// Runs CopyImage over buffers with a known pattern and compares every destination byte.
-void ExpectCopied(const Geometry& dst, const Geometry& src, QXPixelFormat format,
-                  std::size_t bytes_per_row, std::size_t rows) {
-  std::vector<std::uint8_t> from(src.w_stride * src.h_stride * 3 / 2 + 1);
-  for (std::size_t i = 0; i < from.size(); ++i) from[i] = static_cast<std::uint8_t>(i % 251);
-  std::vector<std::uint8_t> to(dst.w_stride * dst.h_stride * 3 / 2 + 1, 0xEE);
-  std::vector<std::uint8_t> expected = to;
-  for (std::size_t r = 0; r < rows; ++r) {
-    for (std::size_t x = 0; x < bytes_per_row; ++x) {
-      expected[r * dst.w_stride + x] = from[r * src.w_stride + x];
-    }
-  }
-  EXPECT_EQ(CopyImage(to.data(), dst.w_stride, dst.h_stride, from.data(), src.w_stride,
-                      src.h_stride, format),
-            0);
-  EXPECT_EQ(to, expected);
-}
-
 TEST(CopyImage, CopiesTheOverlapAndNothingElse) {
-  for (const QXPixelFormat format : {kQXPixelFormatNV12, kQXPixelFormatNV21}) {
-    ExpectCopied({768, 48}, {640, 48}, format, 640, 72);
-    ExpectCopied({640, 30}, {768, 48}, format, 640, 45);
-    ExpectCopied({16, 2}, {16, 2}, format, 16, 3);
-    ExpectCopied({16, 0}, {16, 2}, format, 0, 0);
-  }
-  for (const int format : {1, 3, 12, 13, 14, 15}) {
-    ExpectCopied({767, 47}, {641, 51}, static_cast<QXPixelFormat>(format), 641, 47);
-    ExpectCopied({5, 3}, {9, 2}, static_cast<QXPixelFormat>(format), 5, 2);
+  std::uint8_t pattern[251];
+  std::iota(std::begin(pattern), std::end(pattern), std::uint8_t{0});
+  for (int format = 0; format < 20; ++format) {
+    for (const std::size_t width : {16U, 39U, 640U}) {
+      for (const std::size_t rows : {0U, 2U, 7U}) {
+        const fuzzing::Picture a = {width, rows}, b = {40, 6};
+        for (const bool own_copier : {false, true}) {
+          fuzzing::CheckCopyImage(a, b, format, own_copier, pattern, 251);
+          fuzzing::CheckCopyImage(b, a, format, own_copier, pattern, 251);
+        }
+      }
+    }
   }
 }
 
@@ -123,18 +103,17 @@ TEST(MemcpyFunc, ChecksTheCapacity) {
 }
 
 TEST(AlignmentHelper, RoundsUpIn32Bits) {
-  const struct {
-    unsigned int value, alignment, result;
-  } cases[] = {{1, 16, 16},         {16, 16, 16},
-               {17, 16, 32},        {0, 16, 0},
-               {5, 0, 0},           {7, 3, 9},
-               {0xFFFFFFFF, 16, 0}, {0xFFFFFFF0, 16, 0xFFFFFFF0},
-               {0, 1, 0},           {0xFFFFFFFF, 1, 0xFFFFFFFF}};
-  for (const auto& c : cases) EXPECT_EQ(AlignmentHelper(c.value, c.alignment), c.result);
+  const std::array<unsigned int, 3> cases[] = {// value, alignment, result
+                                               {1, 16, 16},
+                                               {16, 16, 16},
+                                               {17, 16, 32},
+                                               {5, 0, 0},
+                                               {7, 3, 9},
+                                               {0xFFFFFFFF, 16, 0},
+                                               {0xFFFFFFFF, 1, 0xFFFFFFFF}};
+  for (const auto& c : cases) EXPECT_EQ(AlignmentHelper(c[0], c[1]), c[2]);
   ReleaseResources();
 }
 
 }  // namespace
-}  // namespace image
-}  // namespace utils
-}  // namespace qx
+}  // namespace qx::utils::image

@@ -8,9 +8,7 @@
 #include "qxtools/instruction_sets.h"
 #include "tests/testing/test.h"
 
-namespace qx {
-namespace utils {
-namespace image {
+namespace qx::utils::image {
 namespace {
 
 using ::testing::Field;
@@ -31,10 +29,9 @@ class MockEngine : public MediaProc {
               (override));
 };
 
-MATCHER_P(HasCorners, corners, "") {
-  return std::vector<float>{arg.x1, arg.y1, arg.x2, arg.y2, arg.attr_a, arg.attr_b} == corners &&
-         arg.name.empty();
-}
+struct Echo : MediaProc {
+  Frame CvtColor(Frame frame, QXPixelFormat) override { return frame; }
+};
 
 // Each test leaves the process without an engine, as it found it.
 class MediaProcTest : public ::testing::Test {
@@ -62,19 +59,17 @@ class MediaProcTest : public ::testing::Test {
 };
 
 TEST_F(MediaProcTest, FrontEndsReturnNothingWithoutAnEngineAndForTheInterfacesOwnOperations) {
-  const struct {
-    MediaProcFactory factory;
-    std::size_t errors;
-  } cases[] = {{nullptr, kFrontEnds},
-               {[](int) { return nullptr; }, kFrontEnds},
-               {[](int) { return std::make_shared<MediaProc>(); }, 0}};
-  for (const auto& c : cases) {
-    InstallMediaProcFactory(c.factory);
+  const std::pair<MediaProcFactory, std::size_t> cases[] = {
+      {nullptr, kFrontEnds},
+      {[](int) { return nullptr; }, kFrontEnds},
+      {[](int) { return std::make_shared<MediaProc>(); }, 0}};
+  for (const auto& [factory, errors] : cases) {
+    InstallMediaProcFactory(factory);
     const LogCapture log;
     // A null frame: nobody may look at it where there is no engine.
-    EXPECT_EQ(EmptyResults(c.errors != 0 ? nullptr : frame_), kFrontEnds);
-    EXPECT_EQ(log.Messages(), std::vector<std::string>(c.errors, "create MediaProc failed"));
-    EXPECT_EQ(CreateMediaProc(0) == nullptr, c.errors != 0);
+    EXPECT_EQ(EmptyResults(errors != 0 ? nullptr : frame_), kFrontEnds);
+    EXPECT_EQ(log.Messages(), std::vector<std::string>(errors, "create MediaProc failed"));
+    EXPECT_EQ(CreateMediaProc(0) == nullptr, errors != 0);
   }
   MediaProc().Reserved();
 }
@@ -95,7 +90,8 @@ TEST_F(MediaProcTest, FrontEndsHandOverTheirArgumentsAndReturnTheAnswer) {
   EXPECT_CALL(*engine, Decode(kFile, 5)).WillOnce(Return(made));
   EXPECT_CALL(*engine, Resize(frame_, 10, 20)).WillOnce(Return(made));
   EXPECT_CALL(*engine, Resize(frame_, 11, 21)).WillOnce(Return(made));
-  const auto whole = ElementsAre(HasCorners(std::vector<float>{0, 0, 639, 479, 0, 0}));
+  const auto whole = ElementsAre(
+      AllOf(Field(&Box::x1, 0), Field(&Box::y1, 0), Field(&Box::x2, 639), Field(&Box::y2, 479)));
   EXPECT_CALL(*engine, Crop(frame_, whole, 12, 22, true)).WillOnce(Return(cut));
   EXPECT_CALL(*engine, Crop(frame_, Truly(given), 0, 0, false)).WillOnce(Return(cut));
   EXPECT_CALL(*engine, Crop(frame_, Truly(given), 13, 23, true)).WillOnce(Return(cut));
@@ -123,9 +119,6 @@ TEST_F(MediaProcTest, FrontEndsHandOverTheirArgumentsAndReturnTheAnswer) {
 // The factory was once destroyed by exit(), while front ends still ran; so was the list of
 // instruction sets.
 TEST(MediaProcDeathTest, ProcessWideObjectsOutliveMain) {
-  struct Echo : MediaProc {
-    Frame CvtColor(Frame frame, QXPixelFormat) override { return frame; }
-  };
   static const Frame frame = std::make_shared<ImageFrameImpl>();
   static const char* name = nullptr;
   const auto after_main = [] {
@@ -145,9 +138,6 @@ TEST(MediaProcDeathTest, ProcessWideObjectsOutliveMain) {
 
 // Run under the thread sanitizer this shows that a factory may come and go while it is in use.
 TEST_F(MediaProcTest, FactoriesComeAndGoWhileFrontEndsRun) {
-  struct Echo : MediaProc {
-    Frame CvtColor(Frame frame, QXPixelFormat) override { return frame; }
-  };
   std::atomic<bool> stop{false};
   std::atomic<int> made{0}, empty{0};
   const auto use = [&] {
@@ -175,6 +165,4 @@ TEST_F(MediaProcTest, FactoriesComeAndGoWhileFrontEndsRun) {
 }
 
 }  // namespace
-}  // namespace image
-}  // namespace utils
-}  // namespace qx
+}  // namespace qx::utils::image

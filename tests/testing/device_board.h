@@ -9,8 +9,7 @@
 #include <string>
 #include <vector>
 
-namespace qx {
-namespace testing {
+namespace qx::testing {
 
 struct DeviceBoard {
   static DeviceBoard& Get();
@@ -47,5 +46,4 @@ struct DeviceBoard {
   std::uint32_t NextWord();
 };
 
-}  // namespace testing
-}  // namespace qx
+}  // namespace qx::testing

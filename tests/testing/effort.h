@@ -5,8 +5,7 @@
 #include <cstddef>
 #include <cstdlib>
 
-namespace qx {
-namespace testing {
+namespace qx::testing {
 
 // QXTOOLS_TEST_EFFORT: how many times as much as in an ordinary run, which is 1.
 inline std::size_t Effort() {
@@ -19,5 +18,4 @@ inline std::size_t Stride(std::size_t ordinary) {
   return std::max<std::size_t>(1, ordinary / Effort());
 }
 
-}  // namespace testing
-}  // namespace qx
+}  // namespace qx::testing

@@ -10,9 +10,7 @@
 #include "qxtools/emulated_board.h"
 #include "qxtools/fpga_correlation.h"
 
-namespace qx {
-namespace utils {
-namespace image {
+namespace qx::utils::image {
 
 constexpr char kContainerPath[] = "/lib/firmware/xilinx/k26brannoc/k26brannoc.xclbin";
 constexpr char kUnitName[] = "Corr:{Corr_1}";
@@ -101,6 +99,4 @@ class BoardScope {
   emulated_board::Settings settings;
 };
 
-}  // namespace image
-}  // namespace utils
-}  // namespace qx
+}  // namespace qx::utils::image

@@ -6,13 +6,11 @@
 
 #include <string>
 
-namespace qx {
-namespace testing {
+namespace qx::testing {
 
 // A path of this process's own in the folder for temporary files; its name ends with `name`.
 inline std::string TempPath(const std::string& name) {
   return ::testing::TempDir() + "qxtools-" + std::to_string(getpid()) + "-" + name;
 }
 
-}  // namespace testing
-}  // namespace qx
+}  // namespace qx::testing
