@@ -2,7 +2,9 @@
 find_package(PkgConfig REQUIRED)
 find_package(Threads REQUIRED)
 find_package(OpenMP REQUIRED COMPONENTS CXX)
-pkg_check_modules(FFMPEG REQUIRED IMPORTED_TARGET libavformat libavcodec libavutil)
+# The versions of FFmpeg 4.0.
+pkg_check_modules(FFMPEG REQUIRED IMPORTED_TARGET
+  libavformat>=58.12 libavcodec>=58.18 libavutil>=56.14)
 pkg_check_modules(GLOG REQUIRED IMPORTED_TARGET libglog)
 
 add_library(qxtools_dependencies INTERFACE)

@@ -59,11 +59,23 @@ std::shared_ptr<StreamPacket> MakePacket(Bytes& payload, int kind) {
   return internal::WrapPacket(packet, codec);
 }
 
-bool EndsWith(const Bytes& bytes, const Bytes& end) {
-  return bytes.size() >= end.size() && std::equal(end.rbegin(), end.rend(), bytes.rbegin());
+// Returns: whether `bytes` are those of `payload` with something put in at one place.
+bool HoldsInTwoPieces(const Bytes& bytes, const Bytes& payload) {
+  if (bytes.size() < payload.size()) return false;
+  const auto front = std::mismatch(payload.begin(), payload.end(), bytes.begin()).first;
+  const auto back = std::mismatch(payload.rbegin(), payload.rend(), bytes.rbegin()).first;
+  return front - payload.begin() + (back - payload.rbegin()) >= payload.end() - payload.begin();
 }
 
-// Requires that every NAL unit of `payload` stands in `annexb`, unless a length is wrong.
+// Returns: whether these bytes can be a NAL unit: none holds a start code or ends with a zero.
+bool IsUnit(const std::uint8_t* bytes, std::size_t size) {
+  const Bytes start_code = {0, 0, 1};
+  const std::uint8_t* const end = bytes + size;
+  return size != 0 && end[-1] != 0 &&
+         std::search(bytes, end, start_code.begin(), start_code.end()) == end;
+}
+
+// Requires that every NAL unit of `payload` stands in `annexb`, unless one is none.
 void RequireUnits(const Bytes& payload, const StreamPacket* annexb) {
   const std::size_t prefix = source.LengthBytes();
   std::vector<Bytes> units;
@@ -72,6 +84,7 @@ void RequireUnits(const Bytes& payload, const StreamPacket* annexb) {
     std::size_t size = 0;
     for (std::size_t i = 0; i < prefix; ++i) size = size << 8 | payload[at++];
     if (size > payload.size() - at || size < (source.is_h265 ? 2 : 1)) return;
+    if (!IsUnit(payload.data() + at, size)) return;
     units.push_back({0, 0, 1});
     units.back().insert(units.back().end(), payload.data() + at, payload.data() + at + size);
     at += size;
@@ -129,7 +142,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     } else {
       Require(annexb->codec == packet->codec && (annexb == packet || annexb->size != 0));
       const Bytes out(annexb->data, annexb->data + annexb->size);
-      Require(source.LengthBytes() != 0 || EndsWith(out, payload));
+      Require(source.LengthBytes() != 0 || HoldsInTwoPieces(out, payload));
     }
     if (status == 0 && source.LengthBytes() != 0) RequireUnits(payload, annexb.get());
   }

@@ -6,6 +6,7 @@
 
 #include "qx_utils/internal/stream_packet.h"
 #include "qxtools/ffmpeg_demuxer.h"
+#include "qxtools/reconnecting_demuxer.h"
 #include "tests/testing/temp_path.h"
 #include "tests/testing/test.h"
 
@@ -83,10 +84,47 @@ TEST(AnnexBFilter, AddsParameterSetsOnlyWhereTheStreamHasNone) {
   EXPECT_EQ(Bytes(*completed).substr(completed->size - slice.size()), slice);
   EXPECT_EQ(Bytes(*bare_key), slice);
 
-  const auto other = MakePacket(slice, 0);
+  const auto other = MakePacket(std::string("\0\0\1\x41", 4) + slice.substr(4), 0);  // no IDR slice
   const auto own_sets =
       MakePacket(std::string("\0\0\1\x67", 4), AV_PKT_FLAG_KEY);  // as short as can be
   for (const auto& packet : {other, own_sets, bare_key}) EXPECT_EQ(filter.Filter(packet), packet);
+}
+
+// A file that begins at a recovery point never got its parameter sets: FFmpeg's filter puts them
+// before IDR pictures alone.
+TEST(AnnexBFilter, PutsParameterSetsBeforeEveryPictureThatCanBegin) {
+  FfmpegDemuxer demuxer;
+  AnnexBFilter filter;
+  ASSERT_EQ(demuxer.Open(kClips + "left.mp4", {}), 0);
+  ASSERT_EQ(filter.Init(static_cast<const Demuxer&>(demuxer)), 0);
+  demuxer.ReadFrame();
+  const std::string slice = Bytes(*demuxer.ReadFrame());  // of a picture that refers to others
+  const std::string delimiter("\0\0\0\2\x09\xF0", 6);
+  const std::string prefix("\0\0\0\4\x6E\x40\x00\x07", 8);
+  const struct {
+    std::string before;
+    int flags;
+    bool adds;
+  } rows[] = {
+      {"", 0, true},  // the first picture
+      {"", 0, false},        {"", AV_PKT_FLAG_KEY, true},        {prefix, AV_PKT_FLAG_KEY, true},
+      {delimiter, 0, false}, {delimiter, AV_PKT_FLAG_KEY, true},
+  };
+  const std::string start_code("\0\0\0\1", 4);
+  for (const auto& row : rows) {
+    const auto annexb = filter.Filter(MakePacket(row.before + slice, row.flags));
+    ASSERT_NE(annexb, nullptr);
+    std::vector<int> units;
+    const std::string bytes = Bytes(*annexb);
+    for (std::size_t at = 0; (at = bytes.find(start_code.substr(1), at)) != std::string::npos;) {
+      units.push_back(bytes[at += 3] & 0x1F);
+    }
+    std::vector<int> expected = row.adds ? std::vector<int>{7, 8, 1} : std::vector<int>{1};
+    if (row.before == delimiter) expected.insert(expected.begin(), 9);
+    if (row.before == prefix) expected.insert(expected.end() - 1, 14);
+    EXPECT_EQ(units, expected);
+    EXPECT_EQ(bytes.substr(bytes.size() - slice.size() + 4), slice.substr(4));
+  }
 }
 
 TEST(AnnexBFilter, RefusesDamageAndGoesOn) {
@@ -149,6 +187,9 @@ TEST(AnnexBFilter, SaysWhenThereIsNothingToFilter) {
   ASSERT_EQ(filter.Init(demuxer), 0);
   EXPECT_EQ(filter.Filter(nullptr), nullptr);
   EXPECT_EQ(filter.Filter(empty), empty);  // drains a decoder
+  ASSERT_EQ(filter.Init(ReconnectingDemuxer()), 0);
+  const auto packet = demuxer.ReadFrame();
+  EXPECT_EQ(filter.Filter(packet), packet);  // its packets are ready
 }
 
 }  // namespace

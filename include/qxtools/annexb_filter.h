@@ -1,5 +1,6 @@
-// Packets of MP4 and MKV files as Annex B byte streams, which the parameter parsers and the decoder
-// read.
+// Packets of every input as Annex B byte streams with parameter sets, which the parameter parsers
+// and the decoder read: MP4 and MKV files hold another form, and RTSP cameras may tell the
+// parameter sets in the session description alone.
 //
 //   qx::utils::video::FfmpegDemuxer demuxer;
 //   qx::utils::video::AnnexBFilter filter;
@@ -20,9 +21,11 @@ namespace video {
 
 class FfmpegDemuxer;
 
-// Turns length-prefixed packets into start codes, and puts the parameter sets in front of key
-// frames where the stream itself carries none. One packet comes out for each that goes in, at
-// once: nothing is held back, so there is nothing to drain.
+// Turns length-prefixed packets into start codes, and puts the container's parameter sets before
+// the first picture and before each key picture that has none of its own. (A byte stream that has
+// shown parameter sets of its own is left alone from then on.) One packet comes out for each that
+// goes in, at once: nothing is held back, so there is nothing to drain. PacketTimesOf() says the
+// same of it.
 //
 // Threads: one filter is used by one thread at a time, which need not be the demuxer's.
 class QXTOOLS_EXPORT AnnexBFilter {
@@ -39,7 +42,14 @@ class QXTOOLS_EXPORT AnnexBFilter {
   //          the stream's parameter sets are damaged. Filter() gives nothing then.
   [[nodiscard]] int Init(const FfmpegDemuxer& demuxer);
 
-  // Converts one packet of that stream; packets go in in the order in which they were read.
+  // The same for whoever holds the interface. The packets of a ReconnectingDemuxer are ready and
+  // pass as they are, so that it need not have an input yet.
+  // Returns: as above; -1, with one ERROR line, for demuxers that are not of this library.
+  [[nodiscard]] int Init(const Demuxer& demuxer);
+
+  // Converts one packet of that stream; packets go in in the order in which they were read. Copies
+  // that the application has made itself are converted too; of those, the key pictures are known
+  // by their slices' type (H.264: IDR pictures alone).
   //
   // Output:  the same pointer where nothing is to be done: a packet that is Annex B already and
   //          needs no parameter sets, and an empty packet (size 0), which drains a decoder.

@@ -24,7 +24,7 @@ int DemuxerInput::Probe() { return Run(Call::kProbe); }
 
 int DemuxerInput::Read(AVPacket& packet) {
   if (const int code = watch_->InterruptionCode(); code != 0) return code;
-  if (!coroutine_) return av_read_frame(context_, &packet);
+  if (!coroutine_) return ReadPacket(context_, &packet);
   if (suspended() && call_ == Call::kProbe) {
     const int code = Probe();
     if (code != 0) return code;
@@ -59,7 +59,7 @@ void DemuxerInput::Execute() {
       code_ = ProbeNow();
       break;
     case Call::kRead:
-      code_ = av_read_frame(context_, &packet_);
+      code_ = ReadPacket(context_, &packet_);
   }
 }
 

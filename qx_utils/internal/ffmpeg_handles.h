@@ -4,7 +4,9 @@
 
 extern "C" {
 #include <libavcodec/avcodec.h>
+#if LIBAVCODEC_VERSION_INT >= AV_VERSION_INT(58, 87, 100)  // part of avcodec.h before
 #include <libavcodec/bsf.h>
+#endif
 #include <libavformat/avformat.h>
 #include <libavutil/dict.h>
 #include <libavutil/frame.h>
@@ -37,6 +39,24 @@ using SideDataSize = std::size_t;
 #else
 using SideDataSize = int;
 #endif
+
+// Reads a packet that owns its payload. Generations before 4.3 also hand out what the next read
+// overwrites.
+inline int ReadPacket(AVFormatContext* context, AVPacket* packet) {
+  const int code = av_read_frame(context, packet);
+  if (code != 0) return code;
+  const int owned = av_packet_make_refcounted(packet);
+  if (owned != 0) av_packet_unref(packet);
+  return owned;
+}
+
+// Makes a filter forget a packet that it has refused. 4.0 has no such call, and its filters keep
+// nothing of such a packet.
+inline void FlushFilter([[maybe_unused]] AVBSFContext* filter) {
+#if LIBAVCODEC_VERSION_INT >= AV_VERSION_INT(58, 23, 100)
+  av_bsf_flush(filter);
+#endif
+}
 
 // Gives a packet on the stack FFmpeg's initial values. Generations from libavcodec 59 on call the
 // function deprecated and keep it.

@@ -2,14 +2,17 @@
 
 #include <glog/logging.h>
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <limits>
 #include <utility>
+#include <vector>
 
 #include "qx_utils/internal/ffmpeg_handles.h"
 #include "qx_utils/internal/stream_packet.h"
 #include "qxtools/ffmpeg_demuxer.h"
+#include "qxtools/reconnecting_demuxer.h"
 
 namespace qx {
 namespace utils {
@@ -17,6 +20,10 @@ namespace video {
 namespace {
 
 using BsfPtr = internal::FfmpegPtr<AVBSFContext>;
+
+// FFmpeg's packets are no longer.
+constexpr std::uint64_t kMaxBytes =
+    std::numeric_limits<int>::max() - AV_INPUT_BUFFER_PADDING_SIZE - 1;
 
 // Returns: whether a decoder configuration record stands before the packets, which makes them
 // length-prefixed. Its first byte is a version (ISO/IEC 14496-15, 5.3.3.1 and 8.3.3.1; early H.265
@@ -50,17 +57,29 @@ bool IsWholeHevcRecord(const std::uint8_t* record, int size) {
   return true;
 }
 
-// Returns: whether the Annex B packet holds a sequence parameter set before its first slice.
-bool HasParameterSet(const StreamPacket& packet) {
+// What an Annex B packet begins with, up to its first slice.
+struct Opening {
+  bool has_sets = false;  // a sequence parameter set
+  bool has_slice = false;
+  bool is_key = false;      // the slice's type says that decoding can begin here
+  std::size_t sets_at = 0;  // where parameter sets belong: behind an access unit delimiter
+};
+
+Opening Examine(const StreamPacket& packet) {
   const bool h264 = packet.codec == kVideoCodecH264;
-  for (std::uint64_t i = 0; i + 3 < packet.size; ++i) {
+  Opening opening;
+  bool behind_delimiter = false;
+  for (std::uint64_t i = 0; i + 3 < packet.size && !opening.has_slice; ++i) {
     const std::uint8_t* byte = packet.data + i;
     if (byte[0] != 0 || byte[1] != 0 || byte[2] != 1) continue;
+    if (behind_delimiter) opening.sets_at = i > 0 && byte[-1] == 0 ? i - 1 : i;
     const int type = h264 ? byte[3] & 0x1F : (byte[3] >> 1) & 0x3F;
-    if (type == (h264 ? 7 : 33)) return true;
-    if (h264 ? type >= 1 && type <= 5 : type < 32) return false;  // a slice
+    behind_delimiter = type == (h264 ? 9 : 35);
+    if (type == (h264 ? 7 : 33)) opening.has_sets = true;
+    opening.has_slice = h264 ? type >= 1 && type <= 5 : type < 32;
+    opening.is_key = opening.has_slice && (h264 ? type == 5 : type >= 16 && type <= 23);
   }
-  return false;
+  return opening;
 }
 
 // Returns: FFmpeg's filter `name`, ready for packets with `parameters`; null when it refuses them.
@@ -78,75 +97,119 @@ BsfPtr MakeFilter(const char* name, const AVCodecParameters& parameters) {
 
 class AnnexBFilter::Impl {
  public:
-  explicit Impl(const AVCodecParameters& parameters)
-      : length_prefixed_(IsLengthPrefixed(parameters)),
-        filter_(MakeFilter(FilterName(parameters), parameters)) {}
+  // Packets that are ready already.
+  Impl() = default;
 
-  bool ok() const { return filter_ != nullptr; }
+  explicit Impl(const AVCodecParameters& parameters)
+      : length_prefixed_(IsLengthPrefixed(parameters)) {
+    const AVCodecParameters* annexb = &parameters;
+    if (length_prefixed_) {
+      const bool h264 = parameters.codec_id == AV_CODEC_ID_H264;
+      filter_ = MakeFilter(h264 ? "h264_mp4toannexb" : "hevc_mp4toannexb", parameters);
+      if (!filter_) return;
+      annexb = filter_->par_out;
+    }
+    sets_.assign(annexb->extradata, annexb->extradata + annexb->extradata_size);
+  }
+
+  bool ok() const { return !length_prefixed_ || filter_ != nullptr; }
 
   std::shared_ptr<StreamPacket> Filter(const std::shared_ptr<StreamPacket>& packet) {
-    if (packet->size == 0 || !NeedsFilter(packet)) return packet;
-    AVPacket buffer;
-    internal::InitPacket(buffer);
-    const int code = Run(packet, buffer);
-    if (code == 0) return internal::WrapPacket(buffer, packet->codec, StampFor(packet));
+    if (packet->size == 0) return packet;
+    std::shared_ptr<StreamPacket> annexb = packet;
+    int code = length_prefixed_ ? Convert(packet, annexb) : 0;
+    if (code == 0) code = AddSetsWhereNeeded(annexb);
+    if (code == 0) return annexb;
     LOG(ERROR) << "Annex B filter: packet of " << packet->size << " bytes refused, ret=" << code;
-    av_bsf_flush(filter_.get());
+    if (filter_) internal::FlushFilter(filter_.get());
     gap_ = true;
     return nullptr;
   }
 
  private:
-  const char* FilterName(const AVCodecParameters& parameters) const {
-    if (!length_prefixed_) return "dump_extra";
-    return parameters.codec_id == AV_CODEC_ID_H264 ? "h264_mp4toannexb" : "hevc_mp4toannexb";
-  }
-
-  // A stream that has shown parameter sets of its own is left alone from then on: those of the
-  // container may be older.
-  bool NeedsFilter(const std::shared_ptr<StreamPacket>& packet) {
-    if (length_prefixed_) return true;
-    if (own_parameter_sets_ || filter_->par_in->extradata_size == 0) return false;
+  // Returns: whether the container's parameter sets have to stand before this picture. FFmpeg's own
+  // filter adds them to IDR pictures alone, while decoding may begin at others.
+  bool NeedsSets(const std::shared_ptr<StreamPacket>& packet, const Opening& opening) {
+    if (opening.has_sets) sets_came_ = true;
+    if (!opening.has_slice) return false;
     const AVPacket* wrapped = internal::WrappedPacket(packet);
-    if (wrapped == nullptr || (wrapped->flags & AV_PKT_FLAG_KEY) == 0) return false;
-    own_parameter_sets_ = HasParameterSet(*packet);
-    return !own_parameter_sets_;
+    const bool key = opening.is_key || (wrapped != nullptr && wrapped->flags & AV_PKT_FLAG_KEY);
+    const bool needed = (first_ || key) && !sets_came_ && !sets_.empty();
+    first_ = false;
+    // A byte stream that has shown parameter sets of its own is left alone from then on: those of
+    // the container may be older.
+    if (length_prefixed_) sets_came_ = false;
+    return needed;
   }
 
-  // Times of the input; packets that were refused are missing before it.
-  internal::PacketStamp StampFor(const std::shared_ptr<StreamPacket>& packet) {
-    internal::PacketStamp stamp = internal::StampOf(packet);
-    if (std::exchange(gap_, false)) stamp.discontinuity = true;
-    return stamp;
-  }
-
-  // Returns: 0 with the converted packet in `buffer`, or FFmpeg's code with `buffer` blank.
-  int Run(const std::shared_ptr<StreamPacket>& packet, AVPacket& buffer) {
-    if (packet->size > static_cast<std::uint64_t>(std::numeric_limits<int>::max())) {
-      return AVERROR(EINVAL);  // FFmpeg's packets are no longer
+  // Puts the parameter sets into the Annex B packet if need be. Returns: FFmpeg's code.
+  int AddSetsWhereNeeded(std::shared_ptr<StreamPacket>& packet) {
+    const Opening opening = Examine(*packet);
+    if (!NeedsSets(packet, opening)) return 0;
+    if (packet->size > kMaxBytes - sets_.size()) return AVERROR(EINVAL);
+    AVPacket buffer;
+    internal::InitPacket(buffer);
+    int code = av_new_packet(&buffer, static_cast<int>(packet->size + sets_.size()));
+    if (code != 0) return code;
+    std::uint8_t* out = std::copy_n(packet->data, opening.sets_at, buffer.data);
+    out = std::copy(sets_.begin(), sets_.end(), out);
+    std::copy(packet->data + opening.sets_at, packet->data + packet->size, out);
+    const AVPacket* wrapped = internal::WrappedPacket(packet);
+    if (wrapped != nullptr) code = av_packet_copy_props(&buffer, wrapped);
+    if (code == 0) {
+      packet = internal::WrapPacket(buffer, packet->codec, internal::StampOf(packet));
+    } else {
+      av_packet_unref(&buffer);
     }
+    return code;
+  }
+
+  // Makes `annexb` of the length-prefixed `packet`. Returns: FFmpeg's code.
+  int Convert(const std::shared_ptr<StreamPacket>& packet, std::shared_ptr<StreamPacket>& annexb) {
+    if (packet->size > kMaxBytes) return AVERROR(EINVAL);
     AVPacket bytes;  // stands for a packet that was not made by a demuxer; copied by the reference
     internal::InitPacket(bytes);
     bytes.data = packet->data;
     bytes.size = static_cast<int>(packet->size);
+    AVPacket buffer;
+    internal::InitPacket(buffer);
     const AVPacket* wrapped = internal::WrappedPacket(packet);
     int code = av_packet_ref(&buffer, wrapped != nullptr ? wrapped : &bytes);
     if (code == 0) code = av_bsf_send_packet(filter_.get(), &buffer);
     if (code == 0) code = av_bsf_receive_packet(filter_.get(), &buffer);
     if (code == 0 && buffer.size == 0) code = AVERROR_INVALIDDATA;  // empty NAL units alone
-    if (code != 0) av_packet_unref(&buffer);
-    return code;
+    if (code != 0) {
+      av_packet_unref(&buffer);
+      return code;
+    }
+    internal::PacketStamp stamp = internal::StampOf(packet);
+    if (std::exchange(gap_, false)) stamp.discontinuity = true;
+    annexb = internal::WrapPacket(buffer, packet->codec, stamp);
+    return 0;
   }
 
-  const bool length_prefixed_;
-  const BsfPtr filter_;
-  bool own_parameter_sets_ = false;
+  const bool length_prefixed_ = false;
+  BsfPtr filter_;                   // for length-prefixed packets
+  std::vector<std::uint8_t> sets_;  // the container's, as Annex B
+  bool first_ = true;               // no picture was handed out yet
+  bool sets_came_ = false;          // the stream's own, for the next picture
   bool gap_ = false;
 };
 
 AnnexBFilter::AnnexBFilter() = default;
 
 AnnexBFilter::~AnnexBFilter() = default;
+
+int AnnexBFilter::Init(const Demuxer& demuxer) {
+  impl_.reset();
+  if (const auto* ffmpeg = dynamic_cast<const FfmpegDemuxer*>(&demuxer)) return Init(*ffmpeg);
+  if (dynamic_cast<const ReconnectingDemuxer*>(&demuxer) == nullptr) {
+    LOG(ERROR) << "Annex B filter: a demuxer that is not of this library";
+    return -1;
+  }
+  impl_ = std::make_unique<Impl>();
+  return 0;
+}
 
 int AnnexBFilter::Init(const FfmpegDemuxer& demuxer) {
   impl_.reset();
