@@ -52,12 +52,15 @@ inline void CheckCopyImage(const Picture& dst, const Picture& src, int format, b
     return CopyImage(address(dst, to), dst.pitch, dst.rows, address(src, from), src.pitch, src.rows,
                      static_cast<QXPixelFormat>(format), copier...);
   };
-  const auto counting = [](void* row, std::size_t capacity, void* source, std::size_t bytes) {
-    Require(bytes <= capacity);
+  std::size_t calls = 0;
+  const auto counting = [&](void* row, std::size_t capacity, void* source, std::size_t bytes) {
+    Require(capacity == dst.pitch && bytes == pitch);
+    ++calls;
     MemcpyFunc(row, capacity, source, bytes);
   };
   Require((own_copier ? copy(counting) : copy()) == (copies ? 0 : -1));
   Require(to == expected);
+  Require(calls == (own_copier && copies ? rows : 0));
 }
 
 }  // namespace qx::fuzzing

@@ -2,11 +2,13 @@
 // computes.
 #include <sys/stat.h>
 
+#include <array>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <functional>
 #include <iterator>
+#include <sstream>
 #include <thread>
 
 #include "platform/emulated/board_environment.h"
@@ -41,23 +43,6 @@ std::string Replaced(const std::string& from, const std::string& to) {
   return text.replace(text.find(from), from.size(), to);
 }
 
-// A container file that Kernel_FPGA and the command find through the environment.
-class ContainerFile {
- public:
-  explicit ContainerFile(const std::string& text) : path(testing::TempPath("fpga.container")) {
-    std::ofstream(path) << text;
-    setenv("xclbin_path", path.c_str(), 1);
-  }
-  ~ContainerFile() {
-    unsetenv("xclbin_path");
-    fs::remove(path);
-  }
-  ContainerFile(const ContainerFile&) = delete;
-  ContainerFile& operator=(const ContainerFile&) = delete;
-
-  const std::string path;
-};
-
 // What a process can leak besides memory that a sanitizer sees: descriptors, threads, mappings of
 // the board's memory; and what the board has handed out.
 std::vector<std::ptrdiff_t> CountResources() {
@@ -76,6 +61,17 @@ std::vector<std::ptrdiff_t> CountResources() {
 
 class FpgaBoard : public ::testing::Test {
  protected:
+  ~FpgaBoard() override {
+    for (const char* name : {"xclbin_path", "cu_name"}) unsetenv(name);
+    fs::remove(file_);
+  }
+
+  // Makes the file that Kernel_FPGA and the command find through the environment.
+  void WriteContainer(const std::string& text) const {
+    std::ofstream(file_) << text;
+    setenv("xclbin_path", file_.c_str(), 1);
+  }
+
   void ExpectGoodRun(Way way) {
     std::fill(maps_.cost.begin(), maps_.cost.end(), 0xA5);
     maps_.Run(way);
@@ -92,6 +88,7 @@ class FpgaBoard : public ::testing::Test {
     }
   }
 
+  const std::string file_ = testing::TempPath("fpga.container");
   BoardScope board_;
   StereoMaps maps_{{2, 8, 32, 4}};
 };
@@ -129,10 +126,8 @@ TEST_F(FpgaBoard, ComputesWhatTheProcessorComputes) {
   const Geometry shapes[] = {{3, 40, 32, 16}, {2, 17, 96, 33}, {1, 5, 48, 9},   {4, 3, 31, 2},
                              {1, 1, 64, 1},   {2, 9, 2048, 4}, {5, 70, 160, 64}};
   const std::pair<float, float> products[] = {
-      // and what they act as
-      {1.0F, 1.0F},           {0.5F, 0.5F},         {0x1p-5F, 0x1p-5F},
-      {0x1p-7F, 0x1p-7F},     {0x1p-20F, 0x1p-20F}, {0x1p-126F, 0x1p-126F},
-      {0x1p-140F, 0x1p-140F}, {0.0F, 0.0F},         {0.01F, 0x1p-6F}};
+      {1.0F, 1.0F},           {0.5F, 0.5F}, {0x1p-7F, 0x1p-7F}, {0x1p-126F, 0x1p-126F},
+      {0x1p-140F, 0x1p-140F}, {0.0F, 0.0F}, {0.01F, 0x1p-6F}};  // and what they act as
   for (const Geometry& shape : shapes) {
     board_.settings.geometry = shape;
     board_.Apply();
@@ -141,9 +136,9 @@ TEST_F(FpgaBoard, ComputesWhatTheProcessorComputes) {
     std::fill_n(maps.right_bytes.begin(), shape.channels, 0x80);
     Kernel_FPGA kernel(0, maps.input_size(), maps.output_size());
     for (const auto& [product, acts_as] : products) {
-      maps.SetScales(product, 1.0F, 1.0F);
+      maps.left->scale = product;
       maps.RunOn(kernel);
-      maps.SetScales(acts_as, 1.0F, 1.0F);
+      maps.left->scale = acts_as;
       EXPECT_EQ(maps.cost, maps.Expected()) << shape.width << 'x' << shape.channels << product;
     }
   }
@@ -151,9 +146,8 @@ TEST_F(FpgaBoard, ComputesWhatTheProcessorComputes) {
 
 TEST_F(FpgaBoard, ContainerTextsAreChecked) {
   EXPECT_NO_THROW(emulated_board::CheckContainer(kContainer));
-  const struct {
-    const char *from, *to, *error;
-  } cases[] = {
+  const std::array<const char*, 3> cases[] = {
+      // what is replaced, by what, and the complaint
       {"{", "", "parse error"},
       {"container 1", "container 2", "\"format\" must be"},
       {"\"kernel\": \"Corr\"", "\"kernel\": 5", "type must be string"},
@@ -161,7 +155,6 @@ TEST_F(FpgaBoard, ContainerTextsAreChecked) {
       {"\"0xA0000000\"", "\"0xFFFF8000\"", "base_address"},
       {"\"0xA0000000\"", "\"A0000000\"", "must be a non-negative number"},
       {"\"0xA0000000\"", "\"0xA00000000000000000\"", "must be a non-negative number"},
-      {"\"0xA0000000\"", "-4", "must be a non-negative number"},
       {"\"height\": 2", "\"height\": 0", "no dimension"},
       {"\"height\": 2", "\"height\": 4294967295", "2^31 - 1"},
       {"\"height\": 2", "\"height\": 4294967296", "exceeds 32 bits"},
@@ -176,39 +169,39 @@ TEST_F(FpgaBoard, ContainerTextsAreChecked) {
       {"12288", "100", "memory group 1: base and size"},
       {"12288", "\"0xC0001000\"", "memory group 1: must lie below 4 GiB"},
       {"12288", "\"0x60001000\"", "memory group 1: overlaps"},
-      {"\"0x40000000\"", "\"0x10000000\"", "memory group 1: overlaps"},
   };
-  for (const auto& c : cases) {
+  for (const auto& [from, to, error] : cases) {
+    std::string said = "nothing";
     try {
-      emulated_board::CheckContainer(Replaced(c.from, c.to));
-      ADD_FAILURE() << "accepted: " << c.to;
-    } catch (const std::runtime_error& error) {
-      EXPECT_THAT(error.what(), HasSubstr(c.error)) << c.to;
+      emulated_board::CheckContainer(Replaced(from, to));
+    } catch (const std::runtime_error& thrown) {
+      said = thrown.what();
     }
+    EXPECT_THAT(said, HasSubstr(error)) << to;
   }
 }
 
 TEST_F(FpgaBoard, ContainerFileDecidesAddressesOffsetsAndGeometry) {
   std::string text = Replaced("\"0xA0000000\"", "\"0xB0000010\"");  // low bits do not count
   text.replace(text.find("\"offset\": 16"), 12, "\"offset\": 256");
-  const ContainerFile file(text);
+  WriteContainer(text);
   ExpectGoodRun(Way::kObject);
   const CorrelationUnit unit = DescribeCorrelationUnit(0);
   EXPECT_EQ(unit.base_address, 0xB0000010U);
   EXPECT_THAT(unit.offsets, ElementsAre(256, 0x1C, 40, 52));
   EXPECT_THAT(unit.memory_groups, ElementsAre(0, 0, 1));
-  EXPECT_EQ(GetStatus().container, file.path);
+  EXPECT_EQ(GetStatus().container, file_);
   EXPECT_FALSE(GetStatus().built_in);
   // The one-shot looks for the registers at their usual place, where nothing answers.
   SetKernelTimeLimit(milliseconds(10));
-  EXPECT_THROW(maps_.Run(Way::kOneShot, kUnitName, file.path.c_str()), KernelTimeout);
-  EXPECT_EQ(ErrorOf(Way::kOld, file.path.c_str()), "");
+  EXPECT_THROW(maps_.Run(Way::kOneShot, kUnitName, file_.c_str()), KernelTimeout);
+  EXPECT_EQ(ErrorOf(Way::kOld, file_.c_str()), "");
   EXPECT_EQ(maps_.cost, maps_.Expected());
 }
 
 // Files were read to their end before the first byte was looked at: 6 GB, /dev/zero, a FIFO.
 TEST_F(FpgaBoard, WhatCannotBeLoadedOrBoundSaysWhy) {
-  const ContainerFile other_kernel(Replaced("\"Corr\"", "\"Warp\""));
+  WriteContainer(Replaced("\"Corr\"", "\"Warp\""));
   const std::string fifo = testing::TempPath("fifo"), large = testing::TempPath("large");
   ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
   std::ofstream(large).close();
@@ -220,7 +213,7 @@ TEST_F(FpgaBoard, WhatCannotBeLoadedOrBoundSaysWhy) {
       {"/dev/zero", "'/dev/zero' is no regular file"},
       {fifo, fifo + "' is no regular file"},
       {large, large + "' is larger than 1 MiB"},
-      {other_kernel.path, "which has 'Warp:{Corr_1}'"}};
+      {file_, "which has 'Warp:{Corr_1}'"}};
   for (const auto& [path, error] : cases) {
     EXPECT_THAT(ErrorOf(Way::kOneShot, path.c_str()), HasSubstr(error));
   }
@@ -229,7 +222,6 @@ TEST_F(FpgaBoard, WhatCannotBeLoadedOrBoundSaysWhy) {
   EXPECT_THAT(ErrorOf(Way::kOneShot, kContainerPath, 1), HasSubstr("no device 1"));
   setenv("cu_name", "Warp:{Corr_1}", 1);  // binds, but it is not the kernel whose address is asked
   EXPECT_THAT(ErrorOf(Way::kObject), HasSubstr("no core 0 of kernel 'Corr'"));
-  unsetenv("cu_name");
 }
 
 TEST_F(FpgaBoard, ExclusiveAndSharedHandlesExcludeEachOther) {
@@ -242,16 +234,15 @@ TEST_F(FpgaBoard, ExclusiveAndSharedHandlesExcludeEachOther) {
     EXPECT_EQ(ErrorOf(Way::kOneShot), "");
     xrt::kernel shared(device, device.load_xclbin(kContainerPath), kUnitName, Mode::shared);
     EXPECT_THROW(shared.write_register(0x10, 0), std::runtime_error);
-    board_.settings.geometry.width = 9;
-    board_.Apply();  // another container, while the unit is open
-    EXPECT_THAT(ErrorOf(Way::kOneShot), HasSubstr("cannot load"));
-    board_.settings.geometry.width = 8;
-    board_.Apply();
+    WriteContainer(kContainer);  // another container, while the unit is open
+    EXPECT_THAT(ErrorOf(Way::kOneShot, file_.c_str()), HasSubstr("cannot load"));
   }
-  const xrt::uuid reloaded = device.load_xclbin(kContainerPath);
+  const xrt::uuid other = device.load_xclbin(file_);
   EXPECT_THROW(xrt::kernel(device, container, kUnitName, Mode::shared), std::runtime_error);
-  xrt::kernel exclusive(device, reloaded, kUnitName, Mode::exclusive);
-  for (const Way way : kWays) EXPECT_THAT(ErrorOf(way), HasSubstr("is in use exclusively"));
+  xrt::kernel exclusive(device, other, kUnitName, Mode::exclusive);
+  for (const Way way : kWays) {
+    EXPECT_THAT(ErrorOf(way, file_.c_str()), HasSubstr("is in use exclusively"));
+  }
   EXPECT_THROW(exclusive.write_register(65536, 0), std::runtime_error);
   EXPECT_THROW((void)exclusive.read_register(2), std::runtime_error);
   EXPECT_THROW((void)exclusive.offset(4), std::runtime_error);
@@ -306,34 +297,29 @@ TEST_F(FpgaBoard, RunsThatGiveNoResultAreReported) {
 }
 
 TEST_F(FpgaBoard, SettingsComeFromTheEnvironmentAndAreChecked) {
-  const struct {
-    const char *name, *value;
-    std::uint32_t width;
-    int run_time;
-    std::size_t faults, errors;
-  } cases[] = {
-      {"QXTOOLS_BOARD_GEOMETRY", "4x5x32x7", 5, 0, 0, 0},
-      {"QXTOOLS_BOARD_GEOMETRY", "4x5x32", 320, 0, 0, 1},
-      {"QXTOOLS_BOARD_GEOMETRY", "4x0x32x7", 320, 0, 0, 1},
-      {"QXTOOLS_BOARD_GEOMETRY", "4x5x32x7 ", 320, 0, 0, 1},
-      {"QXTOOLS_BOARD_GEOMETRY", "1x1000000000x1x1", 320, 0, 0, 1},
-      {"QXTOOLS_BOARD_RUN_TIME_US", "2500", 320, 2500, 0, 0},
-      {"QXTOOLS_BOARD_RUN_TIME_US", "-1", 320, 0, 0, 1},
-      {"QXTOOLS_BOARD_FAULTS", "open,xrt::bo::sync@2", 320, 0, 2, 0},
-      {"QXTOOLS_BOARD_FAULTS", "open@,opne,open@0,mmap@x", 320, 0, 0, 4},
+  const std::array<std::string, 3> cases[] = {
+      // variable, value, and what comes of it: width, run time, faults, errors
+      {"GEOMETRY", "4x5x32x7", "5 0 0 0"},
+      {"GEOMETRY", "4x5x32", "320 0 0 1"},
+      {"GEOMETRY", "4x0x32x7", "320 0 0 1"},
+      {"GEOMETRY", "4x5x32x7 ", "320 0 0 1"},
+      {"GEOMETRY", "1x1000000000x1x1", "320 0 0 1"},
+      {"RUN_TIME_US", "2500", "320 2500 0 0"},
+      {"RUN_TIME_US", "-1", "320 0 0 1"},
+      {"FAULTS", "open,xrt::bo::sync@2", "320 0 2 0"},
+      {"FAULTS", "open@,opne,open@0,mmap@x", "320 0 0 4"},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.value);
-    setenv(c.name, c.value, 1);
+  for (const auto& [name, value, expected] : cases) {
+    setenv(("QXTOOLS_BOARD_" + name).c_str(), value.c_str(), 1);
     const LogCapture log;
     platform::CallLog calls;
     const emulated_board::Settings settings = platform::SettingsFromEnvironment();
     platform::InjectFaultsFromEnvironment(calls);
-    EXPECT_EQ(settings.geometry.width, c.width);
-    EXPECT_EQ(settings.run_time.count(), c.run_time);
-    EXPECT_EQ(calls.ClearFaults(), c.faults);
-    EXPECT_EQ(log.Messages(google::ERROR).size(), c.errors);
-    unsetenv(c.name);
+    std::ostringstream actual;
+    actual << settings.geometry.width << ' ' << settings.run_time.count() << ' '
+           << calls.ClearFaults() << ' ' << log.Messages(google::ERROR).size();
+    EXPECT_EQ(actual.str(), expected) << value;
+    unsetenv(("QXTOOLS_BOARD_" + name).c_str());
   }
   emulated_board::Settings bad[3];
   bad[0].end_value = 1;
@@ -400,10 +386,9 @@ TEST_F(FpgaBoard, ARecordingHoldsCallsAccessesAndReleasesInOrder) {
   maps_.RunOn(*kernel);
   kernel.reset();
   std::string recorded;
-  for (const auto& call : emulated_board::TakeRecording()) {
-    if (call.name != "xrt::kernel::offset" && call.name != "close") {
-      recorded += call.name + ' ' + call.detail + "; ";
-    }
+  for (const auto& [name, detail] : emulated_board::TakeRecording()) {
+    if (name == "xrt::kernel::offset" || name == "close") continue;
+    recorded.append(name).append(" ").append(detail).append("; ");
   }
   EXPECT_EQ(recorded,
             "load 0x0 0x0; xrt::bo::write 0x10000000 512; xrt::bo::write 0x10001000 512; "

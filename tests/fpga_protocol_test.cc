@@ -6,6 +6,7 @@
 #include <cmath>
 #include <cstdlib>
 #include <stdexcept>
+#include <tuple>
 #include <utility>
 
 #include "qxtools/emulated_board.h"
@@ -47,23 +48,10 @@ class Frame : public velkar::vision::ImageFrameImpl {
 class TracedLog : public LogCapture {
  public:
   TracedLog() : LogCapture(1) {}
-  void send(google::LogSeverity severity, const char* /*full_filename*/,
-            const char* /*base_filename*/, int /*line*/, const struct ::tm* /*tm_time*/,
-            const char* message, std::size_t message_len) override {
-    DeviceBoard::Get().Add(severity == google::INFO ? "log: " : "error: ",
-                           std::string(message, message_len));
+  void Take(google::LogSeverity severity, std::string text) override {
+    DeviceBoard::Get().Add(severity == google::INFO ? "log: " : "error: ", text);
   }
 };
-
-// The parts of a text that each end with "; ".
-std::vector<std::string> Split(const std::string& text) {
-  std::vector<std::string> parts;
-  for (std::size_t start = 0, end = 0; start < text.size(); start = end + 2) {
-    end = text.find("; ", start);
-    parts.push_back(text.substr(start, end - start));
-  }
-  return parts;
-}
 
 // Pieces of traces. Device addresses are 0x50000n000: only their low halves reach the kernel.
 const std::string kBuffers =
@@ -101,12 +89,12 @@ class FpgaProtocol : public ::testing::Test {
     output_.scale = output;
   }
 
-  void Run(Way way, const char* unit = "Other:{Other_7}") {
-    if (way == Way::kObject) {
-      Kernel_FPGA(2, 512, 64).CostVolume_FPGA(&left_, &right_, &output_);
+  void Run(Way way) {
+    const auto one_shot = way == Way::kOneShot ? CostVolume_FPGA : CostVolume_FPGA_old;
+    if (way != Way::kObject) {
+      one_shot(&left_, &right_, &output_, "an.xclbin", "Other:{Other_7}", 2);
     } else {
-      (way == Way::kOneShot ? CostVolume_FPGA : CostVolume_FPGA_old)(&left_, &right_, &output_,
-                                                                     "an.xclbin", unit, 2);
+      Kernel_FPGA(2, 512, 64).CostVolume_FPGA(&left_, &right_, &output_);
     }
   }
 
@@ -130,6 +118,11 @@ class FpgaProtocol : public ::testing::Test {
     }
     return lines;
   }
+  std::string Trace() const {
+    std::string all;
+    for (const std::string& line : board_.trace) all += line + "; ";
+    return all;
+  }
 
   DeviceBoard& board_ = DeviceBoard::Get();
   Frame left_{"left", 2, 8, 32};
@@ -147,58 +140,52 @@ TEST_F(FpgaProtocol, ObjectPreparesOnceAndReleasesKernelBeforeBuffers) {
     board_.Add("end");
   }
   const std::string path = "/lib/firmware/xilinx/k26brannoc/k26brannoc.xclbin; ";
-  EXPECT_THAT(
-      board_.trace,
-      ElementsAreArray(Split(
-          "log: Open the device: 2; device 0x2; log: Load the xclbin " + path + "load_xclbin " +
-          path + "log: Build the kernal " + path + "kernel Corr:{Corr_1} mode 0x1; " +
-          "log: Open successfully ; " + kBuffers + "get_instance; address_of Corr 0; ~handle; " +
-          kAddresses + "open /dev/mem; mmap 0x1000 0x8a0010000; ~device; load 0 0; " + kInputs +
-          kStart + "load 0 0x1; sleep 100000; load 0 0x1; sleep 100000; load 0 0x3; " +
-          "log: FPGA CORR Time Cost: 8.2ms; " + kOutput + "load 0 0x3; " + kInputs + kStart +
-          "load 0 0x3; log: FPGA CORR Time Cost: 8ms; " + kOutput +
-          "end; munmap 0x1000; close; ~kernel; " + kRelease)));
+  EXPECT_EQ(Trace(), "log: Open the device: 2; device 0x2; log: Load the xclbin " + path +
+                         "load_xclbin " + path + "log: Build the kernal " + path +
+                         "kernel Corr:{Corr_1} mode 0x1; " + "log: Open successfully ; " +
+                         kBuffers + "get_instance; address_of Corr 0; ~handle; " + kAddresses +
+                         "open /dev/mem; mmap 0x1000 0x8a0010000; ~device; load 0 0; " + kInputs +
+                         kStart +
+                         "load 0 0x1; sleep 100000; load 0 0x1; sleep 100000; load 0 0x3; " +
+                         "log: FPGA CORR Time Cost: 8.2ms; " + kOutput + "load 0 0x3; " + kInputs +
+                         kStart + "load 0 0x3; log: FPGA CORR Time Cost: 8ms; " + kOutput +
+                         "end; munmap 0x1000; close; ~kernel; " + kRelease);
 }
 
 TEST_F(FpgaProtocol, OneShotBindsItsOwnUnitAndReleasesDeviceLast) {
   const TracedLog log;
   board_.words = {0, 1, 0};
   Run(Way::kOneShot);
-  EXPECT_THAT(
-      board_.trace,
-      ElementsAreArray(Split(
-          kShapes + "log: Open the device: 2; device 0x2; log: Load the xclbin an.xclbin; " +
+  EXPECT_EQ(
+      Trace(),
+      kShapes + "log: Open the device: 2; device 0x2; log: Load the xclbin an.xclbin; " +
           "load_xclbin an.xclbin; log: Build the kernal an.xclbin; log: Cu_name: Corr:{Corr_1}; " +
           "log: TEST CORR; kernel Corr:{Corr_1} mode 0x1; log: Open successfully ; " +
           "log: TEST CORR; " + kBuffers + "log: TEST CORR; " + kAddresses + kAddressLines +
           kInputs + "open /dev/mem; log: 7777; mmap 0x1000 0xa0000000; load 0 0; " + kStart +
           "load 0 0x1; sleep 2000000; load 0 0; log: FPGA CORR Time Cost: 8ms; " + kOutput +
-          "log: 64; munmap 0x1000; close; " + kRelease + "~kernel; ~device; ")));
+          "log: 64; munmap 0x1000; close; " + kRelease + "~kernel; ~device; ");
 }
 
 TEST_F(FpgaProtocol, OldOneShotUsesRuntimeRegistersOfAnExclusiveUnit) {
   const TracedLog log;
   board_.words = {0, 1, 3};
   Run(Way::kOld);
-  EXPECT_THAT(
-      board_.trace,
-      ElementsAreArray(
-          Split(kShapes + "log: Open the device2; device 0x2; log: Load the xclbin an.xclbin; " +
+  EXPECT_EQ(Trace(),
+            kShapes + "log: Open the device2; device 0x2; log: Load the xclbin an.xclbin; " +
                 "load_xclbin an.xclbin; log: Build the kernal an.xclbin; kernel Other:{Other_7} "
                 "mode 0; " +
                 "read_register 0 0; " + kBuffers + kAddresses + kAddressLines + kInputs +
                 "offset 0; write_register 0x40 0x5000; offset 0x1; write_register 0x4c 0x6000; " +
                 "offset 0x2; write_register 0x58 0x7000; offset 0x3; write_register 0x64 0x6; " +
                 "write_register 0 0x1; read_register 0 0x1; sleep 100000; read_register 0 0x3; " +
-                "log: FPGA CORR Time Cost: 11.1ms; " + kOutput + kRelease + "~kernel; ~device; ")));
+                "log: FPGA CORR Time Cost: 11.1ms; " + kOutput + kRelease + "~kernel; ~device; ");
 }
 
 TEST_F(FpgaProtocol, ExponentIsTruncatedAndSaturates) {
   constexpr float kInf = std::numeric_limits<float>::infinity();
-  const struct {
-    float left, right, output;
-    const char *object, *old;  // what is stored; the one-shot stores what the object does
-  } cases[] = {
+  // Scales, and what is stored: by the object and the one-shot, by the old one-shot.
+  const std::tuple<float, float, float, const char*, const char*> cases[] = {
       {0.5F, 0.25F, 0.125F, "0x6", "0x6"},
       {0.1F, 0.1F, 1.0F, "0x6", "0x6"},  // log2(100) = 6.64
       {1.0F, 1.0F, 1.0F, "0", "0"},
@@ -212,13 +199,14 @@ TEST_F(FpgaProtocol, ExponentIsTruncatedAndSaturates) {
       {1e30F, 1e30F, 1e-30F, "0", "0x80000000"},
       {1e30F, 1e-30F, 1e-9F, "0x1d", "0x1d"},
   };
-  for (const auto& c : cases) {
-    SetScales(c.left, c.right, c.output);
+  for (const auto& [left, right, output, object, old] : cases) {
+    SetScales(left, right, output);
     for (const Way way : kWays) {
       EXPECT_EQ(ErrorOf(way, {0}), "");
-      const auto stored = Lines(way == Way::kOld ? "write_register 0x64 " : "store 0x64 ");
-      EXPECT_THAT(stored, ElementsAre(way == Way::kOld ? c.old : c.object))
-          << c.left << ' ' << c.right << ' ' << c.output;
+      const bool is_old = way == Way::kOld;
+      EXPECT_THAT(Lines(is_old ? "write_register 0x64 " : "store 0x64 "),
+                  ElementsAre(is_old ? old : object))
+          << left << ' ' << right << ' ' << output;
     }
   }
 }
@@ -251,26 +239,20 @@ TEST_F(FpgaProtocol, WaitsWhileTheWordIsOneAndSleepsTheRestOfAnInterruptedSleep)
 
 // Limits of nearly as many milliseconds as there are nanoseconds overflowed: every run failed.
 TEST_F(FpgaProtocol, ALimitOfAnySizeIsKept) {
-  const struct {
-    milliseconds limit;
-    std::vector<std::uint32_t> words;
-    const char* error;
-  } cases[] = {
+  const std::string late = "the correlation kernel did not end within ";
+  const std::tuple<milliseconds, std::vector<std::uint32_t>, std::string> cases[] = {
       {milliseconds::max(), {0, 1, 1, 1, 0}, ""},
       {milliseconds(9300000000000), {0, 1, 1, 1, 0}, ""},
-      {milliseconds(3), {0, 1}, "the correlation kernel did not end within 3 ms"},
-      {milliseconds::min(),
-       {0, 1},
-       "the correlation kernel did not end within -9223372036854775808 ms"},
-      {milliseconds(0), {0, 1}, "the correlation kernel did not end within 0 ms"},
+      {milliseconds(3), {0, 1}, late + "3 ms"},
+      {milliseconds::min(), {0, 1}, late + "-9223372036854775808 ms"},
+      {milliseconds(0), {0, 1}, late + "0 ms"},
       {milliseconds(1), {0, 1, 0}, ""},  // one look more after a sleep that outlasted the limit
-      {milliseconds(0), {0, 0}, ""},
       {milliseconds(-1), {0, 0}, ""},
   };
-  for (const auto& c : cases) {
-    SetKernelTimeLimit(c.limit);
-    EXPECT_EQ(KernelTimeLimit(), c.limit);
-    for (const Way way : kWays) EXPECT_EQ(ErrorOf(way, c.words), c.error) << c.limit.count();
+  for (const auto& [limit, words, error] : cases) {
+    SetKernelTimeLimit(limit);
+    EXPECT_EQ(KernelTimeLimit(), limit);
+    for (const Way way : kWays) EXPECT_EQ(ErrorOf(way, words), error);
   }
 }
 
@@ -300,22 +282,18 @@ TEST_F(FpgaProtocol, ARunThatGoesOnKeepsItsBuffersAndItsInputs) {
 }
 
 TEST_F(FpgaProtocol, FailuresOfTheRegisterDeviceSayWhatIsNeeded) {
-  const struct {
-    const char* call;
-    int error;
-    const char* message;
-  } cases[] = {
+  const std::tuple<const char*, int, const char*> cases[] = {
       {"open", EACCES, "(this needs the privileges of the superuser): Permission denied"},
       {"mmap", EPERM, "(this needs the privileges of the superuser): Operation not permitted"},
       {"open", ENOENT,
        "cannot open /dev/mem for the correlation kernel's registers: No such file"}};
-  for (const auto& c : cases) {
-    board_.failing = c.call;
-    board_.error = c.error;
+  for (const auto& [call, error, message] : cases) {
+    board_.failing = call;
+    board_.error = error;
     for (const Way way : {Way::kObject, Way::kOneShot}) {
-      EXPECT_THAT(ErrorOf(way, {0}), HasSubstr(c.message));
+      EXPECT_THAT(ErrorOf(way, {0}), HasSubstr(message));
       EXPECT_THAT(Lines("~bo "), SizeIs(3));
-      EXPECT_THAT(Lines("close"), SizeIs(*c.call == 'm' ? 1 : 0));
+      EXPECT_THAT(Lines("close"), SizeIs(*call == 'm' ? 1 : 0));
     }
   }
 }

@@ -12,7 +12,10 @@
 namespace qx::testing {
 
 struct DeviceBoard {
-  static DeviceBoard& Get();
+  static DeviceBoard& Get() {
+    static DeviceBoard& board = *new DeviceBoard;
+    return board;
+  }
 
   // Every call of the device runtime or the operating system takes a millisecond, a sleep its
   // length, anything else no time; the clocks of the library under test show this time.
@@ -43,7 +46,11 @@ struct DeviceBoard {
   void Call(const Piece&... pieces) {
     if (CallFails(pieces...)) throw std::runtime_error(trace.back());
   }
-  std::uint32_t NextWord();
+  std::uint32_t NextWord() {
+    const std::uint32_t word = words.front();
+    if (words.size() > 1) words.erase(words.begin());
+    return word;
+  }
 };
 
 }  // namespace qx::testing

@@ -25,24 +25,17 @@ inline const char* NameOf(Way way) {
 class StereoMaps {
  public:
   using Frame = velkar::vision::ImageFrameImpl;
+  using Bytes = std::vector<std::uint8_t>;
 
-  explicit StereoMaps(const emulated_board::Geometry& g, unsigned seed = 1) {
-    const std::size_t pixels = std::size_t{g.height} * g.width;
+  explicit StereoMaps(const emulated_board::Geometry& g, unsigned seed = 1)
+      : geometry(g),
+        left_bytes(std::size_t{g.height} * g.width * g.channels),
+        right_bytes(left_bytes.size()),
+        cost(std::size_t{g.height} * g.width * g.disparities, 0xA5) {
     std::mt19937 random(seed);
     for (auto* map : {&left_bytes, &right_bytes}) {
-      map->resize(pixels * g.channels);
       for (auto& byte : *map) byte = static_cast<std::uint8_t>(random());
     }
-    cost.assign(pixels * g.disparities, 0xA5);
-    left = Frame::Create(kQXPixelFormatUint8, left_bytes.data(), g.height, g.width, g.channels);
-    right = Frame::Create(kQXPixelFormatUint8, right_bytes.data(), g.height, g.width, g.channels);
-    output = Frame::Create(kQXPixelFormatUint8, cost.data(), g.height, g.width, g.disparities);
-  }
-
-  void SetScales(float l, float r, float o) {
-    left->scale = l;
-    right->scale = r;
-    output->scale = o;
   }
 
   int input_size() const { return static_cast<int>(left_bytes.size()); }
@@ -62,17 +55,23 @@ class StereoMaps {
   void RunOn(Kernel_FPGA& kernel) { kernel.CostVolume_FPGA(left.get(), right.get(), output.get()); }
 
   // What the processor computes.
-  std::vector<std::uint8_t> Expected() const {
-    std::vector<std::uint8_t> bytes(cost.size());
-    const auto frame = Frame::Create(kQXPixelFormatUint8, bytes.data(), output->Height(),
-                                     output->Width(), output->Channel());
+  Bytes Expected() const {
+    Bytes bytes(cost.size());
+    const auto frame = FrameOf(bytes, geometry.disparities);
     frame->scale = output->scale;
     CostVolume(left.get(), right.get(), frame.get());
     return bytes;
   }
+  std::shared_ptr<Frame> FrameOf(Bytes& bytes, std::uint32_t channels) const {
+    return Frame::Create(kQXPixelFormatUint8, bytes.data(), geometry.height, geometry.width,
+                         channels);
+  }
 
-  std::vector<std::uint8_t> left_bytes, right_bytes, cost;
-  std::shared_ptr<Frame> left, right, output;
+  const emulated_board::Geometry geometry;
+  Bytes left_bytes, right_bytes, cost;
+  const std::shared_ptr<Frame> left = FrameOf(left_bytes, geometry.channels),
+                               right = FrameOf(right_bytes, geometry.channels);
+  std::shared_ptr<Frame> output = FrameOf(cost, geometry.disparities);
 };
 
 // Settings of a board for small maps whose runs end before the first look at the control word;
