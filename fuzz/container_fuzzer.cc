@@ -21,22 +21,6 @@ using velkar::vision::ImageFrameImpl;
 
 constexpr std::size_t kMostBytes = 1 << 16;  // of a buffer: larger kernels are loaded, not run
 
-// A file in memory, under a path of its own.
-class File {
- public:
-  explicit File(const std::string& text) : fd_(memfd_create("container", MFD_CLOEXEC)) {
-    Require(fd_ >= 0 && write(fd_, text.data(), text.size()) == static_cast<ssize_t>(text.size()));
-  }
-  ~File() { close(fd_); }
-  File(const File&) = delete;
-  File& operator=(const File&) = delete;
-
-  std::string Path() const { return "/proc/self/fd/" + std::to_string(fd_); }
-
- private:
-  int fd_;
-};
-
 void RunOnce(const qx::platform::Container& container, const std::string& path) {
   const auto& g = container.geometry;
   const std::size_t pixels = std::size_t{g.height} * g.width;
@@ -71,8 +55,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     qx::emulated_board::SetSettings(settings);
     return true;
   }();
-  const File file(text);
-  Require(ready && qx::platform::Board::Get().Load(file.Path()) != 0);
-  RunOnce(container, file.Path());
+  static const int file = memfd_create("container", MFD_CLOEXEC);
+  static const std::string path = "/proc/self/fd/" + std::to_string(file);
+  Require(ftruncate(file, 0) == 0 && pwrite(file, data, size, 0) == static_cast<ssize_t>(size));
+  Require(ready && qx::platform::Board::Get().Load(path) != 0);
+  RunOnce(container, path);
   return 0;
 }

@@ -321,16 +321,9 @@ TEST_F(FpgaProtocol, BadSizesAreRefusedBeforeAnythingIsOpened) {
 }
 
 TEST_F(FpgaProtocol, OneShotsEndTheProcessForFramesThatDoNotFit) {
+  right_.SetShape(1, 1, 512, 1024);
   for (const Way way : {Way::kOneShot, Way::kOld}) {
-    right_.SetShape(1, 1, 512, 1024);
-    EXPECT_DEATH(Run(way),
-                 "Check failed: input_l->DataSize\\(\\) == input_r->DataSize\\(\\) "
-                 "\\(512 vs. 1024\\) ?The two inputs' size not same, please check\\.");
-    right_.pixel_format = kQXPixelFormatGray8;
-    EXPECT_DEATH(Run(way),
-                 "Check failed: QXPixelFormat::kQXPixelFormatUint8 == input_l->pixel_format && "
-                 ".*output->pixel_format input_l, input_r, output pixel format must be Uint8 17");
-    right_.pixel_format = kQXPixelFormatUint8;
+    EXPECT_DEATH(Run(way), "\\(512 vs. 1024\\) ?The two inputs' size not same, please check\\.");
   }
 }
 
