@@ -26,7 +26,11 @@ long CountEntries(const char* folder) {
 
 Sample TakeSample() {
   malloc_trim(0);
+#if __GLIBC_PREREQ(2, 33)
   const struct mallinfo2 heap = mallinfo2();
+#else
+  const struct mallinfo heap = mallinfo();  // in 32 bits, which is enough for differences here
+#endif
   std::ifstream statm("/proc/self/statm");
   long total = 0, resident = 0;
   statm >> total >> resident;

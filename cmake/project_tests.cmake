@@ -33,9 +33,3 @@ add_test(NAME system_runtime COMMAND ${CMAKE_COMMAND} -G ${CMAKE_GENERATOR} -S $
          -B ${PROJECT_BINARY_DIR}/system_runtime -DQXTOOLS_DEVICE_RUNTIME=system)
 set_tests_properties(system_runtime PROPERTIES
   TIMEOUT 120 PASS_REGULAR_EXPRESSION "set QXTOOLS_BUILD_TESTS=OFF")
-if(QXTOOLS_BUILD_BENCH)
-  project_test(cameras "python3;ffmpeg"
-    test-cameras.sh --gate $<TARGET_FILE:camera_reader> ${QXTOOLS_CLIPS_DIR})
-  # The longest of the tests, and hardly any work for the processor: it begins with the first.
-  set_tests_properties(cameras PROPERTIES FIXTURES_REQUIRED clips COST 1000)
-endif()

@@ -17,12 +17,12 @@ trap 'rm -rf "$work"' EXIT
 # The peers end when nothing holds the other end of their standard input any more.
 mkfifo "$work/alive"
 exec 9<>"$work/alive"
-peers=("serve build/clips/left.h264" 'fault describe close' 'fault play close'
-  'fault stream silent' 'fault stream trickle' 'fault stream garbage')
+peers=('rtsp_camera.py build/clips/left.h264' 'rtsp_faults.py describe close' 'rtsp_faults.py play close'
+  'rtsp_faults.py stream silent' 'rtsp_faults.py stream trickle' 'rtsp_faults.py stream garbage')
 urls=()
 for i in "${!peers[@]}"; do
   # shellcheck disable=SC2086 # words of a command
-  tests/testing/rtsp_server.py ${peers[i]} <"$work/alive" >"$work/port$i" 2>/dev/null 9>&- &
+  tests/testing/${peers[i]} <"$work/alive" >"$work/port$i" 2>/dev/null 9>&- &
 done
 for i in "${!peers[@]}"; do
   for _ in {1..100}; do

@@ -1,10 +1,8 @@
 // The demuxer against RTSP peers that play, pause, die, freeze or misbehave at each stage.
 #include <signal.h>
 
-#include <atomic>
 #include <chrono>
 #include <functional>
-#include <list>
 #include <thread>
 
 #include "qxtools/ffmpeg_demuxer.h"
@@ -47,8 +45,7 @@ struct Fault {
 
 void ExpectFault(const Fault& row) {
   const std::size_t blank = row.name.find(' ');
-  const RtspPeer server(
-      {"rtsp_server.py", "fault", row.name.substr(0, blank), row.name.substr(blank + 1)});
+  const RtspPeer server({"rtsp_faults.py", row.name.substr(0, blank), row.name.substr(blank + 1)});
   ASSERT_TRUE(server.started());
   FfmpegDemuxer demuxer;
   auto begin = steady_clock::now();
@@ -112,120 +109,6 @@ TEST(Rtsp, SaysWhenThereIsNobodyToTalkTo) {
   }
 }
 
-// The NAL units of an Annex B packet, whatever the start codes' length.
-std::string Units(const StreamPacket& packet) {
-  const std::string bytes(reinterpret_cast<const char*>(packet.data), packet.size);
-  std::string units;
-  std::size_t zeros = 0;
-  for (const char c : bytes) {
-    zeros = c == 0 ? zeros + 1 : 0;
-    units += c;
-    if (c == 1 && units.size() > 3 &&
-        units.compare(units.size() - 4, 4, std::string("\0\0\0\1", 4)) == 0) {
-      units.erase(units.size() - 4, 1);
-    }
-  }
-  return units;
-}
-
-std::vector<std::string> PicturesOf(const std::string& clip) {
-  FfmpegDemuxer demuxer;
-  EXPECT_EQ(demuxer.Open(kClips + clip, {}), 0);
-  std::vector<std::string> pictures;
-  while (const auto packet = demuxer.ReadFrame()) pictures.push_back(Units(*packet));
-  return pictures;
-}
-
-struct Camera {
-  std::string name;
-  std::vector<std::string> options;
-  int pictures;             // to be read
-  milliseconds open_limit;  // of SetTimeLimit(), during Open()
-  milliseconds read_limit;  // and afterwards
-  milliseconds cancel;      // Cancel() in these intervals
-};
-
-// Calls Cancel() again and again, from a thread of its own.
-class Canceller {
- public:
-  Canceller(FfmpegDemuxer& demuxer, milliseconds interval) {
-    if (interval.count() == 0) return;
-    thread_ = std::thread([this, &demuxer, interval] {
-      while (!done_) {
-        std::this_thread::sleep_for(interval);
-        demuxer.Cancel();
-      }
-    });
-  }
-  ~Canceller() {
-    done_ = true;
-    if (thread_.joinable()) thread_.join();
-  }
-
- private:
-  std::atomic<bool> done_{false};
-  std::thread thread_;
-};
-
-void ExpectEveryPicture(const Camera& row, const std::vector<std::string>& pictures) {
-  std::vector<std::string> arguments = {"rtsp_camera.py", kClips + "left.h264"};
-  arguments.insert(arguments.end(), row.options.begin(), row.options.end());
-  const RtspPeer camera(arguments);
-  ASSERT_TRUE(camera.started());
-  FfmpegDemuxer demuxer;
-  demuxer.SetTimeLimit(row.open_limit);
-  auto begin = steady_clock::now();
-  ASSERT_EQ(demuxer.Open(camera.url(), {}), 0);
-  EXPECT_LT(steady_clock::now() - begin, seconds(8));
-  demuxer.SetTimeLimit(row.read_limit);
-  const bool in_pieces = row.read_limit.count() + row.cancel.count() > 0;
-  const Canceller canceller(demuxer, row.cancel);
-  const auto end = steady_clock::now() + seconds(60);
-  for (int i = 0; i < row.pictures;) {
-    begin = steady_clock::now();
-    const auto packet = demuxer.ReadFrame();
-    const auto took = steady_clock::now() - begin;
-    EXPECT_TRUE(!in_pieces || took < seconds(2));
-    EXPECT_EQ(packet != nullptr, demuxer.LastFault() == DemuxerFault::kNone);
-    demuxer.ClearCancel();
-    if (packet == nullptr) {
-      ASSERT_TRUE(in_pieces && steady_clock::now() < end) << i << " pictures";
-      continue;
-    }
-    ASSERT_EQ(Units(*packet), pictures[static_cast<std::size_t>(i) % pictures.size()]) << i;
-    EXPECT_FALSE(PacketTimesOf(packet)->discontinuity);
-    ++i;
-  }
-}
-
-// FFmpeg's interruption threw away what a call had read: after a limit or a cancel pictures were
-// missing or cut short, or nothing came any more. And audio did not count as a sign of life.
-TEST(Rtsp, LimitsAndCancelsCostNoPicture) {
-  const milliseconds none(0);
-  const std::vector<Camera> rows = {
-      {"audio goes on while the video pauses",
-       {"--audio", "--pause", "40:11"},
-       50,
-       none,
-       none,
-       none},
-      {"short limits", {}, 150, none, milliseconds(20), none},
-      {"a limit while probing", {"--fps", "5"}, 20, milliseconds(600), none, none},
-      {"cancelled again and again", {}, 150, none, none, milliseconds(30)},
-      {"a picture a second", {"--fps", "1"}, 12, none, none, none},
-      {"a stall within a packet", {"--stall", "40:2"}, 80, none, milliseconds(150), none},
-      {"a slow link", {"--bandwidth", "4000"}, 8, none, milliseconds(150), none},
-      {"a link that is almost fast enough",
-       {"--bandwidth", "60000"},
-       40,
-       none,
-       none,
-       milliseconds(250)},
-  };
-  const std::vector<std::string> pictures = PicturesOf("left.h264");
-  ForAllAtOnce(rows, [&pictures](const Camera& row) { ExpectEveryPicture(row, pictures); });
-}
-
 // Times of pictures are those of the RTP packets; wall clocks were off by a picture, and by half a
 // day after the RTP clock had wrapped around.
 TEST(Rtsp, PicturesTellTheSendersClock) {
@@ -253,8 +136,8 @@ TEST(Rtsp, PicturesTellTheSendersClock) {
 }
 
 TEST(Rtsp, PlaysTheVideoAndSkipsTheAudioBeforeIt) {
-  RtspPeer server({"rtsp_server.py", "serve", kClips + "left.h264", "--audio"});
-  START_OR_SKIP(server);
+  const RtspPeer server({"rtsp_camera.py", kClips + "left.h264", "--audio"});
+  ASSERT_TRUE(server.started());
   FfmpegDemuxer demuxer;
   const LogCapture log;
   ASSERT_EQ(demuxer.Open(server.url(), {}), 0);
@@ -269,8 +152,8 @@ TEST(Rtsp, PlaysTheVideoAndSkipsTheAudioBeforeIt) {
 
 // Reads until the server that got `signal` in mid-stream is noticed, then opens another input.
 void ExpectNoticed(int signal, DemuxerFault fault) {
-  RtspPeer server({"rtsp_server.py", "serve", kClips + "left.h264"});
-  START_OR_SKIP(server);
+  const RtspPeer server({"rtsp_camera.py", kClips + "left.h264"});
+  ASSERT_TRUE(server.started());
   FfmpegDemuxer demuxer;
   ASSERT_EQ(demuxer.Open(server.url(), {}), 0);
   ASSERT_NE(demuxer.ReadFrame(), nullptr);
@@ -288,7 +171,7 @@ TEST(Rtsp, NoticesAKilledServer) { ExpectNoticed(SIGKILL, DemuxerFault::kClosedB
 TEST(Rtsp, NoticesAFrozenServer) { ExpectNoticed(SIGSTOP, DemuxerFault::kTimedOut); }
 
 TEST(Rtsp, TimeLimitAndCancelEndAWait) {
-  const RtspPeer server({"rtsp_server.py", "fault", "describe", "silent"});
+  const RtspPeer server({"rtsp_faults.py", "describe", "silent"});
   ASSERT_TRUE(server.started());
   FfmpegDemuxer demuxer;
   demuxer.SetTimeLimit(milliseconds(300));

@@ -1,14 +1,14 @@
 // Reads a camera that sends a raw file over and over, and compares what comes with the file.
 //
 // usage: camera_reader read WHO URL FILE [--pictures N] [--seconds S] [--rate R] [--limit MS]
-//                                         [--cancel-every MS] [--loose]
+//                                         [--open-limit MS] [--cancel-every MS] [--loose]
 //        camera_reader endure MINUTES FILE RATE URL... [--loose URL...]
 //
 // read    WHO is `library` (FfmpegDemuxer), `bare` (a loop over FFmpeg's own calls with the same
 //         options), `both` at the same time, or `reconnecting` (ReconnectingDemuxer). Ends after N
-//         pictures or S seconds and prints one line of JSON for each reader. --limit:
-//         SetTimeLimit() after opening; --cancel-every: Cancel(), and ClearCancel() after 20 or
-//         120 ms; --loose: slices alone are compared.
+//         pictures or S seconds and prints one line of JSON for each reader. --limit and
+//         --open-limit: SetTimeLimit() after opening and before; --cancel-every: Cancel(), and
+//         ClearCancel() after 20 or 120 ms; --loose: slices alone are compared.
 // endure  reads all cameras through ReconnectingDemuxer and prints every minute what the process
 //         holds. Ends with what was read of each, and status 1 when something has grown or is
 //         wrong.
@@ -76,6 +76,7 @@ struct Options {
   double seconds = 30;
   double rate = 25;
   milliseconds limit{0};
+  milliseconds open_limit{0};
   milliseconds cancel_every{0};
 };
 
@@ -95,8 +96,7 @@ class Reader {
   virtual bool Open(const Options& options) = 0;
   // Returns: whether a packet came; it has been compared.
   virtual bool Read(Comparison& comparison) = 0;
-  virtual const char* fault() const { return "none"; }
-  virtual bool cancelled() const { return false; }
+  virtual DemuxerFault fault() const { return DemuxerFault::kNone; }
   virtual void Cancel() {}
   virtual void ClearCancel() {}
 };
@@ -104,6 +104,7 @@ class Reader {
 class LibraryReader : public Reader {
  public:
   bool Open(const Options& options) override {
+    demuxer_.SetTimeLimit(options.open_limit);
     const bool open = demuxer_.Open(options.url, {}) == 0;
     demuxer_.SetTimeLimit(options.limit);
     return open;
@@ -113,8 +114,7 @@ class LibraryReader : public Reader {
     if (packet) Compare(comparison, packet);
     return packet != nullptr;
   }
-  const char* fault() const override { return NameOf(demuxer_.LastFault()); }
-  bool cancelled() const override { return demuxer_.LastFault() == DemuxerFault::kCancelled; }
+  DemuxerFault fault() const override { return demuxer_.LastFault(); }
   void Cancel() override { demuxer_.Cancel(); }
   void ClearCancel() override { demuxer_.ClearCancel(); }
 
@@ -133,7 +133,7 @@ class ReconnectingReader : public Reader {
     if (packet) Compare(comparison, packet);
     return packet != nullptr;
   }
-  const char* fault() const override { return NameOf(demuxer_.LastFault()); }
+  DemuxerFault fault() const override { return demuxer_.LastFault(); }
   void Cancel() override { demuxer_.Cancel(); }
 
  private:
@@ -185,6 +185,7 @@ struct Run {
   double open_ms = 0, first_ms = 0, longest_ms = 0, cancel_ms = 0, all_ms = 0;
   std::size_t empty = 0;  // calls without a packet
   std::size_t cancels = 0;
+  std::size_t wrong_faults = 0;  // calls that gave a packet and a fault
   bool open = false;
   std::string fault = "none";  // of the last such call
 };
@@ -241,7 +242,7 @@ Run Follow(Reader& reader, const Options& options, Comparison& comparison) {
   const auto begin = Clock::now();
   run.open = reader.Open(options);
   run.open_ms = MillisecondsSince(begin);
-  if (!run.open) run.fault = reader.fault();
+  if (!run.open) run.fault = NameOf(reader.fault());
   while (run.open && comparison.packets < options.pictures &&
          MillisecondsSince(begin) < options.seconds * 1000) {
     const auto call = Clock::now();
@@ -249,10 +250,11 @@ Run Follow(Reader& reader, const Options& options, Comparison& comparison) {
     run.longest_ms = std::max(run.longest_ms, MillisecondsSince(call));
     if (packet && comparison.packets == 1) run.first_ms = MillisecondsSince(begin);
     if (packet) canceller.Start();
+    if (packet && reader.fault() != DemuxerFault::kNone) ++run.wrong_faults;
     if (packet) continue;
     ++run.empty;
-    run.fault = reader.fault();
-    if (!reader.cancelled()) continue;
+    run.fault = NameOf(reader.fault());
+    if (reader.fault() != DemuxerFault::kCancelled) continue;
     ++run.cancels;
     run.cancel_ms = std::max(run.cancel_ms, canceller.WaitUntilCleared());
   }
@@ -266,10 +268,12 @@ void Print(const char* who, const Run& run, const Comparison& read) {
       "{\"who\": \"%s\", \"open\": %s, \"fault\": \"%s\", \"packets\": %zu, \"different\": %zu, "
       "\"missing\": %zu, \"gaps\": %zu, \"cut\": %zu, \"wrong_keys\": %zu, \"without_time\": %zu, "
       "\"worst_time_ms\": %.3f, \"open_ms\": %.1f, \"first_ms\": %.1f, \"longest_ms\": %.1f, "
-      "\"empty\": %zu, \"cancels\": %zu, \"cancel_ms\": %.1f, \"all_ms\": %.1f}\n",
+      "\"wrong_faults\": %zu, \"empty\": %zu, \"cancels\": %zu, \"cancel_ms\": %.1f, \"all_ms\": "
+      "%.1f}\n",
       who, run.open ? "true" : "false", run.fault.c_str(), read.packets, read.different,
       read.missing, read.gaps, read.cut, read.wrong_keys, read.without_time, read.worst_time * 1e3,
-      run.open_ms, run.first_ms, run.longest_ms, run.empty, run.cancels, run.cancel_ms, run.all_ms);
+      run.open_ms, run.first_ms, run.longest_ms, run.wrong_faults, run.empty, run.cancels,
+      run.cancel_ms, run.all_ms);
 }
 
 template <typename Kind>
@@ -294,6 +298,7 @@ int ReadCommand(int argc, char** argv) {
     if (name == "--seconds") options.seconds = value;
     if (name == "--rate") options.rate = value;
     if (name == "--limit") options.limit = milliseconds(static_cast<int>(value));
+    if (name == "--open-limit") options.open_limit = milliseconds(static_cast<int>(value));
     if (name == "--cancel-every") options.cancel_every = milliseconds(static_cast<int>(value));
   }
   const CameraClip clip(argv[4], loose);

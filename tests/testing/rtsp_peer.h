@@ -1,14 +1,12 @@
 // RTSP peers for tests: tests/testing/rtsp_*.py.
 #pragma once
 
-#include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <stdexcept>
 #include <string>
-#include <utility>
 #include <vector>
 
 namespace qx {
@@ -52,11 +50,6 @@ class RtspPeer {
 
   void Signal(int number) const { kill(pid_, number); }
   bool started() const { return !port_.empty(); }
-  bool Missing() {
-    int status = 0;
-    waitpid(std::exchange(pid_, 0), &status, 0);
-    return WIFEXITED(status) && WEXITSTATUS(status) == 77;
-  }
   std::string port() const { return port_; }
   std::string url() const { return "rtsp://127.0.0.1:" + port_ + "/cam"; }
 
@@ -68,9 +61,3 @@ class RtspPeer {
 
 }  // namespace testing
 }  // namespace qx
-
-#define START_OR_SKIP(server)                                                    \
-  if (!(server).started()) {                                                     \
-    ASSERT_TRUE((server).Missing()) << "the RTSP server does not start";         \
-    GTEST_SKIP() << "python3-gi or gir1.2-gst-rtsp-server-1.0 is not installed"; \
-  }

@@ -1,14 +1,7 @@
 #!/usr/bin/python3
-"""RTSP peers on the loopback interface for the tests.
+"""A scripted RTSP peer on the loopback interface: answers the requests before STAGE, and then does ACTION.
 
-  rtsp_server.py serve FILE [--audio] [--described] [--port N] [--auth basic|digest]
-                                        a real server: plays a raw H.264 file over and over, as fast
-                                        as it is read, or the video of an MKV file once, at its own
-                                        pace; --audio offers a tone as stream 0; --described keeps
-                                        the parameter sets of an MKV file out of the stream; --auth
-                                        asks for the user operator with the password secret
-  rtsp_server.py fault STAGE ACTION     a scripted peer that answers the requests before STAGE and
-                                        does ACTION there
+usage: rtsp_faults.py STAGE ACTION
 
 STAGE:  accept options describe setup play stream (after PLAY was answered)
 ACTION: silent     says nothing and keeps the connection
@@ -20,10 +13,8 @@ ACTION: silent     says nothing and keeps the connection
                    would end an answer sooner or later, depending on how fast the bytes are read
         huge       announces a body of 2 GB and sends it slowly
         badsdp     answers with a session description that is none, and goes on
-Prints the port once it listens. Ends with its standard input; ends at once with status 77 where
-GStreamer's RTSP server is not installed.
+Prints the port once it listens. Ends with its standard input.
 """
-import argparse
 import os
 import random
 import socket
@@ -112,74 +103,9 @@ def fault(stage, action):
         threading.Thread(target=converse, args=(peer, stage, action), daemon=True).start()
 
 
-def video_source(path, number, described):
-    """The elements that make RTP payloads of `path`, as stream `number`."""
-    interval = 0 if described else -1
-    if not path.endswith('.mkv'):
-        return ('multifilesrc location="%s" loop=true ! h264parse ! rtph264pay config-interval=-1 pt=96 name=pay%d'
-                % (path, number))
-    codec = 'h265' if 'hevc' in os.path.basename(path) else 'h264'
-    return ('filesrc location="%s" ! matroskademux ! queue ! %sparse ! rtp%spay config-interval=%d pt=96 name=pay%d'
-            % (path, codec, codec, interval, number))
-
-
-def ask_for_password(server, factory, how, GstRtsp, GstRtspServer):
-    auth = GstRtspServer.RTSPAuth()
-    auth.set_supported_methods(GstRtsp.RTSPAuthMethod.BASIC if how == 'basic' else GstRtsp.RTSPAuthMethod.DIGEST)
-    token = GstRtspServer.RTSPToken()
-    token.set_string('media.factory.role', 'operator')
-    if how == 'basic':
-        auth.add_basic(GstRtspServer.RTSPAuth.make_basic('operator', 'secret'), token)
-    else:
-        auth.add_digest('operator', 'secret', token)
-    server.set_auth(auth)
-    permissions = GstRtspServer.RTSPPermissions()
-    for name in ('media.factory.access', 'media.factory.construct'):
-        permissions.add_permission_for_role('operator', name, True)
-    factory.set_permissions(permissions)
-
-
-def serve(args):
-    try:
-        import gi
-        gi.require_version('Gst', '1.0')
-        gi.require_version('GstRtsp', '1.0')
-        gi.require_version('GstRtspServer', '1.0')
-    except (ImportError, ValueError):
-        sys.exit(77)
-    from gi.repository import GLib, Gst, GstRtsp, GstRtspServer
-    Gst.init(None)
-    tone = ('audiotestsrc is-live=true ! audio/x-raw,rate=8000,channels=1 ! mulawenc ! rtppcmupay pt=0 name=pay0'
-            if args.audio else '')
-    factory = GstRtspServer.RTSPMediaFactory()
-    factory.set_launch('( %s %s )' % (video_source(args.file, args.audio, args.described), tone))
-    server = GstRtspServer.RTSPServer()
-    server.set_address('127.0.0.1')
-    server.set_service(args.port)
-    if args.auth:
-        ask_for_password(server, factory, args.auth, GstRtsp, GstRtspServer)
-    server.get_mount_points().add_factory('/cam', factory)
-    server.attach(None)
-    print(server.get_bound_port(), flush=True)
-    GLib.MainLoop().run()
-
-
-def serve_arguments():
-    parser = argparse.ArgumentParser()
-    parser.add_argument('file')
-    parser.add_argument('--audio', action='store_true')
-    parser.add_argument('--described', action='store_true')
-    parser.add_argument('--port', default='0')
-    parser.add_argument('--auth', choices=('basic', 'digest'))
-    return parser.parse_args(sys.argv[2:])
-
-
 def main():
     threading.Thread(target=lambda: (sys.stdin.read(), os._exit(0)), daemon=True).start()
-    if sys.argv[1] == 'serve':
-        serve(serve_arguments())
-    else:
-        fault(sys.argv[2], sys.argv[3])
+    fault(sys.argv[1], sys.argv[2])
 
 
 main()
