@@ -193,7 +193,7 @@ void AddDecode(CLI::App& app) {
       "packets are skipped; they and pictures with concealed errors are counted on standard "
       "error.\n"
       "A stream is recorded until --frames or --duration, SIGINT (Ctrl-C), SIGTERM or SIGHUP ends\n"
-      "it, or until it is lost: the file then holds all whole pictures. A second signal discards "
+      "it, or until it is lost: the file then holds all whole pictures. A second signal discards\n"
       "them.\n\n"
       "Examples:\n"
       "  qxtools decode clip.mp4 -o clip.y4m\n"

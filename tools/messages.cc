@@ -1,6 +1,7 @@
 #include "tools/messages.h"
 
 #include <glog/logging.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <regex>
@@ -38,7 +39,9 @@ void PrintMessage(const std::string& text) {
   for (char& c : line) {
     if (c == '\n' || c == '\r') c = ' ';
   }
-  std::fprintf(stderr, "qxtools: %s\n", line.c_str());
+  // A progress line may stand there.
+  const char* const clear = isatty(STDERR_FILENO) != 0 ? "\r\033[K" : "";
+  std::fprintf(stderr, "%sqxtools: %s\n", clear, line.c_str());
 }
 
 void PrintWarning(const std::string& text) { PrintMessage("warning: " + text); }

@@ -192,8 +192,8 @@ void AddStereo(CLI::App& app) {
   stereo->footer(
       "For each frame the folder receives disparity-NNNN.png, in colour with a legend of 36 rows\n"
       "below the picture, and disparity-NNNN.pgm, 16 bits per pixel, most significant byte first:\n"
-      "  value = disparity in pixels * 256, rounded, but at least 1: 1 also means 0 pixels, which\n"
-      "          is infinitely far away; the largest is (N - 1) * 256. 0 does not occur.\n"
+      "  value = disparity in pixels * 256, rounded, but at least 1, which also stands for 0\n"
+      "          pixels (infinitely far away); at most (N - 1) * 256\n"
       "  depth = focal length in pixels * distance of the cameras * 256 / value\n"
       "Both are without gaps: where the two pictures give no reliable match, the surroundings "
       "fill\n"
