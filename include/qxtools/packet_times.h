@@ -26,8 +26,10 @@ constexpr std::int64_t kNoTime = INT64_MIN;
 // may be negative. Pictures are shown in the order of `presentation` and stored in that of
 // `decoding`.
 struct PacketTimes {
-  std::int64_t presentation;  // kNoTime in raw byte streams, which hold no times
-  std::int64_t decoding;      // likewise
+  // kNoTime in raw byte streams, which hold no times, and for an RTSP picture whose time FFmpeg
+  // does not know: the first of a connection, and the first after 3 s without a byte.
+  std::int64_t presentation;
+  std::int64_t decoding;  // likewise
   std::int32_t time_base_num;
   std::int32_t time_base_den;
   bool key;  // decoding can begin at this packet

@@ -49,6 +49,8 @@ class DemuxerInput {
   bool lost() const { return lost_; }
   // Keeps the wall clock of the next packet. Returns: what was kept for this one.
   std::int64_t ExchangeWallClock(std::int64_t next) { return std::exchange(wall_clock_, next); }
+  // Returns: whether this is the first call; it is for the first picture that is handed out.
+  bool TakeFirstPicture() { return std::exchange(first_picture_, false); }
   InputKind kind() const { return kind_; }
   AVFormatContext* context() const { return context_; }
 
@@ -74,6 +76,7 @@ class DemuxerInput {
   bool probing_cut_ = false;
   std::atomic<bool> abandoned_{false};  // some of FFmpeg's protocols ask on a thread of their own
   bool lost_ = false;
+  bool first_picture_ = true;
   std::int64_t wall_clock_ = AV_NOPTS_VALUE;
 };
 

@@ -58,6 +58,10 @@ inline void FlushFilter([[maybe_unused]] AVBSFContext* filter) {
 #endif
 }
 
+// FFmpeg's parser gives no time to the first picture of an RTSP connection. Generations before
+// libavformat 59 then make one up, which lies some pictures later.
+constexpr bool kInventsFirstTime = LIBAVFORMAT_VERSION_MAJOR < 59;
+
 // Gives a packet on the stack FFmpeg's initial values. Generations from libavcodec 59 on call the
 // function deprecated and keep it.
 inline void InitPacket(AVPacket& packet) {

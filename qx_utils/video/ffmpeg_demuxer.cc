@@ -133,6 +133,9 @@ std::int64_t WallClockOf(AVPacket& packet, DemuxerInput& input) {
 }
 
 internal::PacketStamp StampFor(AVPacket& packet, DemuxerInput& input, InputWatch& watch) {
+  if (input.TakeFirstPicture() && internal::kInventsFirstTime && input.kind() == InputKind::kRtsp) {
+    packet.pts = packet.dts = AV_NOPTS_VALUE;
+  }
   const AVRational unit = input.context()->streams[packet.stream_index]->time_base;
   return {unit.num, unit.den, watch.TakeGap(), WallClockOf(packet, input)};
 }
