@@ -26,8 +26,7 @@ extern "C" {
 }
 #endif
 
-namespace qx {
-namespace bench {
+namespace qx::bench {
 namespace {
 
 using utils::image::ArgbRuns;
@@ -157,8 +156,7 @@ void Compare(int width, int height, bool bgr) {
 }
 
 }  // namespace
-}  // namespace bench
-}  // namespace qx
+}  // namespace qx::bench
 
 int main() {
   for (const bool bgr : {false, true}) {

@@ -19,8 +19,7 @@
 #include "qx_utils/image/kernels/cost_volume.h"
 #include "qx_utils/internal/cpu_features.h"
 
-namespace qx {
-namespace bench {
+namespace qx::bench {
 namespace {
 
 using utils::image::ComputeCostVolume;
@@ -167,7 +166,6 @@ int Main(int argc, char** argv) {
 }
 
 }  // namespace
-}  // namespace bench
-}  // namespace qx
+}  // namespace qx::bench
 
 int main(int argc, char** argv) { return qx::bench::Main(argc, argv); }

@@ -10,8 +10,7 @@
 #include <arm_neon.h>
 #endif
 
-namespace qx {
-namespace bench {
+namespace qx::bench {
 namespace {
 
 using utils::image::CostVolumeJob;
@@ -87,5 +86,4 @@ void ElementByElement(const CostVolumeJob& job, std::size_t rows) {
   }
 }
 
-}  // namespace bench
-}  // namespace qx
+}  // namespace qx::bench

@@ -8,8 +8,7 @@
 #include <oneapi/dnnl/dnnl.h>
 #endif
 
-namespace qx {
-namespace bench {
+namespace qx::bench {
 
 #if defined(QXTOOLS_HAVE_ONEDNN)
 
@@ -42,5 +41,4 @@ void OnednnBands::Run(const utils::image::CostVolumeJob& /*job*/, std::size_t /*
 
 #endif
 
-}  // namespace bench
-}  // namespace qx
+}  // namespace qx::bench

@@ -2,8 +2,7 @@
 
 #include "bench/cost_volume_rivals.h"
 
-namespace qx {
-namespace bench {
+namespace qx::bench {
 
 #if defined(__x86_64__)
 
@@ -39,5 +38,4 @@ double PeakMacsPerSecond() { return 0; }
 
 #endif
 
-}  // namespace bench
-}  // namespace qx
+}  // namespace qx::bench

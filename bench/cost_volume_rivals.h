@@ -7,8 +7,7 @@
 
 #include "qx_utils/image/kernels/cost_volume.h"
 
-namespace qx {
-namespace bench {
+namespace qx::bench {
 
 // The loop as an ordinary implementer writes it: for every row, disparity and column a dot product
 // of 32 bytes per step, into one float per element; then a second pass that quantises. Rows, and
@@ -40,5 +39,4 @@ class OnednnBands {
 // processor has none.
 double PeakMacsPerSecond();
 
-}  // namespace bench
-}  // namespace qx
+}  // namespace qx::bench

@@ -18,8 +18,7 @@ extern "C" {
 }
 #endif
 
-namespace qx {
-namespace bench {
+namespace qx::bench {
 namespace {
 
 struct Copy {
@@ -92,8 +91,7 @@ void Compare(int width, int height, int dst_pitch) {
 }
 
 }  // namespace
-}  // namespace bench
-}  // namespace qx
+}  // namespace qx::bench
 
 int main() {
   qx::bench::Compare(640, 480, 768);

@@ -10,8 +10,7 @@
 #include <numeric>
 #include <random>
 
-namespace qx {
-namespace bench {
+namespace qx::bench {
 namespace {
 
 // One run takes at least this long, by repetition, to stay clear of the clock's own cost.
@@ -92,5 +91,4 @@ Pages MakePages(std::size_t bytes) {
   return {data, std::free};
 }
 
-}  // namespace bench
-}  // namespace qx
+}  // namespace qx::bench

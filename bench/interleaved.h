@@ -8,8 +8,7 @@
 #include <string>
 #include <vector>
 
-namespace qx {
-namespace bench {
+namespace qx::bench {
 
 struct Contender {
   std::string name;
@@ -32,5 +31,4 @@ void Require(bool good, const std::string& what);
 using Pages = std::unique_ptr<std::uint8_t[], void (*)(void*)>;
 Pages MakePages(std::size_t bytes);
 
-}  // namespace bench
-}  // namespace qx
+}  // namespace qx::bench

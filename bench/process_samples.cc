@@ -9,8 +9,7 @@
 #include <fstream>
 #include <iterator>
 
-namespace qx {
-namespace bench {
+namespace qx::bench {
 namespace {
 
 long CountEntries(const char* folder) {
@@ -61,5 +60,4 @@ bool Judge(const std::vector<Sample>& samples) {
   return flat;
 }
 
-}  // namespace bench
-}  // namespace qx
+}  // namespace qx::bench

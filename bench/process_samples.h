@@ -5,8 +5,7 @@
 #include <cstddef>
 #include <vector>
 
-namespace qx {
-namespace bench {
+namespace qx::bench {
 
 struct Sample {
   static constexpr std::size_t kCount = 5;
@@ -24,5 +23,4 @@ Sample TakeSample();
 // of the last quarter is above the most of the first. Returns: whether nothing grew.
 bool Judge(const std::vector<Sample>& samples);
 
-}  // namespace bench
-}  // namespace qx
+}  // namespace qx::bench

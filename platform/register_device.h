@@ -12,8 +12,7 @@
 #include <ctime>
 #include <string>
 
-namespace qx {
-namespace platform {
+namespace qx::platform {
 
 int Open(const char* path, int flags);                                                 // open
 void* Map(std::size_t bytes, int protection, int flags, int fd, off_t physical_addr);  // mmap
@@ -29,5 +28,4 @@ void StoreRegister(volatile std::uint32_t* reg, std::uint32_t value);
 // and drops the handle again. The runtime reports failure by throwing.
 std::uint64_t ComputeUnitBaseAddress(const std::string& kernel, std::size_t core);
 
-}  // namespace platform
-}  // namespace qx
+}  // namespace qx::platform

@@ -4,8 +4,7 @@
 
 #include <cstdint>
 
-namespace qx {
-namespace platform {
+namespace qx::platform {
 
 inline std::uint32_t LoadWord(const volatile std::uint32_t* word) {
   return __atomic_load_n(word, __ATOMIC_ACQUIRE);
@@ -15,5 +14,4 @@ inline void StoreWord(volatile std::uint32_t* word, std::uint32_t value) {
   __atomic_store_n(word, value, __ATOMIC_RELEASE);
 }
 
-}  // namespace platform
-}  // namespace qx
+}  // namespace qx::platform

@@ -1,7 +1,6 @@
 #include "qxtools/memory_buffer.h"
 
-namespace qx {
-namespace utils {
+namespace qx::utils {
 namespace {
 
 constexpr int kCopyNotSupported = -1002;
@@ -22,5 +21,4 @@ int MemCpy(MemoryBuffer& dst, const MemoryBuffer& src) {
                 src.device);
 }
 
-}  // namespace utils
-}  // namespace qx
+}  // namespace qx::utils

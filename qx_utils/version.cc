@@ -1,9 +1,7 @@
 #include "qxtools/version.h"
 
-namespace qx {
-namespace utils {
+namespace qx::utils {
 
 const char* Version() { return QXTOOLS_VERSION; }
 
-}  // namespace utils
-}  // namespace qx
+}  // namespace qx::utils

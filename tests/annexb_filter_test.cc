@@ -10,9 +10,7 @@
 #include "tests/testing/temp_path.h"
 #include "tests/testing/test.h"
 
-namespace qx {
-namespace utils {
-namespace video {
+namespace qx::utils::video {
 namespace {
 
 const std::string kClips = QXTOOLS_CLIPS_DIR "/";
@@ -193,6 +191,4 @@ TEST(AnnexBFilter, SaysWhenThereIsNothingToFilter) {
 }
 
 }  // namespace
-}  // namespace video
-}  // namespace utils
-}  // namespace qx
+}  // namespace qx::utils::video

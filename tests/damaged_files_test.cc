@@ -10,8 +10,7 @@
 #include "tests/testing/temp_path.h"
 #include "tests/testing/test.h"
 
-namespace qx {
-namespace testing {
+namespace qx::testing {
 namespace {
 
 using utils::video::DemuxerFault;
@@ -92,5 +91,4 @@ INSTANTIATE_TEST_SUITE_P(Containers, DamagedFile,
                          [](const auto& info) { return info.param; });
 
 }  // namespace
-}  // namespace testing
-}  // namespace qx
+}  // namespace qx::testing

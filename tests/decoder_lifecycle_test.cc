@@ -11,9 +11,7 @@
 #include "tests/testing/effort.h"
 #include "tests/testing/test.h"
 
-namespace qx {
-namespace utils {
-namespace ffmpeg {
+namespace qx::utils::ffmpeg {
 namespace {
 
 using ::testing::EndsWith;
@@ -285,6 +283,4 @@ TEST(Decoder, DiesWithACallbackThatOwnsIt) {
 }
 
 }  // namespace
-}  // namespace ffmpeg
-}  // namespace utils
-}  // namespace qx
+}  // namespace qx::utils::ffmpeg

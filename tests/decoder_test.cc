@@ -12,9 +12,7 @@
 #include "tests/testing/decoding.h"
 #include "tests/testing/test.h"
 
-namespace qx {
-namespace utils {
-namespace ffmpeg {
+namespace qx::utils::ffmpeg {
 namespace {
 
 using testing::Drain;
@@ -422,6 +420,4 @@ TEST(ConvertAvPixelFormat, KnowsThreeFormatsAndDiesOfOthers) {
 }
 
 }  // namespace
-}  // namespace ffmpeg
-}  // namespace utils
-}  // namespace qx
+}  // namespace qx::utils::ffmpeg

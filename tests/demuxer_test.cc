@@ -12,9 +12,7 @@
 #include "tests/testing/temp_path.h"
 #include "tests/testing/test.h"
 
-namespace qx {
-namespace utils {
-namespace video {
+namespace qx::utils::video {
 namespace {
 
 const std::string kClips = QXTOOLS_CLIPS_DIR "/";
@@ -216,6 +214,4 @@ TEST(Demuxer, CancelStaysInForceUntilCleared) {
 }
 
 }  // namespace
-}  // namespace video
-}  // namespace utils
-}  // namespace qx
+}  // namespace qx::utils::video

@@ -11,9 +11,7 @@
 #include "tests/testing/rtsp_peer.h"
 #include "tests/testing/test.h"
 
-namespace qx {
-namespace utils {
-namespace video {
+namespace qx::utils::video {
 
 void PrintTo(DemuxerFault fault, std::ostream* out) { *out << static_cast<int>(fault); }
 
@@ -199,6 +197,4 @@ TEST(ReconnectingDemuxer, TheEndOfAFileIsTheEnd) {
 }
 
 }  // namespace
-}  // namespace video
-}  // namespace utils
-}  // namespace qx
+}  // namespace qx::utils::video

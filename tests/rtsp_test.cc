@@ -10,9 +10,7 @@
 #include "tests/testing/rtsp_peer.h"
 #include "tests/testing/test.h"
 
-namespace qx {
-namespace utils {
-namespace video {
+namespace qx::utils::video {
 namespace {
 
 using std::chrono::milliseconds;
@@ -194,6 +192,4 @@ TEST(Rtsp, TimeLimitAndCancelEndAWait) {
 }
 
 }  // namespace
-}  // namespace video
-}  // namespace utils
-}  // namespace qx
+}  // namespace qx::utils::video

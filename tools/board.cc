@@ -8,8 +8,7 @@
 #include "tools/commands.h"
 #include "tools/report.h"
 
-namespace qx {
-namespace tools {
+namespace qx::tools {
 namespace {
 
 using nlohmann::ordered_json;
@@ -69,5 +68,4 @@ void AddBoard(CLI::App& app) {
   board->callback([options] { ShowBoard(options->device, options->json); });
 }
 
-}  // namespace tools
-}  // namespace qx
+}  // namespace qx::tools

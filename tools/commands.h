@@ -11,8 +11,7 @@
 #include <string>
 #include <vector>
 
-namespace qx {
-namespace tools {
+namespace qx::tools {
 
 void AddBoard(CLI::App& app);
 void AddDecode(CLI::App& app);
@@ -26,5 +25,4 @@ void AddStereo(CLI::App& app);
 void AcceptNumbers(CLI::Option* option, std::uint64_t low, std::uint64_t high = UINT64_MAX);
 void AcceptChoices(CLI::Option* option, const std::vector<std::string>& choices);
 
-}  // namespace tools
-}  // namespace qx
+}  // namespace qx::tools

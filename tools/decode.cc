@@ -15,8 +15,7 @@
 #include "tools/stop_request.h"
 #include "tools/video_reader.h"
 
-namespace qx {
-namespace tools {
+namespace qx::tools {
 namespace {
 
 constexpr double kMostSeconds = 1e9;
@@ -203,5 +202,4 @@ void AddDecode(CLI::App& app) {
   decode->callback([options] { Decode(*options); });
 }
 
-}  // namespace tools
-}  // namespace qx
+}  // namespace qx::tools

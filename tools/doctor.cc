@@ -17,8 +17,7 @@ extern "C" {
 #include "tools/commands.h"
 #include "tools/report.h"
 
-namespace qx {
-namespace tools {
+namespace qx::tools {
 namespace {
 
 using nlohmann::ordered_json;
@@ -71,5 +70,4 @@ void AddDoctor(CLI::App& app) {
   doctor->callback([json] { PrintReport(Examine(), *json); });
 }
 
-}  // namespace tools
-}  // namespace qx
+}  // namespace qx::tools

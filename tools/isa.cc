@@ -3,8 +3,7 @@
 #include "qxtools/instruction_sets.h"
 #include "tools/commands.h"
 
-namespace qx {
-namespace tools {
+namespace qx::tools {
 namespace {
 
 void Print() {
@@ -22,5 +21,4 @@ void AddIsa(CLI::App& app) {
       ->callback(Print);
 }
 
-}  // namespace tools
-}  // namespace qx
+}  // namespace qx::tools

@@ -91,8 +91,7 @@ int Run(int argc, char** argv) {
 
 }  // namespace
 
-namespace qx {
-namespace tools {
+namespace qx::tools {
 
 void AcceptNumbers(CLI::Option* option, std::uint64_t low, std::uint64_t high) {
   const auto check = [low, high](const std::string& text) -> std::string {
@@ -116,8 +115,7 @@ void AcceptChoices(CLI::Option* option, const std::vector<std::string>& choices)
   option->type_name("{" + CLI::detail::join(choices, ",") + "}")->check(CLI::Validator(check, ""));
 }
 
-}  // namespace tools
-}  // namespace qx
+}  // namespace qx::tools
 
 int main(int argc, char** argv) {
   OccupyStandardStreams();

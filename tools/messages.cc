@@ -10,8 +10,7 @@ extern "C" {
 #include <libavutil/log.h>
 }
 
-namespace qx {
-namespace tools {
+namespace qx::tools {
 namespace {
 
 // Shows what the user has to know of the library's log while the rest is not shown.
@@ -81,5 +80,4 @@ void ShowLibraryLog(int level) {
   av_log_set_level(level > 1 ? AV_LOG_VERBOSE : AV_LOG_WARNING);
 }
 
-}  // namespace tools
-}  // namespace qx
+}  // namespace qx::tools

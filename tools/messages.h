@@ -4,8 +4,7 @@
 #include <cstddef>
 #include <string>
 
-namespace qx {
-namespace tools {
+namespace qx::tools {
 
 // Prints "qxtools: TEXT" as one line, without passwords.
 void PrintMessage(const std::string& text);
@@ -29,5 +28,4 @@ void QuietLibraryLog(const char* program);
 // Lets errors, warnings and progress through: verbose level `level` of the library's log.
 void ShowLibraryLog(int level);
 
-}  // namespace tools
-}  // namespace qx
+}  // namespace qx::tools

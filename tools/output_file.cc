@@ -14,8 +14,7 @@
 #include <system_error>
 #include <utility>
 
-namespace qx {
-namespace tools {
+namespace qx::tools {
 namespace {
 
 // Names that the signal handler has to remove. The strings belong to the OutputFile objects.
@@ -129,5 +128,4 @@ void OutputFile::Fail() const {
   throw std::system_error(errno, std::generic_category(), "cannot write " + name);
 }
 
-}  // namespace tools
-}  // namespace qx
+}  // namespace qx::tools

@@ -7,8 +7,7 @@
 #include <string>
 #include <vector>
 
-namespace qx {
-namespace tools {
+namespace qx::tools {
 
 // Writes to a temporary file in the target's folder and renames it in Commit(). Without Commit(),
 // and when SIGINT, SIGTERM or SIGHUP ends the program, nothing is left behind and an older file of
@@ -40,5 +39,4 @@ class OutputFile {
   int descriptor_ = -1;
 };
 
-}  // namespace tools
-}  // namespace qx
+}  // namespace qx::tools

@@ -6,8 +6,7 @@
 
 #include "tools/png_writer.h"
 
-namespace qx {
-namespace tools {
+namespace qx::tools {
 namespace {
 
 class YuvWriter : public PictureWriter {
@@ -72,5 +71,4 @@ std::unique_ptr<PictureWriter> MakePictureWriter(const std::string& format,
   return std::make_unique<YuvWriter>(file);
 }
 
-}  // namespace tools
-}  // namespace qx
+}  // namespace qx::tools

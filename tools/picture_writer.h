@@ -7,8 +7,7 @@
 #include "tools/output_file.h"
 #include "tools/planar_picture.h"
 
-namespace qx {
-namespace tools {
+namespace qx::tools {
 
 class PictureWriter {
  public:
@@ -26,5 +25,4 @@ class PictureWriter {
 std::unique_ptr<PictureWriter> MakePictureWriter(const std::string& format,
                                                  const std::string& frame_rate, OutputFile& file);
 
-}  // namespace tools
-}  // namespace qx
+}  // namespace qx::tools

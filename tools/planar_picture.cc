@@ -11,8 +11,7 @@ extern "C" {
 
 #include "qxtools/ffmpeg_video_decoder.h"
 
-namespace qx {
-namespace tools {
+namespace qx::tools {
 namespace {
 
 // Chroma of a picture that is too small to have any.
@@ -133,5 +132,4 @@ std::vector<std::uint8_t> ToRgb(const PlanarPicture& picture) {
   return rgb;
 }
 
-}  // namespace tools
-}  // namespace qx
+}  // namespace qx::tools

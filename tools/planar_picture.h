@@ -12,8 +12,7 @@
 
 struct SwsContext;
 
-namespace qx {
-namespace tools {
+namespace qx::tools {
 
 struct ScalerDeleter {
   void operator()(SwsContext* scaler) const;
@@ -64,5 +63,4 @@ class PlanarPicture {
 // Errors:  std::runtime_error when FFmpeg cannot convert it.
 std::vector<std::uint8_t> ToRgb(const PlanarPicture& picture);
 
-}  // namespace tools
-}  // namespace qx
+}  // namespace qx::tools

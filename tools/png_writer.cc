@@ -6,8 +6,7 @@
 #include <string>
 #include <vector>
 
-namespace qx {
-namespace tools {
+namespace qx::tools {
 
 void WritePng(OutputFile& file, std::size_t width, std::size_t height, const std::uint8_t* rgb) {
   png_image image = {};
@@ -24,5 +23,4 @@ void WritePng(OutputFile& file, std::size_t width, std::size_t height, const std
   file.Write(bytes.data(), size);
 }
 
-}  // namespace tools
-}  // namespace qx
+}  // namespace qx::tools

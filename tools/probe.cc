@@ -13,8 +13,7 @@
 #include "tools/report.h"
 #include "tools/video_input.h"
 
-namespace qx {
-namespace tools {
+namespace qx::tools {
 namespace {
 
 using utils::VideoParams;
@@ -130,5 +129,4 @@ void AddProbe(CLI::App& app) {
   probe->callback([options] { Probe(options->input, options->json); });
 }
 
-}  // namespace tools
-}  // namespace qx
+}  // namespace qx::tools

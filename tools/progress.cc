@@ -6,8 +6,7 @@
 #include <cstdio>
 #include <string>
 
-namespace qx {
-namespace tools {
+namespace qx::tools {
 namespace {
 
 constexpr std::size_t kBarWidth = 40;  // columns
@@ -37,5 +36,4 @@ void Progress::DrawBar(std::size_t done) const {
   std::fprintf(stderr, "\r[%s] %zu of %zu pictures", bar.c_str(), done, total_);
 }
 
-}  // namespace tools
-}  // namespace qx
+}  // namespace qx::tools

@@ -4,8 +4,7 @@
 #include <chrono>
 #include <cstddef>
 
-namespace qx {
-namespace tools {
+namespace qx::tools {
 
 class Progress {
  public:
@@ -28,5 +27,4 @@ class Progress {
   std::chrono::steady_clock::time_point next_;
 };
 
-}  // namespace tools
-}  // namespace qx
+}  // namespace qx::tools

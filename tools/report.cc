@@ -3,8 +3,7 @@
 #include <iostream>
 #include <string>
 
-namespace qx {
-namespace tools {
+namespace qx::tools {
 
 void PrintReport(const nlohmann::ordered_json& report, bool json) {
   if (json) {
@@ -18,5 +17,4 @@ void PrintReport(const nlohmann::ordered_json& report, bool json) {
   }
 }
 
-}  // namespace tools
-}  // namespace qx
+}  // namespace qx::tools

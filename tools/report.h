@@ -3,11 +3,9 @@
 
 #include <nlohmann/json.hpp>
 
-namespace qx {
-namespace tools {
+namespace qx::tools {
 
 // Prints an object's fields on standard output: as "key: value" lines, or as JSON.
 void PrintReport(const nlohmann::ordered_json& report, bool json);
 
-}  // namespace tools
-}  // namespace qx
+}  // namespace qx::tools

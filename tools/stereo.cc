@@ -17,8 +17,7 @@
 #include "tools/stereo_output.h"
 #include "tools/stereo_source.h"
 
-namespace qx {
-namespace tools {
+namespace qx::tools {
 namespace {
 
 // The PGM samples hold 255 + a fraction (see kPgmScale).
@@ -204,5 +203,4 @@ void AddStereo(CLI::App& app) {
   stereo->callback([options] { MatchAll(*options); });
 }
 
-}  // namespace tools
-}  // namespace qx
+}  // namespace qx::tools

@@ -7,8 +7,7 @@
 #include "qxtools/cost_volume.h"
 #include "qxtools/emulated_board.h"
 
-namespace qx {
-namespace tools {
+namespace qx::tools {
 namespace {
 
 using velkar::vision::ImageFrame;
@@ -47,5 +46,4 @@ void CostBackend::Compute(ImageFrame* left, ImageFrame* right, ImageFrame* outpu
   kernel_->CostVolume_FPGA(left, right, output);
 }
 
-}  // namespace tools
-}  // namespace qx
+}  // namespace qx::tools

@@ -7,8 +7,7 @@
 #include "qxtools/fpga_correlation.h"
 #include "qxtools/image_frame.h"
 
-namespace qx {
-namespace tools {
+namespace qx::tools {
 
 enum class Backend { kCpu, kFpga };
 
@@ -31,5 +30,4 @@ class CostBackend {
   std::uint32_t cost_bytes_ = 0;
 };
 
-}  // namespace tools
-}  // namespace qx
+}  // namespace qx::tools

@@ -5,8 +5,7 @@
 #include <cmath>
 #include <string>
 
-namespace qx {
-namespace tools {
+namespace qx::tools {
 namespace {
 
 // Equally spaced; between them colours are interpolated.
@@ -154,5 +153,4 @@ RgbPicture Paint(const DisparityMap& map, int disparities) {
   return picture;
 }
 
-}  // namespace tools
-}  // namespace qx
+}  // namespace qx::tools

@@ -8,8 +8,7 @@
 
 #include "tools/stereo_disparity.h"
 
-namespace qx {
-namespace tools {
+namespace qx::tools {
 
 struct Rgb {
   std::uint8_t r, g, b;
@@ -52,5 +51,4 @@ std::vector<LegendLabel> LegendLabels(int width, int disparities);
 // with their disparities in pixels. `disparities` is the number searched: the end of the scale.
 RgbPicture Paint(const DisparityMap& map, int disparities);
 
-}  // namespace tools
-}  // namespace qx
+}  // namespace qx::tools

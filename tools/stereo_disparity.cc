@@ -6,8 +6,7 @@
 #include <cstdlib>
 #include <limits>
 
-namespace qx {
-namespace tools {
+namespace qx::tools {
 namespace {
 
 constexpr int kConsistent = 1;  // px that left and right may disagree by
@@ -117,5 +116,4 @@ void RemoveSpeckles(int pixels, DisparityMap& map) {
   }
 }
 
-}  // namespace tools
-}  // namespace qx
+}  // namespace qx::tools

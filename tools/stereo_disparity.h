@@ -7,8 +7,7 @@
 
 #include "tools/stereo_smoothing.h"
 
-namespace qx {
-namespace tools {
+namespace qx::tools {
 
 // Marks a pixel whose disparity is missing.
 constexpr float kMissing = -1;
@@ -48,5 +47,4 @@ DisparityMap MedianFilter(const DisparityMap& map, int radius);
 // one to the next: they match by chance.
 void RemoveSpeckles(int pixels, DisparityMap& map);
 
-}  // namespace tools
-}  // namespace qx
+}  // namespace qx::tools

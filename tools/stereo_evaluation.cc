@@ -4,8 +4,7 @@
 #include <stdexcept>
 #include <string>
 
-namespace qx {
-namespace tools {
+namespace qx::tools {
 
 Errors Evaluate(const DisparityMap& map, const GrayPicture& truth, double scale) {
   if (truth.width != map.width || truth.height != map.height) {
@@ -30,5 +29,4 @@ Errors Evaluate(const DisparityMap& map, const GrayPicture& truth, double scale)
   return {share(missing), share(above_1), share(above_2)};
 }
 
-}  // namespace tools
-}  // namespace qx
+}  // namespace qx::tools

@@ -4,8 +4,7 @@
 #include "tools/stereo_disparity.h"
 #include "tools/stereo_picture.h"
 
-namespace qx {
-namespace tools {
+namespace qx::tools {
 
 // Shares of the pixels whose true disparity is known, 0 .. 1.
 struct Errors {
@@ -18,5 +17,4 @@ struct Errors {
 // Errors:  std::runtime_error when the sizes differ or no pixel is known.
 Errors Evaluate(const DisparityMap& map, const GrayPicture& truth, double scale);
 
-}  // namespace tools
-}  // namespace qx
+}  // namespace qx::tools

@@ -8,8 +8,7 @@
 #include <stdexcept>
 #include <vector>
 
-namespace qx {
-namespace tools {
+namespace qx::tools {
 namespace {
 
 struct Offset {
@@ -109,5 +108,4 @@ std::shared_ptr<velkar::vision::ImageFrameImpl> ComputeFeatures(const GrayPictur
 
 float OutputScale() { return 1.0F; }
 
-}  // namespace tools
-}  // namespace qx
+}  // namespace qx::tools

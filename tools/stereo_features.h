@@ -6,8 +6,7 @@
 #include "qxtools/image_frame.h"
 #include "tools/stereo_picture.h"
 
-namespace qx {
-namespace tools {
+namespace qx::tools {
 
 // Values per pixel: one block of the cost volume's dot product.
 constexpr int kFeatureChannels = 32;
@@ -32,5 +31,4 @@ std::shared_ptr<velkar::vision::ImageFrameImpl> ComputeFeatures(const GrayPictur
 // Returns: the scale of an output frame in which a correlation of 1 becomes kPerfectMatch.
 float OutputScale();
 
-}  // namespace tools
-}  // namespace qx
+}  // namespace qx::tools

@@ -2,8 +2,7 @@
 
 #include <algorithm>
 
-namespace qx {
-namespace tools {
+namespace qx::tools {
 namespace {
 
 constexpr int kJoinRadius = 2;
@@ -48,5 +47,4 @@ DisparityMap FillMissing(const DisparityMap& map) {
   return joined;
 }
 
-}  // namespace tools
-}  // namespace qx
+}  // namespace qx::tools

@@ -3,8 +3,7 @@
 
 #include "tools/stereo_disparity.h"
 
-namespace qx {
-namespace tools {
+namespace qx::tools {
 
 // Most disparities are missing where the left camera sees what an object hides from the right one.
 // What is hidden lies behind the object: a gap in a row takes the smaller disparity of its two
@@ -14,5 +13,4 @@ namespace tools {
 // Returns: a map in which nothing is missing; all 0 when there is nothing to fill from.
 DisparityMap FillMissing(const DisparityMap& map);
 
-}  // namespace tools
-}  // namespace qx
+}  // namespace qx::tools

@@ -8,8 +8,7 @@
 #include "tools/stereo_features.h"
 #include "tools/stereo_filling.h"
 
-namespace qx {
-namespace tools {
+namespace qx::tools {
 namespace {
 
 constexpr int kSmallestPatch = 100;  // px; about the area of an 11 x 9 block
@@ -55,5 +54,4 @@ MatchResult StereoMatcher::Match(const GrayPicture& left, const GrayPicture& rig
   return {std::move(measured), std::move(filled)};
 }
 
-}  // namespace tools
-}  // namespace qx
+}  // namespace qx::tools

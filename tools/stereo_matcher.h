@@ -9,8 +9,7 @@
 #include "tools/stereo_disparity.h"
 #include "tools/stereo_picture.h"
 
-namespace qx {
-namespace tools {
+namespace qx::tools {
 
 // Time that has gone into each stage so far. Decoding and writing are the caller's stages.
 struct StageTimes {
@@ -58,5 +57,4 @@ class StereoMatcher {
   std::vector<std::int16_t> sums_;
 };
 
-}  // namespace tools
-}  // namespace qx
+}  // namespace qx::tools

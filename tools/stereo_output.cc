@@ -9,8 +9,7 @@
 #include "tools/png_writer.h"
 #include "tools/stereo_color.h"
 
-namespace qx {
-namespace tools {
+namespace qx::tools {
 namespace {
 
 std::uint16_t Sample(float disparity) {
@@ -63,5 +62,4 @@ void WritePngFile(const DisparityMap& map, int disparities, const std::string& p
   file.Commit();
 }
 
-}  // namespace tools
-}  // namespace qx
+}  // namespace qx::tools

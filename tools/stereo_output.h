@@ -7,8 +7,7 @@
 
 #include "tools/stereo_disparity.h"
 
-namespace qx {
-namespace tools {
+namespace qx::tools {
 
 // The folder for results, which a failed run leaves as it was: what was made here and is still
 // empty in the end goes again.
@@ -40,5 +39,4 @@ void WritePgmFile(const DisparityMap& map, const std::string& path);
 // Errors: std::exception; std::system_error names the file and the reason.
 void WritePngFile(const DisparityMap& map, int disparities, const std::string& path);
 
-}  // namespace tools
-}  // namespace qx
+}  // namespace qx::tools

@@ -16,8 +16,7 @@ extern "C" {
 #include "qx_utils/internal/ffmpeg_handles.h"
 #include "tools/planar_picture.h"
 
-namespace qx {
-namespace tools {
+namespace qx::tools {
 namespace {
 
 using utils::internal::FfmpegPtr;
@@ -124,5 +123,4 @@ GrayPicture ReadPicture(const std::string& path) {
   return picture;
 }
 
-}  // namespace tools
-}  // namespace qx
+}  // namespace qx::tools

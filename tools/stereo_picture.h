@@ -6,8 +6,7 @@
 #include <string>
 #include <vector>
 
-namespace qx {
-namespace tools {
+namespace qx::tools {
 
 // The luma of a picture: height x width bytes, row by row without padding.
 struct GrayPicture {
@@ -29,5 +28,4 @@ bool IsPictureFile(const std::string& path);
 // Errors: std::runtime_error that names the file and the reason.
 GrayPicture ReadPicture(const std::string& path);
 
-}  // namespace tools
-}  // namespace qx
+}  // namespace qx::tools

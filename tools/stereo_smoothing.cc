@@ -7,8 +7,7 @@
 
 #include "tools/stereo_features.h"
 
-namespace qx {
-namespace tools {
+namespace qx::tools {
 namespace {
 
 using Cost = std::int16_t;
@@ -196,5 +195,4 @@ void SumPathCosts(const Volume<const std::int8_t>& correlation, const GrayPictur
   RunBoth(down, up, half);
 }
 
-}  // namespace tools
-}  // namespace qx
+}  // namespace qx::tools

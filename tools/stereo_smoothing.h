@@ -8,8 +8,7 @@
 
 #include "tools/stereo_picture.h"
 
-namespace qx {
-namespace tools {
+namespace qx::tools {
 
 // A volume of height x width x disparities values, the disparities of a pixel adjacent; borrowed.
 template <typename T>
@@ -44,5 +43,4 @@ struct Volume {
 void SumPathCosts(const Volume<const std::int8_t>& correlation, const GrayPicture& left,
                   const Volume<std::int16_t>& sums);
 
-}  // namespace tools
-}  // namespace qx
+}  // namespace qx::tools

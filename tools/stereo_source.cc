@@ -10,8 +10,7 @@
 #include "tools/messages.h"
 #include "tools/video_reader.h"
 
-namespace qx {
-namespace tools {
+namespace qx::tools {
 namespace {
 
 class PictureFile : public PictureSource {
@@ -108,5 +107,4 @@ void PairReader::FailEnded(const Input& input) const {
                            ": " + wanted);
 }
 
-}  // namespace tools
-}  // namespace qx
+}  // namespace qx::tools

@@ -8,8 +8,7 @@
 
 #include "tools/stereo_picture.h"
 
-namespace qx {
-namespace tools {
+namespace qx::tools {
 
 // A sequence of pictures: a picture file gives one, an H.264 stream one per frame.
 class PictureSource {
@@ -66,5 +65,4 @@ class PairReader {
   std::size_t count_ = 0;
 };
 
-}  // namespace tools
-}  // namespace qx
+}  // namespace qx::tools

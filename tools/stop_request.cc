@@ -3,8 +3,7 @@
 #include <ctime>
 #include <utility>
 
-namespace qx {
-namespace tools {
+namespace qx::tools {
 namespace {
 
 constexpr timespec kLook = {0, 50'000'000};  // 50 ms between two looks at the clock
@@ -54,5 +53,4 @@ void StopRequest::Watch() {
   while (!over_) nanosleep(&kLook, nullptr);
 }
 
-}  // namespace tools
-}  // namespace qx
+}  // namespace qx::tools

@@ -8,8 +8,7 @@
 #include <mutex>
 #include <thread>
 
-namespace qx {
-namespace tools {
+namespace qx::tools {
 
 // While it lives, the first SIGINT, SIGTERM or SIGHUP asks the program to stop instead of ending
 // it; the second one ends it as usual. Signals that were ignored stay so.
@@ -50,5 +49,4 @@ class StopRequest {
   std::thread watcher_;
 };
 
-}  // namespace tools
-}  // namespace qx
+}  // namespace qx::tools

@@ -13,8 +13,7 @@
 
 #include "tools/messages.h"
 
-namespace qx {
-namespace tools {
+namespace qx::tools {
 namespace {
 
 using utils::video::DemuxerFault;
@@ -126,5 +125,4 @@ void VideoInput::ReportChange(const utils::video::ConnectionChange& change) {
   PrintWarning("'" + name_ + "': " + text);
 }
 
-}  // namespace tools
-}  // namespace qx
+}  // namespace qx::tools

@@ -10,8 +10,7 @@
 #include "qxtools/reconnecting_demuxer.h"
 #include "tools/stop_request.h"
 
-namespace qx {
-namespace tools {
+namespace qx::tools {
 
 // How a stream is read; files know neither.
 struct StreamOptions {
@@ -61,5 +60,4 @@ class VideoInput {
   std::size_t damaged_packets_ = 0;
 };
 
-}  // namespace tools
-}  // namespace qx
+}  // namespace qx::tools

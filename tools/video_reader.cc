@@ -3,8 +3,7 @@
 #include <stdexcept>
 #include <utility>
 
-namespace qx {
-namespace tools {
+namespace qx::tools {
 
 namespace ffmpeg = utils::ffmpeg;
 using velkar::vision::ImageFrame;
@@ -73,5 +72,4 @@ bool VideoReader::Decode() {
   }
 }
 
-}  // namespace tools
-}  // namespace qx
+}  // namespace qx::tools

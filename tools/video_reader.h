@@ -12,8 +12,7 @@
 #include "qxtools/image_frame.h"
 #include "tools/video_input.h"
 
-namespace qx {
-namespace tools {
+namespace qx::tools {
 
 // Errors: std::runtime_error that names the input and the reason, from the constructor and Next().
 class VideoReader {
@@ -60,5 +59,4 @@ class VideoReader {
   std::size_t gaps_ = 0;
 };
 
-}  // namespace tools
-}  // namespace qx
+}  // namespace qx::tools

@@ -5,8 +5,7 @@
 
 #include "vision/image_frame_fields.h"
 
-namespace velkar {
-namespace vision {
+namespace velkar::vision {
 namespace {
 
 bool IsYuv420(QXPixelFormat format) {
@@ -81,5 +80,4 @@ std::uint32_t ImageFrameImpl::Aux32C() const { return aux32_c_; }
 std::uint32_t ImageFrameImpl::Channel() const { return channel_; }
 std::uint32_t ImageFrameImpl::Aux32D() const { return aux32_d_; }
 
-}  // namespace vision
-}  // namespace velkar
+}  // namespace velkar::vision

@@ -7,8 +7,7 @@
 
 #include "qxtools/image_frame.h"
 
-namespace velkar {
-namespace vision {
+namespace velkar::vision {
 
 struct ImageFrameFields {
   static void SetData(ImageFrameImpl& frame, std::uint8_t* data, std::uint32_t size) {
@@ -26,5 +25,4 @@ struct ImageFrameFields {
   }
 };
 
-}  // namespace vision
-}  // namespace velkar
+}  // namespace velkar::vision

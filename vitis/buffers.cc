@@ -8,10 +8,7 @@
 
 #include "qxtools/fpga_correlation.h"
 
-namespace qx {
-namespace utils {
-namespace image {
-namespace correlation {
+namespace qx::utils::image::correlation {
 namespace {
 
 // Directions and flags as the device runtime numbers them.
@@ -109,7 +106,4 @@ void Run(Registers& registers, const Buffers& buffers, const Arguments& argument
   }
 }
 
-}  // namespace correlation
-}  // namespace image
-}  // namespace utils
-}  // namespace qx
+}  // namespace qx::utils::image::correlation

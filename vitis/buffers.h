@@ -12,10 +12,7 @@
 #include "xrt/xrt_device.h"
 #include "xrt/xrt_kernel.h"
 
-namespace qx {
-namespace utils {
-namespace image {
-namespace correlation {
+namespace qx::utils::image::correlation {
 
 // Released in reverse order.
 struct Buffers {
@@ -50,7 +47,4 @@ void RequireIdle(Registers& registers);
 void Run(Registers& registers, const Buffers& buffers, const Arguments& arguments,
          std::chrono::nanoseconds interval);
 
-}  // namespace correlation
-}  // namespace image
-}  // namespace utils
-}  // namespace qx
+}  // namespace qx::utils::image::correlation

@@ -5,10 +5,7 @@
 #include <cmath>
 #include <limits>
 
-namespace qx {
-namespace utils {
-namespace image {
-namespace correlation {
+namespace qx::utils::image::correlation {
 
 float ScaleExponent(const velkar::vision::ImageFrame& left, const velkar::vision::ImageFrame& right,
                     const velkar::vision::ImageFrame& output) {
@@ -46,7 +43,4 @@ double MillisecondsSince(SystemTime start) {
   return static_cast<double>(time.count()) / 1e9 * 1000.0;
 }
 
-}  // namespace correlation
-}  // namespace image
-}  // namespace utils
-}  // namespace qx
+}  // namespace qx::utils::image::correlation

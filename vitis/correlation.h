@@ -11,10 +11,7 @@
 #include "xrt/xrt_device.h"
 #include "xrt/xrt_kernel.h"
 
-namespace qx {
-namespace utils {
-namespace image {
-namespace correlation {
+namespace qx::utils::image::correlation {
 
 using SystemTime = std::chrono::system_clock::time_point;
 
@@ -39,7 +36,4 @@ std::shared_ptr<xrt::kernel> OpenKernel(const xrt::device& device, const xrt::uu
 
 double MillisecondsSince(SystemTime start);
 
-}  // namespace correlation
-}  // namespace image
-}  // namespace utils
-}  // namespace qx
+}  // namespace qx::utils::image::correlation

@@ -7,9 +7,7 @@
 #include "vitis/correlation.h"
 #include "vitis/registers.h"
 
-namespace qx {
-namespace utils {
-namespace image {
+namespace qx::utils::image {
 namespace {
 
 using correlation::Access;
@@ -123,6 +121,4 @@ void CostVolume_FPGA_old(ImageFrame* input_l, ImageFrame* input_r, ImageFrame* o
   correlation::ReceiveOutput(buffers, *output);
 }
 
-}  // namespace image
-}  // namespace utils
-}  // namespace qx
+}  // namespace qx::utils::image

@@ -9,9 +9,7 @@
 #include "vitis/correlation.h"
 #include "vitis/registers.h"
 
-namespace qx {
-namespace utils {
-namespace image {
+namespace qx::utils::image {
 namespace {
 
 using velkar::vision::ImageFrame;
@@ -98,6 +96,4 @@ CorrelationUnit DescribeCorrelationUnit(int device_index) {
   return unit;
 }
 
-}  // namespace image
-}  // namespace utils
-}  // namespace qx
+}  // namespace qx::utils::image

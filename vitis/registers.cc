@@ -14,9 +14,7 @@
 #include "platform/register_device.h"
 #include "qxtools/fpga_correlation.h"
 
-namespace qx {
-namespace utils {
-namespace image {
+namespace qx::utils::image {
 namespace {
 
 constexpr std::chrono::milliseconds kDefaultTimeLimit{10000};
@@ -30,7 +28,9 @@ void SetKernelTimeLimit(std::chrono::milliseconds limit) { g_time_limit_ms = lim
 
 std::chrono::milliseconds KernelTimeLimit() { return std::chrono::milliseconds(g_time_limit_ms); }
 
-namespace correlation {
+}  // namespace qx::utils::image
+
+namespace qx::utils::image::correlation {
 namespace {
 
 constexpr char kMemoryPath[] = "/dev/mem";
@@ -138,7 +138,4 @@ void StartAndWait(Registers& registers, std::chrono::nanoseconds interval) {
   }
 }
 
-}  // namespace correlation
-}  // namespace image
-}  // namespace utils
-}  // namespace qx
+}  // namespace qx::utils::image::correlation

@@ -7,10 +7,7 @@
 
 #include "xrt/xrt_kernel.h"
 
-namespace qx {
-namespace utils {
-namespace image {
-namespace correlation {
+namespace qx::utils::image::correlation {
 
 // "/dev/mem", open. Throws std::system_error.
 class RegisterDevice {
@@ -85,7 +82,4 @@ bool IsRunning(Registers& registers);
 // Starts the kernel and waits for its end, looking every `interval`. Throws KernelTimeout.
 void StartAndWait(Registers& registers, std::chrono::nanoseconds interval);
 
-}  // namespace correlation
-}  // namespace image
-}  // namespace utils
-}  // namespace qx
+}  // namespace qx::utils::image::correlation

@@ -6,8 +6,7 @@
 
 #include "qxtools/ffmpeg_demuxer.h"
 
-namespace qx {
-namespace bench {
+namespace qx::bench {
 namespace {
 
 using utils::video::kVideoCodecH264;
@@ -115,5 +114,4 @@ void Comparison::CheckTime(double seconds, std::size_t steps) {
   last_seconds_ = seconds;
 }
 
-}  // namespace bench
-}  // namespace qx
+}  // namespace qx::bench

@@ -10,8 +10,7 @@
 
 #include "qxtools/video.h"
 
-namespace qx {
-namespace bench {
+namespace qx::bench {
 
 // The access units of a raw H.264 or H.265 file, every NAL unit after a start code of four bytes.
 class CameraClip {
@@ -71,5 +70,4 @@ class Comparison {
   double last_seconds_ = NAN;
 };
 
-}  // namespace bench
-}  // namespace qx
+}  // namespace qx::bench

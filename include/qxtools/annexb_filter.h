@@ -15,9 +15,7 @@
 #include "qxtools/export.h"
 #include "qxtools/video.h"
 
-namespace qx {
-namespace utils {
-namespace video {
+namespace qx::utils::video {
 
 class FfmpegDemuxer;
 
@@ -65,6 +63,4 @@ class QXTOOLS_EXPORT AnnexBFilter {
   std::unique_ptr<Impl> impl_;
 };
 
-}  // namespace video
-}  // namespace utils
-}  // namespace qx
+}  // namespace qx::utils::video

@@ -5,9 +5,7 @@
 
 #include "qxtools/export.h"
 
-namespace qx {
-namespace utils {
-namespace image {
+namespace qx::utils::image {
 
 // Widens packed pixels to pixels of memory order A, R, G, B whose alpha byte is 0. Rows do not
 // matter: the buffer is one run of src_len / 3 pixels, at any alignment.
@@ -31,6 +29,4 @@ QXTOOLS_EXPORT int CvtColorRGB2ARGB(unsigned char* src, std::size_t src_len, uns
 QXTOOLS_EXPORT int CvtColorBGR2ARGB(unsigned char* src, std::size_t src_len, unsigned char* dst,
                                     std::size_t dst_len);
 
-}  // namespace image
-}  // namespace utils
-}  // namespace qx
+}  // namespace qx::utils::image

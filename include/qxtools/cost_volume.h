@@ -4,9 +4,7 @@
 #include "qxtools/export.h"
 #include "qxtools/image_frame.h"
 
-namespace qx {
-namespace utils {
-namespace image {
+namespace qx::utils::image {
 
 // Computes the correlation of a left and a right feature map for disparities 0 .. D-1: how well
 // the left pixel at column x matches the right pixel at column x - d of the same row.
@@ -42,6 +40,4 @@ QXTOOLS_EXPORT void CostVolume(velkar::vision::ImageFrame* input_l,
                                velkar::vision::ImageFrame* input_r,
                                velkar::vision::ImageFrame* output);
 
-}  // namespace image
-}  // namespace utils
-}  // namespace qx
+}  // namespace qx::utils::image

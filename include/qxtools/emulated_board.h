@@ -18,8 +18,7 @@
 
 #include "qxtools/export.h"
 
-namespace qx {
-namespace emulated_board {
+namespace qx::emulated_board {
 
 QXTOOLS_EXPORT bool IsEmulated();
 
@@ -109,5 +108,4 @@ QXTOOLS_EXPORT void StartRecording();
 // Errors: std::runtime_error that says what is wrong with it.
 QXTOOLS_EXPORT void CheckContainer(const std::string& text);
 
-}  // namespace emulated_board
-}  // namespace qx
+}  // namespace qx::emulated_board

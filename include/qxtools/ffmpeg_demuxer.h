@@ -12,13 +12,11 @@
 
 struct AVFormatContext;
 
-namespace qx {
-namespace utils {
-namespace internal {
+namespace qx::utils::internal {
 class InputWatch;
-}  // namespace internal
+}  // namespace qx::utils::internal
 
-namespace video {
+namespace qx::utils::video {
 
 // Why a call of FfmpegDemuxer gave nothing.
 enum class DemuxerFault {
@@ -153,6 +151,4 @@ class QXTOOLS_EXPORT FfmpegDemuxer : public Demuxer {
   std::shared_ptr<internal::InputWatch> watch_;  // shared with the input, which it may outlive
 };
 
-}  // namespace video
-}  // namespace utils
-}  // namespace qx
+}  // namespace qx::utils::video

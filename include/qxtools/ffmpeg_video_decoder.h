@@ -37,9 +37,7 @@ struct AVCodec;
 struct AVCodecContext;
 struct AVFrame;
 
-namespace qx {
-namespace utils {
-namespace ffmpeg {
+namespace qx::utils::ffmpeg {
 
 template <typename T>
 class BlockingQueue;
@@ -254,6 +252,4 @@ class QXTOOLS_EXPORT FfmpegDecoder : public video::Decoder {
 // Returns: a new decoder; never empty. Errors as of the constructor. Safe from any thread.
 QXTOOLS_EXPORT std::shared_ptr<FfmpegDecoder> CreateFfmpegDecoder();
 
-}  // namespace ffmpeg
-}  // namespace utils
-}  // namespace qx
+}  // namespace qx::utils::ffmpeg

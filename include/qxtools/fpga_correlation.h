@@ -47,9 +47,7 @@ class bo;
 class kernel;
 }  // namespace xrt
 
-namespace qx {
-namespace utils {
-namespace image {
+namespace qx::utils::image {
 
 class QXTOOLS_EXPORT KernelTimeout : public std::runtime_error {
  public:
@@ -148,6 +146,4 @@ struct CorrelationUnit {
 // releases everything again. Reads the same environment variables.
 QXTOOLS_EXPORT CorrelationUnit DescribeCorrelationUnit(int device_index);
 
-}  // namespace image
-}  // namespace utils
-}  // namespace qx
+}  // namespace qx::utils::image

@@ -6,8 +6,7 @@
 
 #include "qxtools/export.h"
 
-namespace qx {
-namespace utils {
+namespace qx::utils {
 
 // What a sequence parameter set (SPS) says. Whatever was not read is 0; a picture size other than
 // 0 x 0 tells success.
@@ -42,5 +41,4 @@ QXTOOLS_EXPORT VideoParams ParseH264Params(const char* data, std::size_t size);
 //          sps_seq_parameter_set_id is above 15 or chroma_format_idc above 3.
 QXTOOLS_EXPORT VideoParams ParseH265Params(const char* data, std::size_t size);
 
-}  // namespace utils
-}  // namespace qx
+}  // namespace qx::utils

@@ -7,9 +7,7 @@
 #include "qxtools/export.h"
 #include "qxtools/image_frame.h"
 
-namespace qx {
-namespace utils {
-namespace image {
+namespace qx::utils::image {
 
 // Copies `src_size` bytes; `dst_size` is the capacity at `dst` and nothing beyond `src_size` bytes
 // is written. The two ranges may overlap.
@@ -44,6 +42,4 @@ QXTOOLS_EXPORT unsigned int AlignmentHelper(unsigned int value, unsigned int ali
 // Releases what the image functions hold, which is nothing; safe to call at any time.
 QXTOOLS_EXPORT void ReleaseResources();
 
-}  // namespace image
-}  // namespace utils
-}  // namespace qx
+}  // namespace qx::utils::image

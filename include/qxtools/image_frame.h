@@ -30,8 +30,7 @@ enum QXPixelFormat_ : std::uint32_t {
 };
 using QXPixelFormat = QXPixelFormat_;
 
-namespace velkar {
-namespace vision {
+namespace velkar::vision {
 
 // The base of all frames; a plain ImageFrame is a valid, empty one.
 //
@@ -151,5 +150,4 @@ struct BBox_ {
   std::string name;
 };
 
-}  // namespace vision
-}  // namespace velkar
+}  // namespace velkar::vision

@@ -5,8 +5,7 @@
 
 #include "qxtools/export.h"
 
-namespace qx {
-namespace utils {
+namespace qx::utils {
 
 struct InstructionSet {
   const char* name;  // as QXTOOLS_FORCE_ISA takes it; valid for the life of the process
@@ -20,5 +19,4 @@ struct InstructionSet {
 //          and kept; until then the environment variable QXTOOLS_FORCE_ISA can set it.
 QXTOOLS_EXPORT std::vector<InstructionSet> InstructionSets();
 
-}  // namespace utils
-}  // namespace qx
+}  // namespace qx::utils

@@ -14,9 +14,7 @@
 #include "qxtools/export.h"
 #include "qxtools/image_frame.h"
 
-namespace qx {
-namespace utils {
-namespace image {
+namespace qx::utils::image {
 
 // File formats to encode into. The library passes the value to the engine unchanged.
 enum ImageFileFormat : std::uint32_t {
@@ -126,6 +124,4 @@ QXTOOLS_EXPORT void InstallMediaProcFactory(MediaProcFactory factory);
 [[nodiscard]] QXTOOLS_EXPORT std::vector<unsigned char> Encode(
     std::shared_ptr<velkar::vision::ImageFrame> frame, ImageFileFormat format, int device);
 
-}  // namespace image
-}  // namespace utils
-}  // namespace qx
+}  // namespace qx::utils::image

@@ -9,8 +9,7 @@
 
 #include "qxtools/export.h"
 
-namespace qx {
-namespace utils {
+namespace qx::utils {
 
 // Kinds of memory. The library passes the value through and never looks at it.
 enum MemType : std::uint32_t {
@@ -46,5 +45,4 @@ QXTOOLS_EXPORT int MemCpy(void* dst, std::size_t dst_size, MemType dst_type, int
 // The same for two buffers, handing over all of their fields but `reserved`.
 QXTOOLS_EXPORT int MemCpy(MemoryBuffer& dst, const MemoryBuffer& src);
 
-}  // namespace utils
-}  // namespace qx
+}  // namespace qx::utils

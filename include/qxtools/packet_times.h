@@ -14,9 +14,7 @@
 #include "qxtools/export.h"
 #include "qxtools/video.h"
 
-namespace qx {
-namespace utils {
-namespace video {
+namespace qx::utils::video {
 
 // A time that is not known.
 constexpr std::int64_t kNoTime = INT64_MIN;
@@ -48,6 +46,4 @@ struct PacketTimes {
 QXTOOLS_EXPORT std::optional<PacketTimes> PacketTimesOf(
     const std::shared_ptr<StreamPacket>& packet);
 
-}  // namespace video
-}  // namespace utils
-}  // namespace qx
+}  // namespace qx::utils::video

@@ -17,9 +17,7 @@
 #include "qxtools/ffmpeg_demuxer.h"
 #include "qxtools/video.h"
 
-namespace qx {
-namespace utils {
-namespace video {
+namespace qx::utils::video {
 
 enum class ConnectionState {
   kOpen,     // the input was opened; packets follow
@@ -108,6 +106,4 @@ class QXTOOLS_EXPORT ReconnectingDemuxer : public Demuxer {
   std::unique_ptr<Impl> impl_;
 };
 
-}  // namespace video
-}  // namespace utils
-}  // namespace qx
+}  // namespace qx::utils::video

@@ -4,12 +4,10 @@
 
 #include "qxtools/export.h"
 
-namespace qx {
-namespace utils {
+namespace qx::utils {
 
 // Returns: for example "1.0.0"; valid for the life of the process.
 // Threads: safe from any thread.
 [[nodiscard]] QXTOOLS_EXPORT const char* Version();
 
-}  // namespace utils
-}  // namespace qx
+}  // namespace qx::utils

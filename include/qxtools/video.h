@@ -9,9 +9,7 @@
 #include "qxtools/export.h"
 #include "qxtools/image_frame.h"
 
-namespace qx {
-namespace utils {
-namespace video {
+namespace qx::utils::video {
 
 // Compressed-video codecs. A demuxer produces these two values alone.
 enum VideoCodec : std::uint32_t {
@@ -90,6 +88,4 @@ class QXTOOLS_EXPORT Encoder {
   static std::shared_ptr<Encoder> CreateInstance();
 };
 
-}  // namespace video
-}  // namespace utils
-}  // namespace qx
+}  // namespace qx::utils::video

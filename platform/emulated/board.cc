@@ -11,8 +11,7 @@
 
 #include "platform/emulated/board_environment.h"
 
-namespace qx {
-namespace platform {
+namespace qx::platform {
 namespace {
 
 namespace fs = std::filesystem;
@@ -182,5 +181,4 @@ std::uint64_t Board::Allocate(std::uint32_t group, std::uint64_t bytes) {
   return address;
 }
 
-}  // namespace platform
-}  // namespace qx
+}  // namespace qx::platform

@@ -14,8 +14,7 @@
 #include "platform/emulated/physical_memory.h"
 #include "qxtools/emulated_board.h"
 
-namespace qx {
-namespace platform {
+namespace qx::platform {
 
 // Threads: safe from any thread. Failures are std::runtime_error.
 class Board {
@@ -67,5 +66,4 @@ class Board {
   ComputeUnit unit_;  // uses the log and the memory
 };
 
-}  // namespace platform
-}  // namespace qx
+}  // namespace qx::platform

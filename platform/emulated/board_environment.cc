@@ -10,8 +10,7 @@
 
 #include "platform/emulated/container.h"
 
-namespace qx {
-namespace platform {
+namespace qx::platform {
 namespace {
 
 constexpr char kGeometry[] = "QXTOOLS_BOARD_GEOMETRY";
@@ -102,5 +101,4 @@ bool IsSetInEnvironment() {
   return !(Variable(kGeometry) + Variable(kRunTime) + Variable(kFaults)).empty();
 }
 
-}  // namespace platform
-}  // namespace qx
+}  // namespace qx::platform

@@ -5,8 +5,7 @@
 #include "platform/emulated/call_log.h"
 #include "qxtools/emulated_board.h"
 
-namespace qx {
-namespace platform {
+namespace qx::platform {
 
 // QXTOOLS_BOARD_GEOMETRY and QXTOOLS_BOARD_RUN_TIME_US.
 emulated_board::Settings SettingsFromEnvironment();
@@ -17,5 +16,4 @@ void InjectFaultsFromEnvironment(CallLog& log);
 // Returns: whether any of these variables is set.
 bool IsSetInEnvironment();
 
-}  // namespace platform
-}  // namespace qx
+}  // namespace qx::platform

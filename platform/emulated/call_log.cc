@@ -3,8 +3,7 @@
 #include <algorithm>
 #include <stdexcept>
 
-namespace qx {
-namespace platform {
+namespace qx::platform {
 
 bool CallLog::Fails(const char* name, const std::string& detail) {
   Note(name, detail);
@@ -82,5 +81,4 @@ std::vector<std::string> FaultNames() {
           "unit.error"};
 }
 
-}  // namespace platform
-}  // namespace qx
+}  // namespace qx::platform

@@ -9,8 +9,7 @@
 
 #include "qxtools/emulated_board.h"
 
-namespace qx {
-namespace platform {
+namespace qx::platform {
 
 // Threads: safe from any thread.
 class CallLog {
@@ -45,5 +44,4 @@ class CallLog {
 
 std::vector<std::string> FaultNames();
 
-}  // namespace platform
-}  // namespace qx
+}  // namespace qx::platform

@@ -11,8 +11,7 @@
 #include "platform/emulated/correlation_model.h"
 #include "platform/volatile_word.h"
 
-namespace qx {
-namespace platform {
+namespace qx::platform {
 namespace {
 
 constexpr std::uint32_t kControlOffset = 0;
@@ -228,5 +227,4 @@ void ComputeUnit::FinishRun(const Job& job, bool computed) {
   StoreWord(Register(kControlOffset), value);
 }
 
-}  // namespace platform
-}  // namespace qx
+}  // namespace qx::platform

@@ -13,8 +13,7 @@
 #include "platform/emulated/container.h"
 #include "platform/emulated/physical_memory.h"
 
-namespace qx {
-namespace platform {
+namespace qx::platform {
 
 // Threads: safe from any thread. A unit that has been programmed must not be destroyed any more:
 // its
@@ -95,5 +94,4 @@ class ComputeUnit {
   bool watched_ = false;  // the thread has been started
 };
 
-}  // namespace platform
-}  // namespace qx
+}  // namespace qx::platform

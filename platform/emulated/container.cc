@@ -5,8 +5,7 @@
 #include <limits>
 #include <stdexcept>
 
-namespace qx {
-namespace platform {
+namespace qx::platform {
 namespace {
 
 constexpr std::uint32_t kRegisterBytes = 4;
@@ -103,5 +102,4 @@ Container BuiltInContainer(const emulated_board::Geometry& g) {
   return container;
 }
 
-}  // namespace platform
-}  // namespace qx
+}  // namespace qx::platform

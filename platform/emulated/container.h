@@ -9,8 +9,7 @@
 
 #include "qxtools/emulated_board.h"
 
-namespace qx {
-namespace platform {
+namespace qx::platform {
 
 constexpr std::uint64_t kPhysicalMemoryBytes = std::uint64_t{1} << 32;
 constexpr std::uint64_t kPageBytes = 4096;
@@ -48,5 +47,4 @@ Container BuiltInContainer(const emulated_board::Geometry& geometry);
 // or buffers for which its memory groups have no room.
 std::string GeometryFault(const Container& container);
 
-}  // namespace platform
-}  // namespace qx
+}  // namespace qx::platform

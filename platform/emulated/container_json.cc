@@ -7,8 +7,7 @@
 
 #include "platform/emulated/container.h"
 
-namespace qx {
-namespace platform {
+namespace qx::platform {
 namespace {
 
 using nlohmann::json;
@@ -78,5 +77,4 @@ Container ReadContainer(const std::string& text) {
   }
 }
 
-}  // namespace platform
-}  // namespace qx
+}  // namespace qx::platform

@@ -3,8 +3,7 @@
 
 #include "platform/emulated/container.h"
 
-namespace qx {
-namespace platform {
+namespace qx::platform {
 
 Container ReadContainer(const std::string& /*text*/) {
   throw std::runtime_error(
@@ -12,5 +11,4 @@ Container ReadContainer(const std::string& /*text*/) {
       "QXTOOLS_CONTAINER_FILES");
 }
 
-}  // namespace platform
-}  // namespace qx
+}  // namespace qx::platform

@@ -4,8 +4,7 @@
 #include <cmath>
 #include <limits>
 
-namespace qx {
-namespace platform {
+namespace qx::platform {
 namespace {
 
 // The unit reads 32 channels a beat and has no partial beat.
@@ -58,5 +57,4 @@ void Correlate(const emulated_board::Geometry& geometry, const std::vector<std::
   }
 }
 
-}  // namespace platform
-}  // namespace qx
+}  // namespace qx::platform

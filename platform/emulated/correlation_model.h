@@ -7,8 +7,7 @@
 
 #include "qxtools/emulated_board.h"
 
-namespace qx {
-namespace platform {
+namespace qx::platform {
 
 // Correlates two maps of signed bytes; `exponent` e scales the mean product by 2^-e.
 // Output: `cost`, height x width x disparities signed bytes, the disparities of a pixel adjacent.
@@ -16,5 +15,4 @@ void Correlate(const emulated_board::Geometry& geometry, const std::vector<std::
                const std::vector<std::int8_t>& right, std::uint32_t exponent,
                std::vector<std::int8_t>& cost);
 
-}  // namespace platform
-}  // namespace qx
+}  // namespace qx::platform

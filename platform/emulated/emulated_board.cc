@@ -3,8 +3,7 @@
 #include "platform/emulated/board.h"
 #include "platform/emulated/container.h"
 
-namespace qx {
-namespace emulated_board {
+namespace qx::emulated_board {
 
 using platform::Board;
 
@@ -20,5 +19,4 @@ void StartRecording() { Board::Get().log().Start(); }
 std::vector<Call> TakeRecording() { return Board::Get().log().Take(); }
 void CheckContainer(const std::string& text) { platform::ParseContainer(text); }
 
-}  // namespace emulated_board
-}  // namespace qx
+}  // namespace qx::emulated_board

@@ -10,8 +10,7 @@
 
 #include "platform/emulated/container.h"
 
-namespace qx {
-namespace platform {
+namespace qx::platform {
 namespace {
 
 // Moves all of `bytes` with pread or pwrite, which may move less at a time.
@@ -95,5 +94,4 @@ std::uint64_t PhysicalMemory::buffer_bytes() const {
   return sum;
 }
 
-}  // namespace platform
-}  // namespace qx
+}  // namespace qx::platform

@@ -8,8 +8,7 @@
 
 #include "qxtools/emulated_board.h"
 
-namespace qx {
-namespace platform {
+namespace qx::platform {
 
 // Threads: safe from any thread.
 class PhysicalMemory {
@@ -42,5 +41,4 @@ class PhysicalMemory {
   std::map<std::uint64_t, std::uint64_t> blocks_;  // address to size
 };
 
-}  // namespace platform
-}  // namespace qx
+}  // namespace qx::platform

@@ -10,8 +10,7 @@
 #include "platform/emulated/board.h"
 #include "platform/volatile_word.h"
 
-namespace qx {
-namespace platform {
+namespace qx::platform {
 namespace {
 
 std::string Describe(std::uint64_t first, std::uint64_t second) {
@@ -98,5 +97,4 @@ void StoreRegister(volatile std::uint32_t* reg, std::uint32_t value) {
   }
 }
 
-}  // namespace platform
-}  // namespace qx
+}  // namespace qx::platform

@@ -3,8 +3,7 @@
 
 #include <stdexcept>
 
-namespace qx {
-namespace emulated_board {
+namespace qx::emulated_board {
 namespace {
 
 [[noreturn]] void Refuse() {
@@ -25,5 +24,4 @@ void StartRecording() { Refuse(); }
 std::vector<Call> TakeRecording() { Refuse(); }
 void CheckContainer(const std::string& /*text*/) { Refuse(); }
 
-}  // namespace emulated_board
-}  // namespace qx
+}  // namespace qx::emulated_board

@@ -6,8 +6,7 @@
 
 #include "platform/volatile_word.h"
 
-namespace qx {
-namespace platform {
+namespace qx::platform {
 
 int Open(const char* path, int flags) { return open(path, flags); }
 
@@ -27,5 +26,4 @@ std::uint32_t LoadRegister(const volatile std::uint32_t* reg) { return LoadWord(
 
 void StoreRegister(volatile std::uint32_t* reg, std::uint32_t value) { StoreWord(reg, value); }
 
-}  // namespace platform
-}  // namespace qx
+}  // namespace qx::platform

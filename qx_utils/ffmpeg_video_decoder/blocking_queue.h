@@ -8,9 +8,7 @@
 #include <mutex>
 #include <utility>
 
-namespace qx {
-namespace utils {
-namespace ffmpeg {
+namespace qx::utils::ffmpeg {
 
 // An unbounded first-in first-out queue whose reader waits while it is empty.
 //
@@ -64,6 +62,4 @@ class BlockingQueue {
   std::condition_variable not_empty_;
 };
 
-}  // namespace ffmpeg
-}  // namespace utils
-}  // namespace qx
+}  // namespace qx::utils::ffmpeg

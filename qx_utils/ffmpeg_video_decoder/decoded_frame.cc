@@ -12,9 +12,7 @@ extern "C" {
 #include "qx_utils/ffmpeg_video_decoder/pixel_format.h"
 #include "vision/image_frame_fields.h"
 
-namespace qx {
-namespace utils {
-namespace ffmpeg {
+namespace qx::utils::ffmpeg {
 namespace {
 
 using velkar::vision::ImageFrame;
@@ -145,6 +143,4 @@ const FrameLayout* LayoutOf(const std::shared_ptr<ImageFrame>& frame) {
   return owner != nullptr && owner->frame == frame.get() ? &owner->layout : nullptr;
 }
 
-}  // namespace ffmpeg
-}  // namespace utils
-}  // namespace qx
+}  // namespace qx::utils::ffmpeg

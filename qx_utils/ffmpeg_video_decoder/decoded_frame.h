@@ -9,9 +9,7 @@
 #include "qx_utils/internal/ffmpeg_handles.h"
 #include "qxtools/ffmpeg_video_decoder.h"
 
-namespace qx {
-namespace utils {
-namespace ffmpeg {
+namespace qx::utils::ffmpeg {
 
 // Copies a picture of FFmpeg's into a new frame.
 //
@@ -27,6 +25,4 @@ namespace ffmpeg {
                                        std::shared_ptr<velkar::vision::ImageFrame>& frame,
                                        std::string& refusal);
 
-}  // namespace ffmpeg
-}  // namespace utils
-}  // namespace qx
+}  // namespace qx::utils::ffmpeg

@@ -11,9 +11,7 @@
 #include "qx_utils/ffmpeg_video_decoder/sent_packets.h"
 #include "qxtools/ffmpeg_video_decoder.h"
 
-namespace qx {
-namespace utils {
-namespace ffmpeg {
+namespace qx::utils::ffmpeg {
 
 struct DecoderState {
   DecoderState() = default;
@@ -31,6 +29,4 @@ struct DecoderState {
   std::string last_refusal;  // what was logged of the newest picture; "" when that was queued
 };
 
-}  // namespace ffmpeg
-}  // namespace utils
-}  // namespace qx
+}  // namespace qx::utils::ffmpeg

@@ -4,9 +4,7 @@
 
 #include <exception>
 
-namespace qx {
-namespace utils {
-namespace ffmpeg {
+namespace qx::utils::ffmpeg {
 namespace {
 
 // An exception ends here: on a thread of the library nobody else could catch it.
@@ -35,6 +33,4 @@ void Deliver(const std::shared_ptr<Delivery>& delivery) {
   }
 }
 
-}  // namespace ffmpeg
-}  // namespace utils
-}  // namespace qx
+}  // namespace qx::utils::ffmpeg

@@ -12,9 +12,7 @@
 #include "qxtools/image_frame.h"
 #include "qxtools/video.h"
 
-namespace qx {
-namespace utils {
-namespace ffmpeg {
+namespace qx::utils::ffmpeg {
 
 // A frame on its way to the callback. Both fields are null in the element that only wakes the
 // worker up.
@@ -82,6 +80,4 @@ struct Delivery {
 // Hands queued frames to the callback until `stop` is set. Touches nothing but its argument.
 void Deliver(const std::shared_ptr<Delivery>& delivery);
 
-}  // namespace ffmpeg
-}  // namespace utils
-}  // namespace qx
+}  // namespace qx::utils::ffmpeg

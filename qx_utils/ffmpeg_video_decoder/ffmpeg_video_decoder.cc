@@ -12,9 +12,7 @@
 #include "qx_utils/ffmpeg_video_decoder/decoder_state.h"
 #include "qx_utils/internal/ffmpeg_handles.h"
 
-namespace qx {
-namespace utils {
-namespace ffmpeg {
+namespace qx::utils::ffmpeg {
 namespace {
 
 using video::StreamPacket;
@@ -229,6 +227,4 @@ void FfmpegDecoder::WaitUntilDelivered() {
 
 std::shared_ptr<FfmpegDecoder> CreateFfmpegDecoder() { return std::make_shared<FfmpegDecoder>(); }
 
-}  // namespace ffmpeg
-}  // namespace utils
-}  // namespace qx
+}  // namespace qx::utils::ffmpeg

@@ -11,9 +11,7 @@
 #define ASAN_UNPOISON_MEMORY_REGION(address, bytes) ((void)(address), (void)(bytes))
 #endif
 
-namespace qx {
-namespace utils {
-namespace ffmpeg {
+namespace qx::utils::ffmpeg {
 
 // What stands before a buffer, in the same allocation: it ends with the buffer's last byte, so that
 // the address sanitizer sees what is accessed past it. A kept buffer is poisoned for the sanitizer.
@@ -131,6 +129,4 @@ PictureBlock* PicturePool::Surplus() noexcept {
   return surplus;
 }
 
-}  // namespace ffmpeg
-}  // namespace utils
-}  // namespace qx
+}  // namespace qx::utils::ffmpeg

@@ -7,9 +7,7 @@
 #include <memory>
 #include <mutex>
 
-namespace qx {
-namespace utils {
-namespace ffmpeg {
+namespace qx::utils::ffmpeg {
 
 struct PictureBlock;
 
@@ -73,6 +71,4 @@ struct PictureByte {
   }
 };
 
-}  // namespace ffmpeg
-}  // namespace utils
-}  // namespace qx
+}  // namespace qx::utils::ffmpeg

@@ -4,9 +4,7 @@
 
 #include <map>
 
-namespace qx {
-namespace utils {
-namespace ffmpeg {
+namespace qx::utils::ffmpeg {
 
 namespace {
 
@@ -33,6 +31,4 @@ AVPixelFormat WithoutColourRange(AVPixelFormat av_format) {
   return Formats().count(av_format) != 0 ? av_format : AV_PIX_FMT_NONE;
 }
 
-}  // namespace ffmpeg
-}  // namespace utils
-}  // namespace qx
+}  // namespace qx::utils::ffmpeg

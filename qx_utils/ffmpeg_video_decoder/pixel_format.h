@@ -7,9 +7,7 @@ extern "C" {
 
 #include "qxtools/image_frame.h"
 
-namespace qx {
-namespace utils {
-namespace ffmpeg {
+namespace qx::utils::ffmpeg {
 
 // The library's format for the three 4:2:0 layouts that the decoder passes on: planar, NV12, NV21.
 // Errors: ends the process through a fatal log line for any other format.
@@ -20,6 +18,4 @@ QXPixelFormat ConvertAvPixelFormat(AVPixelFormat av_format);
 //          may differ in colour range; AV_PIX_FMT_NONE when it knows none.
 AVPixelFormat WithoutColourRange(AVPixelFormat av_format);
 
-}  // namespace ffmpeg
-}  // namespace utils
-}  // namespace qx
+}  // namespace qx::utils::ffmpeg

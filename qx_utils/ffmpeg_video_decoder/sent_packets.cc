@@ -6,9 +6,7 @@
 #include "qx_utils/internal/ffmpeg_handles.h"
 #include "qx_utils/internal/stream_packet.h"
 
-namespace qx {
-namespace utils {
-namespace ffmpeg {
+namespace qx::utils::ffmpeg {
 namespace {
 
 using video::StreamPacket;
@@ -57,6 +55,4 @@ const SentPacket& SentPackets::Find(std::int64_t number) const {
   return sent.number == number ? sent : blank;
 }
 
-}  // namespace ffmpeg
-}  // namespace utils
-}  // namespace qx
+}  // namespace qx::utils::ffmpeg

@@ -9,9 +9,7 @@
 #include "qxtools/packet_times.h"
 #include "qxtools/video.h"
 
-namespace qx {
-namespace utils {
-namespace ffmpeg {
+namespace qx::utils::ffmpeg {
 
 struct SentPacket {
   std::int64_t number = -1;
@@ -42,6 +40,4 @@ class SentPackets {
   std::uint64_t gaps_ = 0;
 };
 
-}  // namespace ffmpeg
-}  // namespace utils
-}  // namespace qx
+}  // namespace qx::utils::ffmpeg

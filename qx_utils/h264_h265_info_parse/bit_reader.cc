@@ -2,8 +2,7 @@
 
 #include <glog/logging.h>
 
-namespace qx {
-namespace utils {
+namespace qx::utils {
 namespace {
 
 constexpr std::uint8_t kEmulationPrevention = 0x03;
@@ -56,5 +55,4 @@ std::uint32_t ReadUE(BitReader& r) {
   return ReadBits(r, zeros) + static_cast<std::uint32_t>(offset);
 }
 
-}  // namespace utils
-}  // namespace qx
+}  // namespace qx::utils

@@ -3,8 +3,7 @@
 
 #include <cstdint>
 
-namespace qx {
-namespace utils {
+namespace qx::utils {
 
 // One pass over the payload of a NAL unit. Borrows the bytes; set `data` and `size`, leave the
 // rest 0.
@@ -36,5 +35,4 @@ std::uint32_t ReadBits(BitReader& r, std::uint64_t n);
 //          bits behind the 33rd zero. A code cut off after z zeros gives 2^z - 1.
 std::uint32_t ReadUE(BitReader& r);
 
-}  // namespace utils
-}  // namespace qx
+}  // namespace qx::utils

@@ -7,8 +7,7 @@
 
 #include "qx_utils/h264_h265_info_parse/start_code.h"
 
-namespace qx {
-namespace utils {
+namespace qx::utils {
 
 std::optional<std::int32_t> FindSps(const std::uint8_t* data, std::size_t size,
                                     const CodecRules& rules, VideoParams& result) {
@@ -49,5 +48,4 @@ std::optional<BitReader> OpenSps(const char* data, std::size_t size, const Codec
   return reader;
 }
 
-}  // namespace utils
-}  // namespace qx
+}  // namespace qx::utils

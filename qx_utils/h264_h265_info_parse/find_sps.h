@@ -8,8 +8,7 @@
 #include "qx_utils/h264_h265_info_parse/bit_reader.h"
 #include "qxtools/h264_h265_info_parse.h"
 
-namespace qx {
-namespace utils {
+namespace qx::utils {
 
 // How a codec writes its NAL unit headers.
 struct CodecRules {
@@ -31,5 +30,4 @@ std::optional<std::int32_t> FindSps(const std::uint8_t* data, std::size_t size,
 std::optional<BitReader> OpenSps(const char* data, std::size_t size, const CodecRules& rules,
                                  VideoParams& result);
 
-}  // namespace utils
-}  // namespace qx
+}  // namespace qx::utils

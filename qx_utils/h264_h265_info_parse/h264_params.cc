@@ -4,8 +4,7 @@
 
 #include "qx_utils/h264_h265_info_parse/find_sps.h"
 
-namespace qx {
-namespace utils {
+namespace qx::utils {
 namespace {
 
 constexpr CodecRules kRules{1, 0, 0x1F, 7, "found h264 SPS at "};
@@ -135,5 +134,4 @@ VideoParams ParseH264Params(const char* data, std::size_t size) {
   return params;
 }
 
-}  // namespace utils
-}  // namespace qx
+}  // namespace qx::utils

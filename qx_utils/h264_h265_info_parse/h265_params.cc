@@ -3,8 +3,7 @@
 // element.
 #include "qx_utils/h264_h265_info_parse/find_sps.h"
 
-namespace qx {
-namespace utils {
+namespace qx::utils {
 namespace {
 
 constexpr CodecRules kRules{2, 1, 0x3F, 33, "found h265 SPS at "};
@@ -69,5 +68,4 @@ VideoParams ParseH265Params(const char* data, std::size_t size) {
   return params;
 }
 
-}  // namespace utils
-}  // namespace qx
+}  // namespace qx::utils

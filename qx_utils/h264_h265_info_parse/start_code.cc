@@ -2,8 +2,7 @@
 
 #include <cstring>
 
-namespace qx {
-namespace utils {
+namespace qx::utils {
 namespace {
 
 // Vectors of the compiler rather than intrinsics: the same source becomes SSE2, NEON, or plain
@@ -67,5 +66,4 @@ const std::uint8_t* FindStartCode(const std::uint8_t* begin, const std::uint8_t*
   return end;
 }
 
-}  // namespace utils
-}  // namespace qx
+}  // namespace qx::utils

@@ -4,8 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 
-namespace qx {
-namespace utils {
+namespace qx::utils {
 
 constexpr std::size_t kStartCodeBytes = 4;
 
@@ -13,5 +12,4 @@ constexpr std::size_t kStartCodeBytes = 4;
 // Cost:    a few instructions per 64 bytes whatever the bytes are; no data makes it slow.
 const std::uint8_t* FindStartCode(const std::uint8_t* begin, const std::uint8_t* end);
 
-}  // namespace utils
-}  // namespace qx
+}  // namespace qx::utils

@@ -7,9 +7,7 @@
 #include "qx_utils/image/kernels/argb.h"
 #include "qx_utils/internal/cpu_features.h"
 
-namespace qx {
-namespace utils {
-namespace image {
+namespace qx::utils::image {
 namespace {
 
 const ArgbVariant& ActiveVariant() {
@@ -61,6 +59,4 @@ int CvtColorBGR2ARGB(unsigned char* src, std::size_t src_len, unsigned char* dst
   return Convert(&ArgbRuns::bgr, src, src_len, dst, dst_len);
 }
 
-}  // namespace image
-}  // namespace utils
-}  // namespace qx
+}  // namespace qx::utils::image

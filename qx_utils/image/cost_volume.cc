@@ -11,9 +11,7 @@
 #include "qx_utils/internal/cpu_features.h"
 #include "qx_utils/internal/frame_view.h"
 
-namespace qx {
-namespace utils {
-namespace image {
+namespace qx::utils::image {
 namespace {
 
 using internal::FrameView;
@@ -102,6 +100,4 @@ void CostVolume(ImageFrame* input_l, ImageFrame* input_r, ImageFrame* output) {
   Compute(&left, &right, &volume);
 }
 
-}  // namespace image
-}  // namespace utils
-}  // namespace qx
+}  // namespace qx::utils::image

@@ -6,9 +6,7 @@
 #include <cstdint>
 #include <cstring>
 
-namespace qx {
-namespace utils {
-namespace image {
+namespace qx::utils::image {
 namespace {
 
 using RowCopier = std::function<void(void*, std::size_t, void*, std::size_t)>;
@@ -95,6 +93,4 @@ unsigned int AlignmentHelper(unsigned int value, unsigned int alignment) {
 
 void ReleaseResources() {}
 
-}  // namespace image
-}  // namespace utils
-}  // namespace qx
+}  // namespace qx::utils::image

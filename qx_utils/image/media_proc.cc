@@ -5,9 +5,7 @@
 #include <mutex>
 #include <utility>
 
-namespace qx {
-namespace utils {
-namespace image {
+namespace qx::utils::image {
 namespace {
 
 using Frame = MediaProc::Frame;
@@ -130,6 +128,4 @@ std::vector<unsigned char> Encode(Frame frame, ImageFileFormat format, int devic
   return Encode(std::move(frame), format, EncodeParams(), device);
 }
 
-}  // namespace image
-}  // namespace utils
-}  // namespace qx
+}  // namespace qx::utils::image

@@ -29,9 +29,7 @@
 #include <sanitizer/tsan_interface.h>
 #endif
 
-namespace qx {
-namespace utils {
-namespace internal {
+namespace qx::utils::internal {
 namespace {
 
 constexpr std::size_t kStackBytes = std::size_t{1}
@@ -142,6 +140,4 @@ void Coroutine::SwitchOut(bool for_good) {
   EndSwitch(saved, &outside_bottom_, &outside_bytes_);
 }
 
-}  // namespace internal
-}  // namespace utils
-}  // namespace qx
+}  // namespace qx::utils::internal

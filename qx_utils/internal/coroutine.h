@@ -5,9 +5,7 @@
 
 #include <cstddef>
 
-namespace qx {
-namespace utils {
-namespace internal {
+namespace qx::utils::internal {
 
 // Runs one piece of work at a time on a stack of its own, but on the thread of whoever calls
 // Start() or Resume(). While the work is suspended, its stack stays as it is and costs no processor
@@ -59,6 +57,4 @@ class Coroutine {
   void* inside_fiber_ = nullptr;
 };
 
-}  // namespace internal
-}  // namespace utils
-}  // namespace qx
+}  // namespace qx::utils::internal

@@ -11,9 +11,7 @@
 #include <sys/auxv.h>
 #endif
 
-namespace qx {
-namespace utils {
-namespace internal {
+namespace qx::utils::internal {
 namespace {
 
 #if defined(__x86_64__)
@@ -96,7 +94,9 @@ std::uint32_t ActiveFeatures() {
   return features;
 }
 
-}  // namespace internal
+}  // namespace qx::utils::internal
+
+namespace qx::utils {
 
 std::vector<InstructionSet> InstructionSets() {
   const std::uint32_t supported = internal::SupportedFeatures();
@@ -111,5 +111,4 @@ std::vector<InstructionSet> InstructionSets() {
   return sets;
 }
 
-}  // namespace utils
-}  // namespace qx
+}  // namespace qx::utils

@@ -8,9 +8,7 @@
 #include <cstddef>
 #include <cstdint>
 
-namespace qx {
-namespace utils {
-namespace internal {
+namespace qx::utils::internal {
 
 enum CpuFeature : std::uint32_t {
   kCpuAvx2 = 1U << 0,
@@ -58,6 +56,4 @@ const Variant& BestVariant(const Variant* table, std::size_t count, std::uint32_
   return table[i];
 }
 
-}  // namespace internal
-}  // namespace utils
-}  // namespace qx
+}  // namespace qx::utils::internal

@@ -1,8 +1,6 @@
 #include "qx_utils/internal/demuxer_input.h"
 
-namespace qx {
-namespace utils {
-namespace internal {
+namespace qx::utils::internal {
 
 DemuxerInput::DemuxerInput(const std::string& url, std::shared_ptr<InputWatch> watch)
     : url_(url), watch_(std::move(watch)), kind_(KindOf(url)) {
@@ -104,6 +102,4 @@ bool DemuxerInput::StopsProbing() {
   return probing_cut_ || watch_->Cancelled() || abandoned_;
 }
 
-}  // namespace internal
-}  // namespace utils
-}  // namespace qx
+}  // namespace qx::utils::internal

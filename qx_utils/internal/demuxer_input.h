@@ -19,9 +19,7 @@
 #include "qx_utils/internal/ffmpeg_options.h"
 #include "qx_utils/internal/input_watch.h"
 
-namespace qx {
-namespace utils {
-namespace internal {
+namespace qx::utils::internal {
 
 // Threads: one at a time.
 class DemuxerInput {
@@ -80,6 +78,4 @@ class DemuxerInput {
   std::int64_t wall_clock_ = AV_NOPTS_VALUE;
 };
 
-}  // namespace internal
-}  // namespace utils
-}  // namespace qx
+}  // namespace qx::utils::internal

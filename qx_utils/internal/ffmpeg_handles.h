@@ -14,9 +14,7 @@ extern "C" {
 
 #include <memory>
 
-namespace qx {
-namespace utils {
-namespace internal {
+namespace qx::utils::internal {
 
 struct FfmpegDeleter {
   void operator()(AVFormatContext* context) const { avformat_close_input(&context); }
@@ -82,6 +80,4 @@ inline bool IsKeyPicture(const AVFrame& picture) {
 #endif
 }
 
-}  // namespace internal
-}  // namespace utils
-}  // namespace qx
+}  // namespace qx::utils::internal

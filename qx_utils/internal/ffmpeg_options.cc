@@ -2,9 +2,7 @@
 
 #include <cstring>
 
-namespace qx {
-namespace utils {
-namespace internal {
+namespace qx::utils::internal {
 namespace {
 
 // libavformat 58 calls the socket limit of its RTSP client "stimeout", and there "timeout" turns
@@ -33,6 +31,4 @@ FfmpegPtr<AVDictionary> InputOptions(const std::string& url) {
   return FfmpegPtr<AVDictionary>(options);
 }
 
-}  // namespace internal
-}  // namespace utils
-}  // namespace qx
+}  // namespace qx::utils::internal

@@ -6,9 +6,7 @@
 
 #include "qx_utils/internal/ffmpeg_handles.h"
 
-namespace qx {
-namespace utils {
-namespace internal {
+namespace qx::utils::internal {
 
 // Limit of each wait on the socket of an RTSP camera.
 constexpr std::chrono::seconds kSocketLimit(3);
@@ -24,6 +22,4 @@ InputKind KindOf(const std::string& url);
 // these options; those that do not know them leave them alone.
 FfmpegPtr<AVDictionary> InputOptions(const std::string& url);
 
-}  // namespace internal
-}  // namespace utils
-}  // namespace qx
+}  // namespace qx::utils::internal

@@ -4,9 +4,7 @@
 
 #include <limits>
 
-namespace qx {
-namespace utils {
-namespace internal {
+namespace qx::utils::internal {
 
 FrameView::FrameView(const velkar::vision::ImageFrame& frame)
     : pixel_format(frame.pixel_format),
@@ -60,6 +58,4 @@ template void CheckCostVolumeFrames(const velkar::vision::ImageFrame*,
                                     const velkar::vision::ImageFrame*,
                                     const velkar::vision::ImageFrame*);
 
-}  // namespace internal
-}  // namespace utils
-}  // namespace qx
+}  // namespace qx::utils::internal

@@ -6,9 +6,7 @@
 
 #include "qxtools/image_frame.h"
 
-namespace qx {
-namespace utils {
-namespace internal {
+namespace qx::utils::internal {
 
 // A frame's attributes, read once: a frame of somebody else's could answer differently each time.
 struct FrameView {
@@ -40,6 +38,4 @@ std::ostream& operator<<(std::ostream& out, const FrameView& view);
 template <typename Frame>
 void CheckCostVolumeFrames(const Frame* input_l, const Frame* input_r, const Frame* output);
 
-}  // namespace internal
-}  // namespace utils
-}  // namespace qx
+}  // namespace qx::utils::internal

@@ -2,9 +2,7 @@
 
 #include <algorithm>
 
-namespace qx {
-namespace utils {
-namespace internal {
+namespace qx::utils::internal {
 namespace {
 
 using video::DemuxerFault;
@@ -113,6 +111,4 @@ DemuxerFault InputWatch::NetworkFault(int code, InputKind kind) const {
   return FaultOf(code);
 }
 
-}  // namespace internal
-}  // namespace utils
-}  // namespace qx
+}  // namespace qx::utils::internal

@@ -10,9 +10,7 @@
 #include "qx_utils/internal/ffmpeg_options.h"
 #include "qxtools/ffmpeg_demuxer.h"
 
-namespace qx {
-namespace utils {
-namespace internal {
+namespace qx::utils::internal {
 
 // Threads: Cancel(), ClearCancel(), Cancelled() and Interrupted() from any; the rest from the
 // thread
@@ -90,6 +88,4 @@ class InputWatch {
   video::DemuxerFault fault_ = video::DemuxerFault::kNone;
 };
 
-}  // namespace internal
-}  // namespace utils
-}  // namespace qx
+}  // namespace qx::utils::internal

@@ -1,8 +1,6 @@
 #include "qx_utils/internal/stream_packet.h"
 
-namespace qx {
-namespace utils {
-namespace internal {
+namespace qx::utils::internal {
 namespace {
 
 // Holds the AVPacket by value: a third allocation for each packet is saved.
@@ -45,6 +43,4 @@ PacketStamp StampOf(const std::shared_ptr<video::StreamPacket>& packet) {
   return deleter == nullptr ? PacketStamp() : deleter->stamp;
 }
 
-}  // namespace internal
-}  // namespace utils
-}  // namespace qx
+}  // namespace qx::utils::internal

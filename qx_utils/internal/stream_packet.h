@@ -7,9 +7,7 @@
 #include "qxtools/packet_times.h"
 #include "qxtools/video.h"
 
-namespace qx {
-namespace utils {
-namespace internal {
+namespace qx::utils::internal {
 
 // What a packet's AVPacket does not tell of itself: older generations have no time base in it.
 struct PacketStamp {
@@ -30,6 +28,4 @@ const AVPacket* WrappedPacket(const std::shared_ptr<video::StreamPacket>& packet
 // Returns: what WrapPacket() was given; a blank stamp when it did not make `packet`.
 PacketStamp StampOf(const std::shared_ptr<video::StreamPacket>& packet);
 
-}  // namespace internal
-}  // namespace utils
-}  // namespace qx
+}  // namespace qx::utils::internal

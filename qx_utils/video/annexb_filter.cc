@@ -14,9 +14,7 @@
 #include "qxtools/ffmpeg_demuxer.h"
 #include "qxtools/reconnecting_demuxer.h"
 
-namespace qx {
-namespace utils {
-namespace video {
+namespace qx::utils::video {
 namespace {
 
 using BsfPtr = internal::FfmpegPtr<AVBSFContext>;
@@ -240,6 +238,4 @@ std::shared_ptr<StreamPacket> AnnexBFilter::Filter(const std::shared_ptr<StreamP
   return nullptr;
 }
 
-}  // namespace video
-}  // namespace utils
-}  // namespace qx
+}  // namespace qx::utils::video

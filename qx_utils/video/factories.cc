@@ -3,9 +3,7 @@
 #include "qxtools/ffmpeg_demuxer.h"
 #include "qxtools/video.h"
 
-namespace qx {
-namespace utils {
-namespace video {
+namespace qx::utils::video {
 
 Demuxer::~Demuxer() = default;
 Decoder::~Decoder() = default;
@@ -17,6 +15,4 @@ std::shared_ptr<Decoder> Decoder::CreateInstance() { return nullptr; }
 
 std::shared_ptr<Encoder> Encoder::CreateInstance() { return nullptr; }
 
-}  // namespace video
-}  // namespace utils
-}  // namespace qx
+}  // namespace qx::utils::video

@@ -11,9 +11,7 @@
 #include "qx_utils/internal/input_watch.h"
 #include "qx_utils/internal/stream_packet.h"
 
-namespace qx {
-namespace utils {
-namespace video {
+namespace qx::utils::video {
 namespace {
 
 using internal::DemuxerInput;
@@ -259,6 +257,4 @@ void FfmpegDemuxer::Cancel() { watch_->Cancel(); }
 
 void FfmpegDemuxer::ClearCancel() { watch_->ClearCancel(); }
 
-}  // namespace video
-}  // namespace utils
-}  // namespace qx
+}  // namespace qx::utils::video

@@ -3,9 +3,7 @@
 #include "qx_utils/internal/ffmpeg_handles.h"
 #include "qx_utils/internal/stream_packet.h"
 
-namespace qx {
-namespace utils {
-namespace video {
+namespace qx::utils::video {
 
 static_assert(AV_NOPTS_VALUE == kNoTime, "FFmpeg's unknown time is ours");
 
@@ -23,6 +21,4 @@ std::optional<PacketTimes> PacketTimesOf(const std::shared_ptr<StreamPacket>& pa
                      stamp.wall_clock_us};
 }
 
-}  // namespace video
-}  // namespace utils
-}  // namespace qx
+}  // namespace qx::utils::video

@@ -8,9 +8,7 @@
 
 #include "qxtools/annexb_filter.h"
 
-namespace qx {
-namespace utils {
-namespace video {
+namespace qx::utils::video {
 namespace {
 
 using Clock = std::chrono::steady_clock;
@@ -212,6 +210,4 @@ void ReconnectingDemuxer::Cancel() { impl_->SetCancelled(true); }
 
 void ReconnectingDemuxer::ClearCancel() { impl_->SetCancelled(false); }
 
-}  // namespace video
-}  // namespace utils
-}  // namespace qx
+}  // namespace qx::utils::video

@@ -13,8 +13,7 @@
 #include "qxtools/ffmpeg_demuxer.h"
 #include "qxtools/ffmpeg_video_decoder.h"
 
-namespace qx {
-namespace testing {
+namespace qx::testing {
 
 using FramePtr = std::shared_ptr<velkar::vision::ImageFrame>;
 using PacketPtr = std::shared_ptr<utils::video::StreamPacket>;
@@ -114,5 +113,4 @@ inline std::size_t Drain(utils::video::Decoder& decoder, int wanted = utils::ffm
   return count;
 }
 
-}  // namespace testing
-}  // namespace qx
+}  // namespace qx::testing

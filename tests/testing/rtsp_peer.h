@@ -9,8 +9,7 @@
 #include <string>
 #include <vector>
 
-namespace qx {
-namespace testing {
+namespace qx::testing {
 
 // A Python program of this folder, with its arguments, in a process of its own, which ends with
 // this object.
@@ -59,5 +58,4 @@ class RtspPeer {
   std::string port_;
 };
 
-}  // namespace testing
-}  // namespace qx
+}  // namespace qx::testing

@@ -8,9 +8,7 @@
 #include <cstddef>
 #include <cstdint>
 
-namespace qx {
-namespace utils {
-namespace image {
+namespace qx::utils::image {
 
 using ArgbRun = void (*)(const std::uint8_t* src, std::uint8_t* dst, std::size_t pixels);
 
@@ -50,6 +48,4 @@ extern const ArgbRuns kArgbAvx512Vbmi, kArgbAvx512VbmiStreaming;
 extern const ArgbRuns kArgbNeon;
 #endif
 
-}  // namespace image
-}  // namespace utils
-}  // namespace qx
+}  // namespace qx::utils::image

@@ -2,9 +2,7 @@
 
 #include "qx_utils/image/kernels/argb.h"
 
-namespace qx {
-namespace utils {
-namespace image {
+namespace qx::utils::image {
 namespace {
 
 constexpr std::size_t kStep = 16;  // pixels of one structured load
@@ -32,6 +30,4 @@ void Run(const std::uint8_t* src, std::uint8_t* dst, std::size_t pixels) {
 
 const ArgbRuns kArgbNeon = {Run<0, 2>, Run<2, 0>};
 
-}  // namespace image
-}  // namespace utils
-}  // namespace qx
+}  // namespace qx::utils::image

@@ -1,8 +1,6 @@
 #include "qx_utils/image/kernels/argb.h"
 
-namespace qx {
-namespace utils {
-namespace image {
+namespace qx::utils::image {
 namespace {
 
 template <int kRed, int kBlue>
@@ -19,6 +17,4 @@ void Run(const std::uint8_t* src, std::uint8_t* dst, std::size_t pixels) {
 
 const ArgbRuns kArgbScalar = {Run<0, 2>, Run<2, 0>};
 
-}  // namespace image
-}  // namespace utils
-}  // namespace qx
+}  // namespace qx::utils::image

@@ -2,9 +2,7 @@
 
 #include "qx_utils/image/kernels/argb.h"
 
-namespace qx {
-namespace utils {
-namespace image {
+namespace qx::utils::image {
 namespace {
 
 constexpr std::size_t kStep = 16;  // pixels: three vectors in, four out
@@ -56,6 +54,4 @@ void Run(const std::uint8_t* src, std::uint8_t* dst, std::size_t pixels) {
 const ArgbRuns kArgbSsse3 = {Run<false, false>, Run<true, false>};
 const ArgbRuns kArgbSsse3Streaming = {Run<false, true>, Run<true, true>};
 
-}  // namespace image
-}  // namespace utils
-}  // namespace qx
+}  // namespace qx::utils::image

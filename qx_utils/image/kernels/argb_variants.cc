@@ -1,9 +1,7 @@
 #include "qx_utils/image/kernels/argb.h"
 #include "qx_utils/internal/cpu_features.h"
 
-namespace qx {
-namespace utils {
-namespace image {
+namespace qx::utils::image {
 namespace {
 
 constexpr ArgbVariant kVariants[] = {
@@ -24,6 +22,4 @@ const ArgbVariant* ArgbVariants(std::size_t* count) {
   return kVariants;
 }
 
-}  // namespace image
-}  // namespace utils
-}  // namespace qx
+}  // namespace qx::utils::image
