@@ -14,7 +14,7 @@
 
 #include "bench/interleaved.h"
 #include "qx_utils/image/kernels/argb.h"
-#include "qx_utils/internal/cpu_features.h"
+#include "qx_utils/image/kernels/cpu_features.h"
 #include "qxtools/argb.h"
 
 #if defined(QXTOOLS_BENCH_LIBYUV)

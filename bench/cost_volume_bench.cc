@@ -17,7 +17,7 @@
 
 #include "bench/cost_volume_rivals.h"
 #include "qx_utils/image/kernels/cost_volume.h"
-#include "qx_utils/internal/cpu_features.h"
+#include "qx_utils/image/kernels/cpu_features.h"
 
 namespace qx::bench {
 namespace {

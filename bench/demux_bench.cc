@@ -11,7 +11,7 @@
 #include <memory>
 #include <vector>
 
-#include "qx_utils/internal/ffmpeg_handles.h"
+#include "qx_utils/ffmpeg_handles.h"
 #include "qxtools/ffmpeg_demuxer.h"
 
 namespace {

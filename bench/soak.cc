@@ -25,7 +25,7 @@
 #include <vector>
 
 #include "bench/process_samples.h"
-#include "qx_utils/internal/ffmpeg_handles.h"
+#include "qx_utils/ffmpeg_handles.h"
 #include "qxtools/annexb_filter.h"
 #include "qxtools/ffmpeg_demuxer.h"
 #include "qxtools/ffmpeg_video_decoder.h"

@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "fuzz/require.h"
-#include "qx_utils/internal/stream_packet.h"
+#include "qx_utils/video/stream_packet.h"
 #include "qxtools/annexb_filter.h"
 #include "qxtools/ffmpeg_demuxer.h"
 

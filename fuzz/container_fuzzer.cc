@@ -8,8 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "board/emulated/board.h"
 #include "fuzz/require.h"
-#include "platform/emulated/board.h"
 #include "qxtools/cost_volume.h"
 #include "qxtools/emulated_board.h"
 #include "qxtools/fpga_correlation.h"
@@ -21,7 +21,7 @@ using velkar::vision::ImageFrameImpl;
 
 constexpr std::size_t kMostBytes = 1 << 16;  // of a buffer: larger kernels are loaded, not run
 
-void RunOnce(const qx::platform::Container& container, const std::string& path) {
+void RunOnce(const qx::board::Container& container, const std::string& path) {
   const auto& g = container.geometry;
   const std::size_t pixels = std::size_t{g.height} * g.width;
   if (pixels * g.channels > kMostBytes || pixels * g.disparities > kMostBytes) return;
@@ -43,9 +43,9 @@ void RunOnce(const qx::platform::Container& container, const std::string& path) 
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const std::string text(reinterpret_cast<const char*>(data), size);
-  qx::platform::Container container;
+  qx::board::Container container;
   try {
-    container = qx::platform::ParseContainer(text);
+    container = qx::board::ParseContainer(text);
   } catch (const std::runtime_error&) {
     return 0;
   }
@@ -58,7 +58,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   static const int file = memfd_create("container", MFD_CLOEXEC);
   static const std::string path = "/proc/self/fd/" + std::to_string(file);
   Require(ftruncate(file, 0) == 0 && pwrite(file, data, size, 0) == static_cast<ssize_t>(size));
-  Require(ready && qx::platform::Board::Get().Load(path) != 0);
+  Require(ready && qx::board::Board::Get().Load(path) != 0);
   RunOnce(container, path);
   return 0;
 }

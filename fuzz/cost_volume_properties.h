@@ -5,7 +5,7 @@
 #include <string>
 
 #include "qx_utils/image/kernels/cost_volume.h"
-#include "qx_utils/internal/cpu_features.h"
+#include "qx_utils/image/kernels/cpu_features.h"
 #include "tests/testing/guarded_buffer.h"
 
 namespace qx::fuzzing {

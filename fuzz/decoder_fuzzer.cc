@@ -9,7 +9,7 @@
 #include <utility>
 #include <vector>
 
-#include "qx_utils/internal/ffmpeg_handles.h"
+#include "qx_utils/ffmpeg_handles.h"
 #include "qxtools/ffmpeg_video_decoder.h"
 
 namespace {

@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "fuzz/require.h"
-#include "qx_utils/internal/ffmpeg_handles.h"
+#include "qx_utils/ffmpeg_handles.h"
 #include "qxtools/ffmpeg_demuxer.h"
 
 namespace {

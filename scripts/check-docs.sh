@@ -39,7 +39,7 @@ for page in "${pages[@]}"; do
   while read -r path; do
     links=$((links + 1))
     [ -e "$path" ] || complain "$page: \`$path\` does not exist"
-  done < <(grep -oE '`(bench|cmake|docs|examples|fuzz|include|platform|qx_utils|scripts|tests|tools|vision|vitis)/[A-Za-z0-9_./-]*`' "$page" |
+  done < <(grep -oE '`(bench|cmake|docs|examples|fuzz|include|board|qx_utils|scripts|tests|tools|vision|vitis)/[A-Za-z0-9_./-]*`' "$page" |
     tr -d '`' || true)
 done
 [ "$links" -gt 0 ] || die "no links found in ${#pages[@]} pages"

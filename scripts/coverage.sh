@@ -44,7 +44,7 @@ import json, os, sys
 
 project, least_lines, least_branches = sys.argv[1], float(sys.argv[2]), float(sys.argv[3])
 build = os.path.join(project, "build", "coverage")
-LIBRARY = ("include/", "qx_utils/", "vision/", "vitis/", "platform/")
+LIBRARY = ("include/", "qx_utils/", "vision/", "vitis/", "board/")
 PARSERS = ("qx_utils/h264_h265_info_parse/",)
 with open(os.path.join(build, "coverage.json")) as export:
     files = json.load(export)["data"][0]["files"]

@@ -4,7 +4,7 @@
 #include <fstream>
 #include <iterator>
 
-#include "qx_utils/internal/stream_packet.h"
+#include "qx_utils/video/stream_packet.h"
 #include "qxtools/ffmpeg_demuxer.h"
 #include "qxtools/reconnecting_demuxer.h"
 #include "tests/testing/temp_path.h"

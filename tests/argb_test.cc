@@ -4,7 +4,7 @@
 #include <tuple>
 
 #include "qx_utils/image/kernels/argb.h"
-#include "qx_utils/internal/cpu_features.h"
+#include "qx_utils/image/kernels/cpu_features.h"
 #include "tests/testing/test.h"
 
 namespace qx::utils::image {

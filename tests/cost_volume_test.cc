@@ -5,7 +5,7 @@
 #include <cmath>
 #include <random>
 
-#include "qx_utils/internal/cpu_features.h"
+#include "qx_utils/image/kernels/cpu_features.h"
 #include "tests/testing/test.h"
 
 namespace qx::utils::image {

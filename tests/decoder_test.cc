@@ -8,7 +8,7 @@
 
 #include "qx_utils/ffmpeg_video_decoder/decoded_frame.h"
 #include "qx_utils/ffmpeg_video_decoder/pixel_format.h"
-#include "qx_utils/internal/stream_packet.h"
+#include "qx_utils/video/stream_packet.h"
 #include "tests/testing/decoding.h"
 #include "tests/testing/test.h"
 

@@ -6,7 +6,7 @@
 #include <thread>
 #include <tuple>
 
-#include "qx_utils/internal/ffmpeg_handles.h"
+#include "qx_utils/ffmpeg_handles.h"
 #include "qxtools/annexb_filter.h"
 #include "qxtools/packet_times.h"
 #include "tests/testing/temp_path.h"

@@ -9,7 +9,7 @@
 #include <thread>
 #include <utility>
 
-#include "qx_utils/internal/ffmpeg_handles.h"
+#include "qx_utils/ffmpeg_handles.h"
 #include "tests/testing/decoding.h"
 #include "tests/testing/fpga_runs.h"
 #include "tests/testing/test.h"

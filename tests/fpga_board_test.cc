@@ -11,7 +11,7 @@
 #include <sstream>
 #include <thread>
 
-#include "platform/emulated/board_environment.h"
+#include "board/emulated/board_environment.h"
 #include "tests/testing/fpga_runs.h"
 #include "tests/testing/temp_path.h"
 #include "tests/testing/test.h"
@@ -312,9 +312,9 @@ TEST_F(FpgaBoard, SettingsComeFromTheEnvironmentAndAreChecked) {
   for (const auto& [name, value, expected] : cases) {
     setenv(("QXTOOLS_BOARD_" + name).c_str(), value.c_str(), 1);
     const LogCapture log;
-    platform::CallLog calls;
-    const emulated_board::Settings settings = platform::SettingsFromEnvironment();
-    platform::InjectFaultsFromEnvironment(calls);
+    board::CallLog calls;
+    const emulated_board::Settings settings = board::SettingsFromEnvironment();
+    board::InjectFaultsFromEnvironment(calls);
     std::ostringstream actual;
     actual << settings.geometry.width << ' ' << settings.run_time.count() << ' '
            << calls.ClearFaults() << ' ' << log.Messages(google::ERROR).size();

@@ -13,7 +13,7 @@ extern "C" {
 #include <stdexcept>
 #include <string_view>
 
-#include "qx_utils/internal/ffmpeg_handles.h"
+#include "qx_utils/ffmpeg_handles.h"
 #include "tools/planar_picture.h"
 
 namespace qx::tools {

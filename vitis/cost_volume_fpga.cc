@@ -1,7 +1,7 @@
 // The one-shot ways of running the correlation kernel.
 #include <glog/logging.h>
 
-#include "qx_utils/internal/frame_view.h"
+#include "qx_utils/image/cost_volume_frames.h"
 #include "qxtools/fpga_correlation.h"
 #include "vitis/buffers.h"
 #include "vitis/correlation.h"

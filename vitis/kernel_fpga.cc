@@ -3,7 +3,7 @@
 #include <cstdlib>
 #include <utility>
 
-#include "platform/register_device.h"
+#include "board/register_device.h"
 #include "qxtools/fpga_correlation.h"
 #include "vitis/buffers.h"
 #include "vitis/correlation.h"
@@ -55,7 +55,7 @@ Kernel_FPGA::Kernel_FPGA(int device_index, int input_size, int output_size)
   bo_left_ = buffers.left;
   bo_right_ = buffers.right;
   bo_output_ = buffers.output;
-  cu_base_addr_ = platform::ComputeUnitBaseAddress(kKernelName, 0);
+  cu_base_addr_ = board::ComputeUnitBaseAddress(kKernelName, 0);
   phys_addr_ = correlation::LowAddresses(buffers);
   correlation::RegisterDevice memory;
   regs_ = correlation::MapRegisters(memory.fd(), cu_base_addr_);
@@ -86,7 +86,7 @@ CorrelationUnit DescribeCorrelationUnit(int device_index) {
   CorrelationUnit unit{ContainerPath(), UnitName(), 0, {}, {}};
   xrt::device device = OpenDevice(device_index);
   const auto kernel = BuildKernel(device, unit.xclbin_path, unit.cu_name);
-  unit.base_address = platform::ComputeUnitBaseAddress(kKernelName, 0);
+  unit.base_address = board::ComputeUnitBaseAddress(kKernelName, 0);
   for (std::size_t i = 0; i < unit.offsets.size(); ++i) {
     unit.offsets[i] = kernel->offset(static_cast<int>(i));
   }

@@ -11,7 +11,7 @@
 #include <system_error>
 #include <utility>
 
-#include "platform/register_device.h"
+#include "board/register_device.h"
 #include "qxtools/fpga_correlation.h"
 
 namespace qx::utils::image {
@@ -56,33 +56,33 @@ void SleepFor(std::chrono::nanoseconds interval) {
   std::timespec request{};
   request.tv_nsec = static_cast<long>(interval.count());  // always below a second
   std::timespec remaining{};
-  while (platform::Sleep(&request, &remaining) != 0 && errno == EINTR) request = remaining;
+  while (board::Sleep(&request, &remaining) != 0 && errno == EINTR) request = remaining;
 }
 
 }  // namespace
 
-RegisterDevice::RegisterDevice() : fd_(platform::Open(kMemoryPath, O_RDWR | O_SYNC)) {
+RegisterDevice::RegisterDevice() : fd_(board::Open(kMemoryPath, O_RDWR | O_SYNC)) {
   if (fd_ < 0) ThrowRegisterError(errno, "open");
 }
 
 RegisterDevice::~RegisterDevice() {
-  if (fd_ >= 0) platform::Close(fd_);
+  if (fd_ >= 0) board::Close(fd_);
 }
 
 int RegisterDevice::Release() { return std::exchange(fd_, -1); }
 
-void CloseRegisterDevice(int fd) { platform::Close(fd); }
+void CloseRegisterDevice(int fd) { board::Close(fd); }
 
 volatile std::uint32_t* MapRegisters(int fd, std::uint64_t address) {
   const std::uint64_t page = address & ~std::uint64_t{kPageBytes - 1};
   void* map =
-      platform::Map(kPageBytes, PROT_READ | PROT_WRITE, MAP_SHARED, fd, static_cast<off_t>(page));
+      board::Map(kPageBytes, PROT_READ | PROT_WRITE, MAP_SHARED, fd, static_cast<off_t>(page));
   if (map == MAP_FAILED) ThrowRegisterError(errno, "map");
   return static_cast<volatile std::uint32_t*>(map);
 }
 
 void UnmapRegisters(volatile std::uint32_t* page) {
-  platform::Unmap(const_cast<std::uint32_t*>(page), kPageBytes);
+  board::Unmap(const_cast<std::uint32_t*>(page), kPageBytes);
 }
 
 volatile std::uint32_t* MappedRegisters::Word(std::uint32_t offset) const {
@@ -90,11 +90,11 @@ volatile std::uint32_t* MappedRegisters::Word(std::uint32_t offset) const {
 }
 
 std::uint32_t MappedRegisters::Load(std::uint32_t offset) {
-  return platform::LoadRegister(Word(offset));
+  return board::LoadRegister(Word(offset));
 }
 
 void MappedRegisters::Store(std::uint32_t offset, std::uint32_t value) {
-  platform::StoreRegister(Word(offset), value);
+  board::StoreRegister(Word(offset), value);
 }
 
 void MappedRegisters::StoreArguments(const Arguments& arguments) {

@@ -30,8 +30,8 @@
 
 #include "bench/cameras/clip.h"
 #include "bench/process_samples.h"
-#include "qx_utils/internal/ffmpeg_handles.h"
-#include "qx_utils/internal/ffmpeg_options.h"
+#include "qx_utils/ffmpeg_handles.h"
+#include "qx_utils/video/ffmpeg_options.h"
 #include "qxtools/ffmpeg_demuxer.h"
 #include "qxtools/reconnecting_demuxer.h"
 

@@ -4,9 +4,9 @@
 #include <memory>
 #include <string>
 
+#include "qx_utils/ffmpeg_handles.h"
 #include "qx_utils/ffmpeg_video_decoder/picture_pool.h"
 #include "qx_utils/ffmpeg_video_decoder/sent_packets.h"
-#include "qx_utils/internal/ffmpeg_handles.h"
 #include "qxtools/ffmpeg_video_decoder.h"
 
 namespace qx::utils::ffmpeg {

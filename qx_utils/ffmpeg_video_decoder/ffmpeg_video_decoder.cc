@@ -8,9 +8,9 @@
 #include <string>
 #include <utility>
 
+#include "qx_utils/ffmpeg_handles.h"
 #include "qx_utils/ffmpeg_video_decoder/decoded_frame.h"
 #include "qx_utils/ffmpeg_video_decoder/decoder_state.h"
-#include "qx_utils/internal/ffmpeg_handles.h"
 
 namespace qx::utils::ffmpeg {
 namespace {

@@ -3,8 +3,8 @@
 #include <limits>
 #include <optional>
 
-#include "qx_utils/internal/ffmpeg_handles.h"
-#include "qx_utils/internal/stream_packet.h"
+#include "qx_utils/ffmpeg_handles.h"
+#include "qx_utils/video/stream_packet.h"
 
 namespace qx::utils::ffmpeg {
 namespace {

@@ -5,7 +5,7 @@
 #include <cstdint>
 
 #include "qx_utils/image/kernels/argb.h"
-#include "qx_utils/internal/cpu_features.h"
+#include "qx_utils/image/kernels/cpu_features.h"
 
 namespace qx::utils::image {
 namespace {

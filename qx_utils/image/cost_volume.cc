@@ -7,9 +7,9 @@
 #include <limits>
 #include <memory>
 
+#include "qx_utils/image/cost_volume_frames.h"
 #include "qx_utils/image/kernels/cost_volume.h"
-#include "qx_utils/internal/cpu_features.h"
-#include "qx_utils/internal/frame_view.h"
+#include "qx_utils/image/kernels/cpu_features.h"
 
 namespace qx::utils::image {
 namespace {

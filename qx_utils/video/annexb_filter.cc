@@ -9,8 +9,8 @@
 #include <utility>
 #include <vector>
 
-#include "qx_utils/internal/ffmpeg_handles.h"
-#include "qx_utils/internal/stream_packet.h"
+#include "qx_utils/ffmpeg_handles.h"
+#include "qx_utils/video/stream_packet.h"
 #include "qxtools/ffmpeg_demuxer.h"
 #include "qxtools/reconnecting_demuxer.h"
 

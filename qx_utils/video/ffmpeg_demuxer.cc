@@ -5,11 +5,11 @@
 #include <thread>
 #include <utility>
 
-#include "qx_utils/internal/demuxer_input.h"
-#include "qx_utils/internal/ffmpeg_handles.h"
-#include "qx_utils/internal/ffmpeg_options.h"
-#include "qx_utils/internal/input_watch.h"
-#include "qx_utils/internal/stream_packet.h"
+#include "qx_utils/ffmpeg_handles.h"
+#include "qx_utils/video/demuxer_input.h"
+#include "qx_utils/video/ffmpeg_options.h"
+#include "qx_utils/video/input_watch.h"
+#include "qx_utils/video/stream_packet.h"
 
 namespace qx::utils::video {
 namespace {

@@ -1,7 +1,7 @@
 #include "qxtools/packet_times.h"
 
-#include "qx_utils/internal/ffmpeg_handles.h"
-#include "qx_utils/internal/stream_packet.h"
+#include "qx_utils/ffmpeg_handles.h"
+#include "qx_utils/video/stream_packet.h"
 
 namespace qx::utils::video {
 

@@ -66,14 +66,14 @@ QX_WRAP(int, Sleep, "nanosleep", (const std::timespec* request, std::timespec* r
   errno = EINTR;
   return interrupted ? -1 : 0;
 }
-QX_WRAP(std::uint32_t, Load, "_ZN2qx8platform12LoadRegisterEPVKj",
+QX_WRAP(std::uint32_t, Load, "_ZN2qx5board12LoadRegisterEPVKj",
         (const volatile std::uint32_t* reg)) {
   if (reg == Board().page) Board().page[0] = Board().NextWord();
   const std::uint32_t value = RealLoad(reg);
   Board().Add("load ", (reg - Board().page) * 4, ' ', value);
   return value;
 }
-QX_WRAP(void, Store, "_ZN2qx8platform13StoreRegisterEPVjj",
+QX_WRAP(void, Store, "_ZN2qx5board13StoreRegisterEPVjj",
         (volatile std::uint32_t * reg, std::uint32_t value)) {
   RealStore(reg, value);
   Board().Add("store ", (reg - Board().page) * 4, ' ', Board().page[reg - Board().page]);

@@ -20,7 +20,7 @@ struct ArgbRuns {
 
 struct ArgbVariant {
   const char* name;
-  std::uint32_t required;  // processor features, see internal/cpu_features.h
+  std::uint32_t required;  // processor features, see cpu_features.h
   const ArgbRuns* cached;
   const ArgbRuns*
       streaming;  // or null: its stores bypass the caches, `dst` is kArgbStreamAlignment

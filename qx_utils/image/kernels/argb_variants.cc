@@ -1,5 +1,5 @@
 #include "qx_utils/image/kernels/argb.h"
-#include "qx_utils/internal/cpu_features.h"
+#include "qx_utils/image/kernels/cpu_features.h"
 
 namespace qx::utils::image {
 namespace {

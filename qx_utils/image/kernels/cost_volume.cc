@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <memory>
 
-#include "qx_utils/internal/cpu_features.h"
+#include "qx_utils/image/kernels/cpu_features.h"
 
 namespace qx::utils::image {
 namespace {

@@ -41,7 +41,7 @@ struct CostVolumeKernel {
 
 struct CostVolumeVariant {
   const char* name;
-  std::uint32_t required;  // processor features, see internal/cpu_features.h
+  std::uint32_t required;  // processor features, see cpu_features.h
   const CostVolumeKernel* kernel;
 };
 
