@@ -20,14 +20,14 @@ demo_packages=(
 )
 test_packages=(
   clang-14 clang-format-14 clang-tidy-14 libclang-rt-14-dev llvm-14 libomp-14-dev
-  libgtest-dev libgmock-dev libbenchmark-dev doxygen
+  libgtest-dev libgmock-dev doxygen
   python3 python3-gi gir1.2-gst-rtsp-server-1.0
   gstreamer1.0-plugins-base gstreamer1.0-plugins-good gstreamer1.0-plugins-bad
 )
 faults_packages=(valgrind)
 cameras_packages=(vlc-bin vlc-plugin-base)
 command -v npm >/dev/null || cameras_packages+=(npm) # other packages of it conflict with Debian's
-bench_packages=(libbenchmark-dev libyuv-dev libdnnl-dev)
+bench_packages=(libyuv-dev libdnnl-dev)
 package_packages=(dpkg-dev lintian file)
 roots_packages=(mmdebstrap qemu-user lld-14 clang-14 g++-aarch64-linux-gnu)
 

@@ -1,8 +1,8 @@
 // Runs one way to compute a cost volume a number of times on one thread, for a program that counts
 // instructions: the difference between two numbers of runs is the cost of a run.
 //
-// usage: count_cost_volume NAME RUNS HEIGHT WIDTH CHANNELS DISPARITIES
-//   NAME   a variant of the library, or `loop` for the element-by-element loop
+// usage: cost_volume NAME RUNS HEIGHT WIDTH CHANNELS DISPARITIES
+//   NAME   a variant, or `loop` for the element-by-element loop
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -14,7 +14,7 @@
 namespace {
 
 using qx::utils::image::CostVolumeJob;
-using qx::utils::image::CostVolumeVariant;
+using qx::utils::image::CostVolumeKernel;
 
 std::size_t Number(const char* text) { return std::strtoul(text, nullptr, 10); }
 
@@ -23,12 +23,11 @@ void RunLoop(const CostVolumeJob& job, std::size_t rows, std::vector<float>& cos
   qx::bench::QuantiseElements(costs.data(), costs.size(), job.cost);
 }
 
-const CostVolumeVariant* Find(const std::string& name) {
-  std::size_t count = 0;
-  const CostVolumeVariant* table = qx::utils::image::CostVolumeVariants(&count);
-  for (std::size_t v = 0; v < count; ++v) {
-    if (name == table[v].name) return &table[v];
-  }
+// Returns: null for the loop.
+const CostVolumeKernel* Find(const std::string& name) {
+  if (name == "neon") return &qx::utils::image::kCostVolumeNeon;
+  if (name == "neon_dotprod") return &qx::utils::image::kCostVolumeNeonDotprod;
+  if (name == "scalar") return &qx::utils::image::kCostVolumeScalar;
   return nullptr;
 }
 
@@ -47,16 +46,15 @@ int main(int argc, char** argv) {
   std::vector<float> costs(cost.size());
   const CostVolumeJob job{left.data(), right.data(), cost.data(), width,
                           channels,    disparities,  0.01F};
-  const CostVolumeVariant* variant = Find(name);
-  if (variant == nullptr && name != "loop") return 2;
-  std::vector<std::uint8_t> scratch(variant == nullptr ? 0
-                                                       : variant->kernel->scratch_bytes(job) + 64);
+  const CostVolumeKernel* kernel = Find(name);
+  if (kernel == nullptr && name != "loop") return 2;
+  std::vector<std::uint8_t> scratch(kernel == nullptr ? 0 : kernel->scratch_bytes(job) + 64);
   const auto first = reinterpret_cast<std::uintptr_t>(scratch.data());
   for (std::size_t run = 0; run < Number(argv[2]); ++run) {
-    if (variant == nullptr) {
+    if (kernel == nullptr) {
       RunLoop(job, rows, costs);
     } else {
-      variant->kernel->rows(job, 0, rows, scratch.data() + (64 - first % 64) % 64);
+      kernel->rows(job, 0, rows, scratch.data() + (64 - first % 64) % 64);
     }
   }
   return 0;
