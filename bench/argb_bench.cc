@@ -76,8 +76,9 @@ std::vector<Contender> Ours(Picture& p, bool bgr) {
     const ArgbVariant& variant = table[i];
     if ((variant.required & ~utils::internal::SupportedFeatures()) != 0) continue;
     ours.push_back({std::string("  variant ") + variant.name, [&p, &variant, bgr] {
-                      utils::image::WidenToArgb(variant, bgr ? &ArgbRuns::bgr : &ArgbRuns::rgb,
-                                                p.src.get(), p.dst.get(), p.pixels);
+                      utils::image::WidenToArgb(*variant.kernel,
+                                                bgr ? &ArgbRuns::bgr : &ArgbRuns::rgb, p.src.get(),
+                                                p.dst.get(), p.pixels);
                     }});
   }
   return ours;
@@ -132,9 +133,8 @@ std::vector<Contender> Swscale(Picture& p, bool bgr) {
 void Compare(int width, int height, bool bgr) {
   Picture p(width, height);
   p.expected.resize(4 * p.pixels);
-  utils::image::WidenToArgb({"", 0, &utils::image::kArgbScalar, nullptr},
-                            bgr ? &ArgbRuns::bgr : &ArgbRuns::rgb, p.src.get(), p.expected.data(),
-                            p.pixels);
+  utils::image::WidenToArgb(utils::image::kArgbScalar, bgr ? &ArgbRuns::bgr : &ArgbRuns::rgb,
+                            p.src.get(), p.expected.data(), p.pixels);
   std::vector<Contender> all = Ours(p, bgr), other_alpha;
 #if defined(QXTOOLS_BENCH_LIBYUV)
   Append(all, LibyuvSameBytes(p, bgr));

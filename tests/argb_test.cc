@@ -78,13 +78,13 @@ TEST(ArgbKernels, AreExactAtEveryLengthAndAlignmentAndStayInTheirBuffers) {
   for (std::size_t pixels = 0; pixels <= kMaxPixels && !HasFatalFailure(); ++pixels) {
     const Bytes src = Pattern(3 * pixels), rgb = Expected(src, false), bgr = Expected(src, true);
     ForEachVariant([&](const ArgbVariant& variant) {
-      const auto *const cached = variant.cached, *const streaming = variant.streaming;
+      const auto& [cached, streaming] = *variant.kernel;
       for (std::size_t i = 0; i < kShifts; ++i) {
-        ASSERT_TRUE(arena.IsExact(cached->rgb, src, 0, i, rgb)) << pixels << " shift " << i;
-        ASSERT_TRUE(arena.IsExact(cached->bgr, src, i, kShifts - 1 - i, bgr))
+        ASSERT_TRUE(arena.IsExact(cached.rgb, src, 0, i, rgb)) << pixels << " shift " << i;
+        ASSERT_TRUE(arena.IsExact(cached.bgr, src, i, kShifts - 1 - i, bgr))
             << pixels << " gap " << i;
-        ASSERT_TRUE(streaming == nullptr || (arena.IsExact(streaming->rgb, src, i, 0, rgb) &&
-                                             arena.IsExact(streaming->bgr, src, i, 0, bgr)))
+        ASSERT_TRUE(streaming.rgb == nullptr || (arena.IsExact(streaming.rgb, src, i, 0, rgb) &&
+                                                 arena.IsExact(streaming.bgr, src, i, 0, bgr)))
             << pixels << " streaming, gap " << i;
       }
     });
@@ -99,7 +99,7 @@ TEST(ArgbKernels, LargePicturesAreExactWhereverTheyStart) {
     for (const std::size_t shift : {0U, 1U, 4U, 60U, 64U}) {
       std::memset(target.data(), 0xEE, target.size());
       std::uint8_t* out = target.data() + shift;
-      WidenToArgb(variant, &ArgbRuns::bgr, src.data(), out, src.size() / 3);
+      WidenToArgb(*variant.kernel, &ArgbRuns::bgr, src.data(), out, src.size() / 3);
       ASSERT_TRUE(std::equal(expected.begin(), expected.end(), out)) << shift;
       ASSERT_TRUE(shift == 0 || out[-1] == 0xEE);
       ASSERT_TRUE(shift == 64 || out[expected.size()] == 0xEE);

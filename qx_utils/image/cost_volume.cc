@@ -9,7 +9,6 @@
 
 #include "qx_utils/image/cost_volume_frames.h"
 #include "qx_utils/image/kernels/cost_volume.h"
-#include "qx_utils/image/kernels/cpu_features.h"
 
 namespace qx::utils::image {
 namespace {
@@ -58,11 +57,7 @@ void RunAnywhere(const FrameView& left, const FrameView& right, const FrameView&
                           left.channels,
                           output.channels,
                           CombinedScale(left, right, output)};
-  std::size_t count = 0;
-  const CostVolumeVariant* table = CostVolumeVariants(&count);
-  const CostVolumeVariant& variant =
-      internal::BestVariant(table, count, internal::ActiveFeatures());
-  ComputeCostVolume(*variant.kernel, job, left.height);
+  ComputeCostVolume(ActiveCostVolumeKernel(), job, left.height);
   if (shared) std::memcpy(output.data, copy.get(), bytes);
 }
 

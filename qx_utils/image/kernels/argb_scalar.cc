@@ -15,6 +15,6 @@ void Run(const std::uint8_t* src, std::uint8_t* dst, std::size_t pixels) {
 
 }  // namespace
 
-const ArgbRuns kArgbScalar = {Run<0, 2>, Run<2, 0>};
+const ArgbKernel kArgbScalar = {{Run<0, 2>, Run<2, 0>}, {}};
 
 }  // namespace qx::utils::image

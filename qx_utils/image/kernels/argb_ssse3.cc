@@ -1,57 +1,45 @@
 #include <tmmintrin.h>
 
-#include "qx_utils/image/kernels/argb.h"
+#include "qx_utils/image/kernels/argb_steps-inl.h"
 
 namespace qx::utils::image {
 namespace {
 
-constexpr std::size_t kStep = 16;  // pixels: three vectors in, four out
-constexpr char kZero = -1;         // the shuffle writes 0 for an index below 0
+constexpr char kZero = -1;  // the shuffle writes 0 for an index below 0
 
-template <bool kBgr>
-__m128i Order() {
-  return kBgr ? _mm_setr_epi8(kZero, 2, 1, 0, kZero, 5, 4, 3, kZero, 8, 7, 6, kZero, 11, 10, 9)
-              : _mm_setr_epi8(kZero, 0, 1, 2, kZero, 3, 4, 5, kZero, 6, 7, 8, kZero, 9, 10, 11);
-}
+struct Ssse3 {
+  static constexpr std::size_t kStep = 16;  // pixels: three vectors in, four out
+  static constexpr bool kStreams = true;
 
-template <bool kStreaming>
-void Store(std::uint8_t* dst, __m128i value) {
-  if (kStreaming) {
-    _mm_stream_si128(reinterpret_cast<__m128i*>(dst), value);
-  } else {
-    _mm_storeu_si128(reinterpret_cast<__m128i*>(dst), value);
+  static void Fence() { _mm_sfence(); }
+
+  // Spreads the four pixels at the front of a vector and stores them.
+  template <bool kBgr, bool kStreaming>
+  QXTOOLS_INLINE static void Store(std::uint8_t* dst, __m128i pixels) {
+    const __m128i order =
+        kBgr ? _mm_setr_epi8(kZero, 2, 1, 0, kZero, 5, 4, 3, kZero, 8, 7, 6, kZero, 11, 10, 9)
+             : _mm_setr_epi8(kZero, 0, 1, 2, kZero, 3, 4, 5, kZero, 6, 7, 8, kZero, 9, 10, 11);
+    const __m128i value = _mm_shuffle_epi8(pixels, order);
+    __m128i* out = reinterpret_cast<__m128i*>(dst);
+    kStreaming ? _mm_stream_si128(out, value) : _mm_storeu_si128(out, value);
   }
-}
 
-template <bool kStreaming>
-void Widen(const std::uint8_t* src, std::uint8_t* dst, __m128i order) {
-  const __m128i* in = reinterpret_cast<const __m128i*>(src);
-  const __m128i a = _mm_loadu_si128(in);
-  const __m128i b = _mm_loadu_si128(in + 1);
-  const __m128i c = _mm_loadu_si128(in + 2);
-  // Every four pixels are 12 bytes: brought to the front of a vector, then spread.
-  Store<kStreaming>(dst, _mm_shuffle_epi8(a, order));
-  Store<kStreaming>(dst + 16, _mm_shuffle_epi8(_mm_alignr_epi8(b, a, 12), order));
-  Store<kStreaming>(dst + 32, _mm_shuffle_epi8(_mm_alignr_epi8(c, b, 8), order));
-  Store<kStreaming>(dst + 48, _mm_shuffle_epi8(_mm_srli_si128(c, 4), order));
-}
-
-template <bool kBgr, bool kStreaming>
-void Run(const std::uint8_t* src, std::uint8_t* dst, std::size_t pixels) {
-  if (pixels < kStep) {
-    (kBgr ? kArgbScalar.bgr : kArgbScalar.rgb)(src, dst, pixels);
-    return;
+  template <bool kBgr, bool kStreaming>
+  QXTOOLS_INLINE static void Widen(const std::uint8_t* src, std::uint8_t* dst) {
+    const __m128i* in = reinterpret_cast<const __m128i*>(src);
+    const __m128i a = _mm_loadu_si128(in);
+    const __m128i b = _mm_loadu_si128(in + 1);
+    const __m128i c = _mm_loadu_si128(in + 2);
+    // Every four pixels are 12 bytes.
+    Store<kBgr, kStreaming>(dst, a);
+    Store<kBgr, kStreaming>(dst + 16, _mm_alignr_epi8(b, a, 12));
+    Store<kBgr, kStreaming>(dst + 32, _mm_alignr_epi8(c, b, 8));
+    Store<kBgr, kStreaming>(dst + 48, _mm_srli_si128(c, 4));
   }
-  const __m128i order = Order<kBgr>();
-  const std::size_t last = pixels - kStep;  // the last step may redo pixels of the one before
-  for (std::size_t i = 0; i < last; i += kStep) Widen<kStreaming>(src + 3 * i, dst + 4 * i, order);
-  if (kStreaming) _mm_sfence();
-  Widen<false>(src + 3 * last, dst + 4 * last, order);
-}
+};
 
 }  // namespace
 
-const ArgbRuns kArgbSsse3 = {Run<false, false>, Run<true, false>};
-const ArgbRuns kArgbSsse3Streaming = {Run<false, true>, Run<true, true>};
+const ArgbKernel kArgbSsse3 = KernelOf<Ssse3>();
 
 }  // namespace qx::utils::image

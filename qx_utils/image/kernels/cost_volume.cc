@@ -47,6 +47,12 @@ const CostVolumeVariant* CostVolumeVariants(std::size_t* count) {
   return kVariants;
 }
 
+const CostVolumeKernel& ActiveCostVolumeKernel() {
+  std::size_t count = 0;
+  const CostVolumeVariant* table = CostVolumeVariants(&count);
+  return *internal::BestVariant(table, count, internal::ActiveFeatures()).kernel;
+}
+
 void ComputeCostVolume(const CostVolumeKernel& kernel, const CostVolumeJob& job, std::size_t rows) {
   const auto most = static_cast<std::size_t>(std::max(1, omp_get_max_threads()));
   const auto threads = static_cast<int>(std::min(most, rows));

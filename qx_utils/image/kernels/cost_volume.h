@@ -48,6 +48,9 @@ struct CostVolumeVariant {
 // All variants of this build, best first, `scalar` last.
 const CostVolumeVariant* CostVolumeVariants(std::size_t* count);
 
+// The best one that the processor features in use allow.
+const CostVolumeKernel& ActiveCostVolumeKernel();
+
 // Computes rows 0 .. rows - 1 of a job with one kernel on the OpenMP threads of the caller, each of
 // which takes a contiguous share. Throws std::bad_alloc before any thread has started.
 void ComputeCostVolume(const CostVolumeKernel& kernel, const CostVolumeJob& job, std::size_t rows);
