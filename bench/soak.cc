@@ -244,7 +244,7 @@ int main(int argc, char** argv) {
   sigaction(SIGTERM, &action, nullptr);
   Soak soak(argv[2], {argv + 3, argv + argc});
   if (!soak.Ready()) {
-    std::fprintf(stderr, "soak: no clips in %s; scripts/make-clips.sh makes them\n", argv[2]);
+    std::fprintf(stderr, "soak: no clips in %s; samples/make-clips.sh makes them\n", argv[2]);
     return 2;
   }
   std::printf("minute   inputs cameras  pictures   kernels      heap  resident  desc  thr  maps\n");

@@ -1,6 +1,6 @@
 # What `cmake --install` puts where, in three components: runtime, development, command.
 include(CMakePackageConfigHelpers)
-option(QXTOOLS_DEBIAN "Install as the Debian packages do, for scripts/build-packages.sh" OFF)
+option(QXTOOLS_DEBIAN "Install as the Debian packages do, for packaging/build-packages.sh" OFF)
 
 install(TARGETS qxtools EXPORT qxtoolsTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
@@ -57,8 +57,8 @@ option(QXTOOLS_MAN_PAGES "Write man pages from the command's help texts" ${can_r
 if(QXTOOLS_MAN_PAGES)
   set(QXTOOLS_MAN_DIR ${PROJECT_BINARY_DIR}/man)
   add_custom_command(OUTPUT ${QXTOOLS_MAN_DIR}/qxtools.1.gz
-    COMMAND ${PROJECT_SOURCE_DIR}/scripts/make-man.sh $<TARGET_FILE:qxtools_command> ${QXTOOLS_MAN_DIR}
-    DEPENDS qxtools_command ${PROJECT_SOURCE_DIR}/scripts/make-man.sh VERBATIM)
+    COMMAND ${PROJECT_SOURCE_DIR}/packaging/make-man.sh $<TARGET_FILE:qxtools_command> ${QXTOOLS_MAN_DIR}
+    DEPENDS qxtools_command ${PROJECT_SOURCE_DIR}/packaging/make-man.sh VERBATIM)
   add_custom_target(qxtools_man ALL DEPENDS ${QXTOOLS_MAN_DIR}/qxtools.1.gz)
   install(DIRECTORY ${QXTOOLS_MAN_DIR}/ DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT command)
 endif()

@@ -1,5 +1,5 @@
 # The Debian packages: `cpack` in a build folder configured with QXTOOLS_DEBIAN and the prefix /usr
-# makes libqxtools1, libqxtools-dev and qxtools. scripts/build-packages.sh does all of it.
+# makes libqxtools1, libqxtools-dev and qxtools. packaging/build-packages.sh does all of it.
 if(NOT QXTOOLS_DEBIAN)
   return()
 endif()

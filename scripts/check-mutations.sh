@@ -29,7 +29,7 @@ find . \( -path ./build -o -path ./.git -o -path ./.cache \) -prune -o -type f -
 # The folders lie to each other as they do in the project, so that a compiler cache knows the files.
 cmake -S "$copy" --preset dev -DQXTOOLS_BUILD_BENCH=OFF -DQXTOOLS_CLIPS_DIR="$project/build/clips" \
   >"$build/configure.log" || die "configuring failed; see $build/configure.log"
-scripts/make-clips.sh build/clips >"$build/clips.log" || die "no test clips; see $build/clips.log"
+samples/make-clips.sh build/clips >"$build/clips.log" || die "no test clips; see $build/clips.log"
 
 build_tests() { cmake --build "$build" --target "$@" >"$build/build.log" 2>&1; }
 passes() {

@@ -11,7 +11,7 @@ qxtools=$project/build/release/tools/qxtools
 out=$project/build/demo
 
 say "Two camera streams"
-scripts/make-clips.sh build/clips
+samples/make-clips.sh build/clips
 "$qxtools" probe build/clips/left.h264
 rm -rf "$out"
 "$qxtools" stereo build/clips/left.h264 build/clips/right.h264 -o "$out/clip" --disparities 112

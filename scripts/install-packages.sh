@@ -7,7 +7,7 @@
 #   faults   demo, and what scripts/test-faults.sh takes beyond test
 #   cameras  demo, and what scripts/test-cameras.sh takes beyond test
 #   bench    demo, and the rivals that the benchmarks measure against
-#   package  demo, and what scripts/build-packages.sh takes
+#   package  demo, and what packaging/build-packages.sh takes
 #   roots    demo, and what the scripts take that test for boards
 # Written for Debian and Ubuntu; needs root or sudo only when something is missing.
 . "$(dirname "${BASH_SOURCE[0]}")/common.sh"

@@ -10,7 +10,7 @@ minutes=${1:-30}
 [[ $minutes =~ ^[1-9][0-9]*$ ]] || die "'$minutes' is no number of minutes; usage: soak.sh [MINUTES]"
 scripts/install-packages.sh test
 configure_and_build dev soak
-scripts/make-clips.sh build/clips
+samples/make-clips.sh build/clips
 
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT

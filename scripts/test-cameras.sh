@@ -22,7 +22,7 @@ fi
 scripts/install-packages.sh test cameras
 configure_and_build dev camera_reader
 clips=build/clips reader=build/dev/bench/cameras/camera_reader
-scripts/make-clips.sh "$clips"
+samples/make-clips.sh "$clips"
 if [ "${1-}" = --endure ]; then
   [[ ${2-} =~ ^[1-9][0-9]*$ ]] || die "--endure needs a number of minutes"
   run --endure "$2"

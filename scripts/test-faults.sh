@@ -29,7 +29,7 @@ run() {
 for preset in asan-ubsan tsan; do
   say "Preset $preset"
   build "$preset" damaged_files_test decoder_lifecycle_test rtsp_test
-  scripts/make-clips.sh build/clips
+  samples/make-clips.sh build/clips
   tests=build/$preset/tests
   run "$preset-damaged-files" 30 env QXTOOLS_TEST_EFFORT=50 "$tests/damaged_files_test"
   run "$preset-decoder-lives" 30 env QXTOOLS_TEST_EFFORT=20 "$tests/decoder_lifecycle_test" \

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Builds the Debian packages libqxtools1, libqxtools-dev and qxtools into build/packages and checks
 # them with lintian.
-. "$(dirname "${BASH_SOURCE[0]}")/common.sh"
+. "$(dirname "${BASH_SOURCE[0]}")/../scripts/common.sh"
 
 scripts/install-packages.sh demo package
 

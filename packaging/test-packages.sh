@@ -5,13 +5,13 @@
 # Needs root, to unpack and enter that root.
 #
 # usage: test-packages.sh      (after build-packages.sh)
-. "$(dirname "${BASH_SOURCE[0]}")/common.sh"
+. "$(dirname "${BASH_SOURCE[0]}")/../scripts/common.sh"
 
 [ "$(id -u)" -eq 0 ] || die "needs root, to unpack a Debian 12 root and to run in it"
 packages=(build/packages/*.deb)
-[ -e "${packages[0]}" ] || die "no packages in build/packages; run: scripts/build-packages.sh"
+[ -e "${packages[0]}" ] || die "no packages in build/packages; run: packaging/build-packages.sh"
 scripts/install-packages.sh package roots
-scripts/make-clips.sh
+samples/make-clips.sh
 
 root=$project/build/roots/packages
 say "Unpacking a bare Debian 12 root"

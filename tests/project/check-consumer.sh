@@ -5,7 +5,7 @@
 # libraries that only the command and the tests need.
 #
 # usage: check-consumer.sh BUILD_DIR
-. "$(dirname "${BASH_SOURCE[0]}")/common.sh"
+. "$(dirname "${BASH_SOURCE[0]}")/../../scripts/common.sh"
 
 build=$(cd "${1:?usage: check-consumer.sh BUILD_DIR}" && pwd)
 stage=$build/stage
@@ -54,10 +54,10 @@ for header in "$stage"/include/qxtools/*.h; do
 done
 [ "$count" -gt 0 ] || die "no public headers were installed"
 
-# build_consumer FOLDER OPTION...: builds and runs tests/consumer.
+# build_consumer FOLDER OPTION...: builds and runs tests/project/consumer.
 build_consumer() {
   rm -rf "$1"
-  cmake -S tests/consumer -B "$1" -G Ninja "${@:2}" >"$1.log" || { tail -n 20 "$1.log" >&2; die "$1"; }
+  cmake -S tests/project/consumer -B "$1" -G Ninja "${@:2}" >"$1.log" || { tail -n 20 "$1.log" >&2; die "$1"; }
   cmake --build "$1" >"$1.log" || { tail -n 20 "$1.log" >&2; die "$1 was not built"; }
   "$1/consumer"
 }
@@ -65,7 +65,7 @@ build_consumer "$build/consumer" -DCMAKE_PREFIX_PATH="$stage"
 
 export PKG_CONFIG_PATH=$(dirname "$(find "$stage" -name qxtools.pc)")
 # shellcheck disable=SC2046
-g++ -std=c++17 tests/consumer/main.cc $(pkg-config --cflags --libs qxtools) -o "$build/consumer/by-pkg-config"
+g++ -std=c++17 tests/project/consumer/main.cc $(pkg-config --cflags --libs qxtools) -o "$build/consumer/by-pkg-config"
 LD_LIBRARY_PATH=$(pkg-config --variable=libdir qxtools) "$build/consumer/by-pkg-config"
 
 # Without an input the examples' tests that read one stay away.

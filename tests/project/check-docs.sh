@@ -6,7 +6,7 @@
 # usage: check-docs.sh [DOXYFILE [LIBRARY CLIPS]]
 #   DOXYFILE        also builds the reference site with it, without a warning, and looks at its pages
 #   LIBRARY, CLIPS  also runs the README's first C++ block with clips instead of its camera
-. "$(dirname "${BASH_SOURCE[0]}")/common.sh"
+. "$(dirname "${BASH_SOURCE[0]}")/../../scripts/common.sh"
 
 mapfile -t pages < <(find . -path ./build -prune -o -path ./.git -prune -o -name '*.md' -printf '%P\n' | sort)
 work=$(mktemp -d)
