@@ -1,7 +1,9 @@
 #include <algorithm>
 #include <array>
+#include <chrono>
 #include <cmath>
 #include <cstddef>
+#include <cstdint>
 #include <cstdio>
 #include <filesystem>
 #include <memory>
@@ -9,11 +11,12 @@
 #include <string>
 #include <vector>
 
+#include "qxtools/stereo_matcher.h"
 #include "tools/commands.h"
 #include "tools/messages.h"
 #include "tools/progress.h"
+#include "tools/stereo_disparity.h"
 #include "tools/stereo_evaluation.h"
-#include "tools/stereo_matcher.h"
 #include "tools/stereo_output.h"
 #include "tools/stereo_source.h"
 
@@ -38,6 +41,57 @@ struct StereoOptions {
   double ground_truth_scale = 1;
   std::string backend = "cpu";
 };
+
+// Time that has gone into each stage so far.
+struct StageTimes {
+  using Duration = std::chrono::duration<double>;
+  Duration decode{0}, features{0}, cost{0}, disparity{0}, write{0};
+};
+
+// Adds the time from its construction to its destruction to one stage.
+class StageTimer {
+ public:
+  explicit StageTimer(StageTimes::Duration& stage) : stage_(stage) {}
+  ~StageTimer() { stage_ += std::chrono::steady_clock::now() - start_; }
+  StageTimer(const StageTimer&) = delete;
+  StageTimer& operator=(const StageTimer&) = delete;
+
+ private:
+  StageTimes::Duration& stage_;
+  const std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
+};
+
+struct MatchResult {
+  DisparityMap measured;  // with kMissing where no reliable match was found
+  DisparityMap filled;    // the same without gaps
+};
+
+std::shared_ptr<velkar::vision::ImageFrame> FrameOf(const GrayPicture& picture) {
+  return velkar::vision::ImageFrameImpl::Create(
+      kQXPixelFormatGray8, const_cast<std::uint8_t*>(picture.luma.data()),
+      static_cast<std::uint32_t>(picture.height), static_cast<std::uint32_t>(picture.width), 1);
+}
+
+DisparityMap MapOf(const velkar::vision::ImageFrame& frame) {
+  DisparityMap map(static_cast<int>(frame.Width()), static_cast<int>(frame.Height()));
+  const auto* values = reinterpret_cast<const std::uint16_t*>(frame.Data());
+  std::transform(values, values + map.values.size(), map.values.begin(), [](std::uint16_t value) {
+    return value == utils::stereo::kMissingDisparity
+               ? kMissing
+               : static_cast<float>(value) / utils::stereo::kDisparityUnits;
+  });
+  return map;
+}
+
+MatchResult Match(utils::stereo::StereoMatcher& matcher, const PicturePair& pair,
+                  StageTimes& times) {
+  const auto result = matcher.Match(FrameOf(pair.left), FrameOf(pair.right));
+  const utils::stereo::StereoTimes last = matcher.LastTimes();
+  times.features += StageTimes::Duration(last.features);
+  times.cost += StageTimes::Duration(last.cost);
+  times.disparity += StageTimes::Duration(last.aggregation + last.selection + last.filling);
+  return {MapOf(*result.disparity), MapOf(*result.filled)};
+}
 
 std::string FramePath(const StereoOptions& options, std::size_t frame, const char* ending) {
   std::array<char, 32> name = {};
@@ -117,8 +171,10 @@ PairReader Open(const StereoOptions& options, StageTimes& times) {
 void MatchAll(const StereoOptions& options) {
   std::optional<GrayPicture> truth;
   if (!options.ground_truth.empty()) truth = ReadPicture(options.ground_truth);
-  StereoMatcher matcher(options.disparities,
-                        options.backend == "fpga" ? Backend::kFpga : Backend::kCpu);
+  utils::stereo::StereoOptions matching;
+  matching.disparities = options.disparities;
+  if (options.backend == "fpga") matching.backend = utils::stereo::StereoBackend::kFpga;
+  utils::stereo::StereoMatcher matcher(matching);
   Progress progress(options.frames);
   StereoTotals totals;
   PairReader reader = Open(options, totals.times);
@@ -129,7 +185,7 @@ void MatchAll(const StereoOptions& options) {
   };
   while (const auto pair = next()) {
     const std::size_t frame = reader.Count() - 1;
-    const MatchResult result = matcher.Match(pair->left, pair->right, totals.times);
+    const MatchResult result = Match(matcher, *pair, totals.times);
     if (truth && frame == 0) PrintAccuracy(options, result, *truth);
     const std::vector<float>& values = result.measured.values;
     totals.pixels += values.size();

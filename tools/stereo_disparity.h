@@ -1,11 +1,8 @@
-// Disparity maps: choosing the best disparity of each pixel, and knowing where there is none.
+// Disparity maps in pixels, as the output files take them.
 #pragma once
 
 #include <cstddef>
-#include <cstdint>
 #include <vector>
-
-#include "tools/stereo_smoothing.h"
 
 namespace qx::tools {
 
@@ -30,21 +27,5 @@ struct DisparityMap {
   int height;
   std::vector<float> values;
 };
-
-// Chooses the cheapest disparity of each left pixel and refines it by the parabola through its cost
-// and those of its two neighbours. The left-right check drops it when the right pixel that it leads
-// to prefers a disparity that differs by more than 1, or when it leads out of the picture.
-//
-// Inputs:  costs  smaller is better. The right picture's costs are the same numbers: right pixel x
-//                 at disparity d is left pixel x + d at d.
-DisparityMap SelectDisparities(const Volume<const std::int16_t>& costs);
-
-// Replaces each disparity by the median of those in the square of 2 * radius + 1 around it; missing
-// ones stay missing and do not count. `radius` is 1 or 2.
-DisparityMap MedianFilter(const DisparityMap& map, int radius);
-
-// Drops patches of fewer than `pixels` connected pixels whose disparities differ by at most 1 from
-// one to the next: they match by chance.
-void RemoveSpeckles(int pixels, DisparityMap& map);
 
 }  // namespace qx::tools

@@ -1,14 +1,13 @@
-#include "tools/stereo_features.h"
+#include "qx_utils/stereo/interim.h"
 
 #include <algorithm>
 #include <array>
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
-#include <stdexcept>
 #include <vector>
 
-namespace qx::tools {
+namespace qx::utils::stereo {
 namespace {
 
 struct Offset {
@@ -33,11 +32,6 @@ constexpr int kReach = 3;
 // of the length, which only isolated bright or dark spots do.
 constexpr float kUnitLength = 252;
 
-// Scale of each of the two maps; with OutputScale() of 1 their product is 1/16. The kernel in
-// programmable logic knows the product only as a power of two, so the length above was chosen for
-// 252 * 252 / 16 / 32 channels = 124.03 to be kPerfectMatch.
-constexpr float kMapScale = 0.25F;
-
 // Standard deviation of a pixel's noise, in grey levels.
 constexpr float kNoise = 0.7F;
 
@@ -58,10 +52,12 @@ void Normalise(const Values& grey, std::int8_t* feature) {
 }
 
 // The rows around row `y`, each with kReach pixels more at either end.
-std::vector<std::uint8_t> PaddedRows(const GrayPicture& picture, int y) {
+std::vector<std::uint8_t> PaddedRows(const GreyView& picture, int y) {
   std::vector<std::uint8_t> rows;
   for (int dy = -kReach; dy <= kReach; ++dy) {
-    const std::uint8_t* row = picture.Row(std::clamp(y + dy, 0, picture.height - 1));
+    const std::uint8_t* row = picture.data + static_cast<std::size_t>(std::clamp(
+                                                 y + dy, 0, static_cast<int>(picture.height) - 1)) *
+                                                 picture.pitch;
     rows.insert(rows.end(), kReach, row[0]);
     rows.insert(rows.end(), row, row + picture.width);
     rows.insert(rows.end(), kReach, row[picture.width - 1]);
@@ -69,9 +65,9 @@ std::vector<std::uint8_t> PaddedRows(const GrayPicture& picture, int y) {
   return rows;
 }
 
-void ComputeRow(const GrayPicture& picture, int y, std::int8_t* features) {
+void ComputeRow(const GreyView& picture, int y, std::size_t shift, std::int8_t* features) {
   const std::vector<std::uint8_t> rows = PaddedRows(picture, y);
-  const int pitch = picture.width + 2 * kReach;
+  const int pitch = static_cast<int>(picture.width) + 2 * kReach;
   std::array<std::size_t, kFeatureChannels> position =
       {};  // in `rows`, of the neighbours of column 0
   for (std::size_t i = 0; i < position.size(); ++i) {
@@ -79,33 +75,23 @@ void ComputeRow(const GrayPicture& picture, int y, std::int8_t* features) {
     position[i] = static_cast<std::size_t>(at);
   }
   Values grey;
-  for (std::size_t x = 0; x < static_cast<std::size_t>(picture.width); ++x) {
+  std::fill_n(features, std::min(shift, picture.width) * kFeatureChannels, std::int8_t{0});
+  for (std::size_t x = 0; x + shift < picture.width; ++x) {
     for (std::size_t i = 0; i < grey.size(); ++i) {
       grey[i] = rows[position[i] + x];
     }
-    Normalise(grey, features + x * kFeatureChannels);
+    Normalise(grey, features + (x + shift) * kFeatureChannels);
   }
 }
 
 }  // namespace
 
-std::shared_ptr<velkar::vision::ImageFrameImpl> ComputeFeatures(const GrayPicture& picture) {
-  const std::size_t row_bytes = static_cast<std::size_t>(picture.width) * kFeatureChannels;
-  const auto bytes = std::make_shared<std::vector<std::uint8_t>>(
-      row_bytes * static_cast<std::size_t>(picture.height));
-  auto frame = velkar::vision::ImageFrameImpl::Create(
-      kQXPixelFormatUint8, bytes->data(), static_cast<std::uint32_t>(picture.height),
-      static_cast<std::uint32_t>(picture.width), kFeatureChannels, bytes);
-  if (!frame) throw std::runtime_error("the pictures are too large for a feature map");
-  frame->scale = kMapScale;
+void ComputeFeatureMap(const GreyView& picture, std::size_t shift, std::int8_t* map) {
 #pragma omp parallel for schedule(static)
-  for (int y = 0; y < picture.height; ++y) {
-    std::uint8_t* row = bytes->data() + static_cast<std::size_t>(y) * row_bytes;
-    ComputeRow(picture, y, reinterpret_cast<std::int8_t*>(row));
+  for (int y = 0; y < static_cast<int>(picture.height); ++y) {
+    ComputeRow(picture, y, shift,
+               map + static_cast<std::size_t>(y) * picture.width * kFeatureChannels);
   }
-  return frame;
 }
 
-float OutputScale() { return 1.0F; }
-
-}  // namespace qx::tools
+}  // namespace qx::utils::stereo

@@ -1,13 +1,11 @@
-#include "tools/stereo_smoothing.h"
+#include "qx_utils/stereo/interim.h"
 
 #include <algorithm>
 #include <array>
 #include <cstdlib>
 #include <utility>
 
-#include "tools/stereo_features.h"
-
-namespace qx::tools {
+namespace qx::utils::stereo {
 namespace {
 
 using Cost = std::int16_t;
@@ -18,17 +16,14 @@ constexpr Cost kUnknownCost = kNoCost - kPerfectMatch / 2;
 
 // What a path pays when the disparity changes by one pixel (a slanted surface) and by more (from
 // one object to another), in units of a cost; a perfect match is about 120 better than none.
-constexpr Cost kSlant = 40;
-constexpr int kJump = 300;
-constexpr int kCheapestJump = 60;
 constexpr int kEdge = 20;  // difference of grey values that halves the price of a jump
 
 // Stands beside the first and the last disparity: no path comes from there.
 constexpr Cost kNowhere = 16000;
 
-Cost JumpCost(int grey, int grey_before) {
-  const int price = kJump * kEdge / (kEdge + std::abs(grey - grey_before));
-  return static_cast<Cost>(std::max(price, kCheapestJump));
+Cost JumpCost(int jump, int grey, int grey_before) {
+  const int price = jump * kEdge / (kEdge + std::abs(grey - grey_before));
+  return static_cast<Cost>(std::max(price, jump / 5));
 }
 
 // Costs of the paths that end at each pixel of a row, all from one direction.
@@ -62,13 +57,13 @@ inline Cost Smaller(Cost a, Cost b) { return a < b ? a : b; }
 // Extends the paths that end at `before` by a pixel with matching costs `match`: writes the costs
 // of the longer paths to `path` and adds them to `sum`. The cheapest path before is subtracted,
 // which changes no decision and keeps the numbers small. Returns: the cheapest of `path`.
-Cost Extend(const Cost* match, const Cost* before, Cost cheapest_before, Cost jump, int disparities,
-            Cost* path, Cost* sum) {
+Cost Extend(const Cost* match, const Cost* before, Cost cheapest_before, Cost slant, Cost jump,
+            int disparities, Cost* path, Cost* sum) {
   const Cost any = static_cast<Cost>(cheapest_before + jump);
   Cost cheapest = kNowhere;
 #pragma omp simd reduction(min : cheapest)
   for (int d = 0; d < disparities; ++d) {
-    const Cost slanted = static_cast<Cost>(Smaller(before[d - 1], before[d + 1]) + kSlant);
+    const Cost slanted = static_cast<Cost>(Smaller(before[d - 1], before[d + 1]) + slant);
     const Cost best = Smaller(Smaller(before[d], slanted), any);
     const Cost cost = static_cast<Cost>(match[d] + best - cheapest_before);
     path[d] = cost;
@@ -79,15 +74,15 @@ Cost Extend(const Cost* match, const Cost* before, Cost cheapest_before, Cost ju
 }
 
 // Turns the correlations of the pixel in column x into costs.
-void MatchCosts(const std::int8_t* correlation, int x, int disparities, Cost* match) {
-  const int inside = std::min(disparities, x + 1);
+void MatchCosts(const std::int8_t* correlation, int x, int first, int disparities, Cost* match) {
+  const int inside = std::clamp(x + 1 - first, 0, disparities);
 #pragma omp simd
   for (int d = 0; d < inside; ++d) match[d] = static_cast<Cost>(kNoCost - correlation[d]);
   std::fill(match + inside, match + disparities, kUnknownCost);
 }
 
 // The paths within row `y`, in both directions. They come first and overwrite the sums.
-void AddRowPaths(const Volume<const std::int8_t>& correlation, const GrayPicture& left, int y,
+void AddRowPaths(const Volume<const std::int8_t>& correlation, const Guide& left, int y,
                  const Volume<Cost>& sums) {
   const int width = correlation.width;
   const int disparities = correlation.disparities;
@@ -99,11 +94,11 @@ void AddRowPaths(const Volume<const std::int8_t>& correlation, const GrayPicture
     int x = step > 0 ? 0 : width - 1;
     path.Begin(0);
     for (int n = 0, before = x; n < width; ++n, before = x, x += step) {
-      MatchCosts(correlation.At(x, y), x, disparities, match.data());
+      MatchCosts(correlation.At(x, y), x, correlation.first, disparities, match.data());
       const int from = n % 2, to = 1 - from;
-      path.Cheapest(to) =
-          Extend(match.data(), path.At(from), path.Cheapest(from), JumpCost(grey[x], grey[before]),
-                 disparities, path.At(to), sums.At(x, y));
+      path.Cheapest(to) = Extend(
+          match.data(), path.At(from), path.Cheapest(from), static_cast<Cost>(left.slant),
+          JumpCost(left.jump, grey[x], grey[before]), disparities, path.At(to), sums.At(x, y));
     }
   }
 }
@@ -111,7 +106,7 @@ void AddRowPaths(const Volume<const std::int8_t>& correlation, const GrayPicture
 // The vertical and the two diagonal paths that run downwards (step 1) or upwards (step -1).
 class ColumnPaths {
  public:
-  ColumnPaths(const Volume<const std::int8_t>& correlation, const GrayPicture& left, int step,
+  ColumnPaths(const Volume<const std::int8_t>& correlation, const Guide& left, int step,
               const Volume<Cost>& sums)
       : correlation_(correlation),
         left_(left),
@@ -140,7 +135,7 @@ class ColumnPaths {
 
   void ExtendRow(int y) {
     for (int x = 0; x < correlation_.width; ++x) {
-      MatchCosts(correlation_.At(x, y), x, Disparities(), match_.data());
+      MatchCosts(correlation_.At(x, y), x, correlation_.first, Disparities(), match_.data());
       for (int i = 0; i < kDirections; ++i) ExtendPixel(x, y, i);
     }
   }
@@ -151,14 +146,15 @@ class ColumnPaths {
     PathRow& before = begins ? start_ : rows_[0][static_cast<std::size_t>(direction)];
     PathRow& path = rows_[1][static_cast<std::size_t>(direction)];
     const int from = begins ? 0 : from_x;
-    const Cost jump =
-        begins ? Cost{kJump} : JumpCost(left_.Row(y)[x], left_.Row(y - step_)[from_x]);
-    path.Cheapest(x) = Extend(match_.data(), before.At(from), before.Cheapest(from), jump,
-                              Disparities(), path.At(x), sums_.At(x, y));
+    const Cost jump = begins ? static_cast<Cost>(left_.jump)
+                             : JumpCost(left_.jump, left_.Row(y)[x], left_.Row(y - step_)[from_x]);
+    path.Cheapest(x) =
+        Extend(match_.data(), before.At(from), before.Cheapest(from),
+               static_cast<Cost>(left_.slant), jump, Disparities(), path.At(x), sums_.At(x, y));
   }
 
   const Volume<const std::int8_t>& correlation_;
-  const GrayPicture& left_;
+  const Guide& left_;
   const int step_;
   const Volume<Cost>& sums_;
   int done_ = 0;  // rows
@@ -181,7 +177,7 @@ void RunBoth(ColumnPaths& down, ColumnPaths& up, int rows) {
 
 }  // namespace
 
-void SumPathCosts(const Volume<const std::int8_t>& correlation, const GrayPicture& left,
+void SumPathCosts(const Volume<const std::int8_t>& correlation, const Guide& left,
                   const Volume<std::int16_t>& sums) {
 #pragma omp parallel for schedule(static)
   for (int y = 0; y < correlation.height; ++y) AddRowPaths(correlation, left, y, sums);
@@ -195,4 +191,4 @@ void SumPathCosts(const Volume<const std::int8_t>& correlation, const GrayPictur
   RunBoth(down, up, half);
 }
 
-}  // namespace qx::tools
+}  // namespace qx::utils::stereo

@@ -1,0 +1,43 @@
+// The cost volume of a pair of feature maps, on the processor or in programmable logic.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+#include "qx_utils/stereo/frames.h"
+#include "qxtools/fpga_correlation.h"
+#include "qxtools/stereo_matcher.h"
+
+namespace qx::utils::stereo {
+
+// Two feature maps of one shape, row by row without gaps, and the product of their scales.
+struct FeatureMaps {
+  const std::int8_t* left;
+  const std::int8_t* right;
+  Shape shape;
+  float scale;
+};
+
+// The correlation kernel in programmable logic, opened with the first pair and kept for all pairs
+// of that size.
+class CorrelationUnit {
+ public:
+  // Output: cost  height x width x disparities, overwritten.
+  // Errors: std::length_error when the volume does not fit a buffer of the kernel, and what
+  //         Kernel_FPGA reports.
+  void Compute(const FeatureMaps& maps, std::size_t disparities, std::int8_t* cost);
+
+ private:
+  void Open(const Shape& maps, std::size_t disparities);
+
+  std::unique_ptr<image::Kernel_FPGA> kernel_;
+  Shape maps_ = {};
+  std::size_t disparities_ = 0;
+};
+
+// The same on the processor, with the library's cost volume. The volume does not have to fit a
+// frame.
+void ComputeCorrelation(const FeatureMaps& maps, std::size_t disparities, std::int8_t* cost);
+
+}  // namespace qx::utils::stereo
