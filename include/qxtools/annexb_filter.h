@@ -1,6 +1,6 @@
-// Packets of every input as Annex B byte streams with parameter sets, which the parameter parsers
-// and the decoder read: MP4 and MKV files hold another form, and RTSP cameras may tell the
-// parameter sets in the session description alone.
+// Turns the packets of every input into Annex B byte streams with parameter sets, which the
+// parameter parsers and the decoder read. MP4 and MKV files use another form, and RTSP cameras may
+// send their parameter sets only in the session description.
 //
 //   qx::utils::video::FfmpegDemuxer demuxer;
 //   qx::utils::video::AnnexBFilter filter;
@@ -19,13 +19,13 @@ namespace qx::utils::video {
 
 class FfmpegDemuxer;
 
-// Turns length-prefixed packets into start codes, and puts the container's parameter sets before
-// the first picture and before each key picture that has none of its own. (A byte stream that has
-// shown parameter sets of its own is left alone from then on.) One packet comes out for each that
-// goes in, at once: nothing is held back, so there is nothing to drain. PacketTimesOf() says the
-// same of it.
+// Replaces length prefixes by start codes, and puts the container's parameter sets before the first
+// picture and before each key picture that has none of its own. (Once a byte stream has brought
+// parameter sets of its own, it is left unchanged.) Each packet that goes in yields one packet at
+// once: nothing is held back, so there is nothing to drain. PacketTimesOf() returns the same for
+// both.
 //
-// Threads: one filter is used by one thread at a time, which need not be the demuxer's.
+// Threads: one thread at a time uses a filter; it need not be the demuxer's.
 class QXTOOLS_EXPORT AnnexBFilter {
  public:
   AnnexBFilter();
@@ -33,28 +33,27 @@ class QXTOOLS_EXPORT AnnexBFilter {
   AnnexBFilter& operator=(const AnnexBFilter&) = delete;
   ~AnnexBFilter();
 
-  // Prepares for the packets of the stream that `demuxer` has chosen. What is needed is copied: the
-  // demuxer may be closed or reopened afterwards, and the filter be prepared again for another.
+  // Prepares the filter for the stream that `demuxer` has selected. It copies what it needs: the
+  // demuxer may be closed or reopened afterwards, and Init() may be called again with another one.
   //
-  // Returns: 0; -1, with one ERROR line, when the demuxer has no input or no chosen stream, or when
-  //          the stream's parameter sets are damaged. Filter() gives nothing then.
+  // Returns: 0; -1, with one ERROR line, when the demuxer has no input or no selected stream, or
+  //          when the stream's parameter sets are damaged. Filter() then returns nothing.
   [[nodiscard]] int Init(const FfmpegDemuxer& demuxer);
 
-  // The same for whoever holds the interface. The packets of a ReconnectingDemuxer are ready and
-  // pass as they are, so that it need not have an input yet.
-  // Returns: as above; -1, with one ERROR line, for demuxers that are not of this library.
+  // The same for a demuxer behind the interface. A ReconnectingDemuxer need not have an input yet:
+  // its packets are already in the right form and pass unchanged.
+  // Returns: as above; -1, with one ERROR line, for demuxers that are not from this library.
   [[nodiscard]] int Init(const Demuxer& demuxer);
 
-  // Converts one packet of that stream; packets go in in the order in which they were read. Copies
-  // that the application has made itself are converted too; of those, the key pictures are known
-  // by their slices' type (H.264: IDR pictures alone).
+  // Converts one packet of that stream. Pass packets in the order in which they were read. Copies
+  // made by the application are converted too; in those, key pictures are recognised by the type of
+  // their slices (H.264: only IDR pictures).
   //
-  // Output:  the same pointer where nothing is to be done: a packet that is Annex B already and
-  //          needs no parameter sets, and an empty packet (size 0), which drains a decoder.
-  //          Otherwise a new packet that owns its payload, as StreamPacket says; the input is
-  //          left as it was.
-  // Returns: empty for a null pointer, and, with one ERROR line, before a successful Init() and for
-  //          a damaged packet; the next packet may be given as if nothing had happened.
+  // Output:  the same pointer if there is nothing to do: the packet is Annex B already and needs no
+  //          parameter sets, or it is empty (size 0), which drains a decoder. Otherwise a new
+  //          packet that owns its payload; the input packet is not changed.
+  // Returns: empty for a null pointer and, with one ERROR line, before a successful Init() and for
+  //          a damaged packet; filtering continues normally with the next packet.
   // Cost:    one copy of the payload where a new packet is made; none elsewhere.
   std::shared_ptr<StreamPacket> Filter(const std::shared_ptr<StreamPacket>& packet);
 

@@ -13,16 +13,15 @@ namespace qx::utils::image {
 //                            byte is a signed 8-bit integer. Same shape; borrowed for the call.
 //          scale of each frame: a cost is the sum of products times
 //                            input_r->scale * input_l->scale * output->scale * (1 / C).
-//          C                 a multiple of 32. Of other values only the whole blocks of 32 channels
-//                            enter the sum, while the factor still divides by C; C below 32 gives
-//                            0.
+//          C                 a multiple of 32. For other values only whole blocks of 32 channels
+//                            enter the sum, but the factor still divides by C; C < 32 gives 0.
 // Output:  output            H x W x D bytes at Data(), D = Channel(): the D costs of a pixel are
 //                            adjacent, each a signed 8-bit integer. Columns x < d of disparity d
-//                            are 0. Bytes beyond H x W x D are left alone. The output may overlap
+//                            are 0. Bytes after H x W x D are not written. The output may overlap
 //                            an input; the call then needs a temporary copy of the volume.
 //          Negative costs are scaled by 0.1015625, all are rounded to the nearest integer, ties
 //          towards positive infinity, and the low 8 bits are written: 130 becomes the byte 0x82.
-//          A cost that is not a number becomes 0.
+//          A NaN cost becomes 0.
 // Errors:  ends the process through a fatal log line when a pixel format is not
 //          kQXPixelFormatUint8 or the two inputs differ in DataSize().
 //          Leaves the output untouched and logs one ERROR line when a frame pointer is null, the

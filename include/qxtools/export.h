@@ -1,4 +1,4 @@
-// Marks what leaves the shared library; everything else stays hidden inside it.
+// Marks what the shared library exports; everything else is hidden.
 #pragma once
 
 #define QXTOOLS_EXPORT __attribute__((visibility("default")))

@@ -8,8 +8,8 @@
 
 namespace qx::utils {
 
-// What a sequence parameter set (SPS) says. Whatever was not read is 0; a picture size other than
-// 0 x 0 tells success.
+// The contents of a sequence parameter set (SPS). Fields that were not read are 0; the parse has
+// succeeded if the picture size is not 0 x 0.
 struct VideoParams {
   std::uint64_t width;              // luma samples
   std::uint64_t height;             // luma samples
@@ -22,9 +22,9 @@ struct VideoParams {
 
 // Reads the first SPS of an H.264 byte stream, for example of a packet in Annex B form.
 //
-// Inputs:  data, size  NAL units behind 4-byte start codes (00 00 00 01; NAL units behind 3-byte
-//                      codes are passed over). Borrowed for the call; a null `data` counts as an
-//                      empty buffer. Only headers in the first 2^31 - 1 bytes are found.
+// Inputs:  data, size  NAL units after 4-byte start codes (00 00 00 01; NAL units after 3-byte
+//                      codes are skipped). Borrowed for the call; a null `data` is an empty
+//                      buffer. Only headers in the first 2^31 - 1 bytes are found.
 // Returns: the display size, i.e. after frame cropping; cropping that exceeds the coded size makes
 //          that dimension 0. Without an SPS the size is 0 x 0.
 // Errors:  none are reported and nothing is thrown. Bits missing from a truncated SPS read as 0;

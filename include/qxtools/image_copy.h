@@ -9,8 +9,8 @@
 
 namespace qx::utils::image {
 
-// Copies `src_size` bytes; `dst_size` is the capacity at `dst` and nothing beyond `src_size` bytes
-// is written. The two ranges may overlap.
+// Copies `src_size` bytes; `dst_size` is the capacity at `dst`. Nothing past `src_size` bytes is
+// written. The two ranges may overlap.
 //
 // Errors: when dst_size < src_size nothing is copied and "dst_size >= src_size" is logged at ERROR.
 QXTOOLS_EXPORT void MemcpyFunc(void* dst, std::size_t dst_size, void* src, std::size_t src_size);
@@ -24,9 +24,9 @@ QXTOOLS_EXPORT void MemcpyFunc(void* dst, std::size_t dst_size, void* src, std::
 //          copy_func  called once per row, top to bottom, with (destination row, destination pitch,
 //                     source row, bytes to copy). An exception it throws reaches the caller; an
 //                     empty one raises std::bad_function_call at the first row.
-// Output:  the smaller pitch of each row and the smaller number of rows; all else is left as it is.
-//          The buffers may overlap as far as no row is overwritten before it is copied: rows can be
-//          moved closer together in place, but not further apart.
+// Output:  the smaller pitch of each row and the smaller number of rows; nothing else is written.
+//          The buffers may overlap if no row is overwritten before it is copied: rows can be moved
+//          closer together in place, but not further apart.
 // Returns: 0, or -1 with one ERROR line when a pointer is null, the format is not supported, or the
 //          smaller height or pitch of a 4:2:0 picture is odd. Nothing is copied then.
 // Threads: reentrant. No allocation.

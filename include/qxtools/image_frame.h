@@ -1,4 +1,4 @@
-// Frames: what describes every image, feature map and decoded picture that crosses the interface.
+// Frames: they describe every image, feature map and decoded picture that crosses the interface.
 //
 // A frame names a pixel format, points at a block of bytes and reports the block's size and
 // geometry. It never allocates, copies, converts or frees pixels.
@@ -50,7 +50,7 @@ class QXTOOLS_EXPORT ImageFrame {
   virtual std::int32_t Aux32A() const;
   // First byte of the pixels; null for an empty frame. The frame does not own them.
   virtual std::uint8_t* Data() const;
-  // Owner of the memory behind Data(), or empty when somebody else keeps it alive.
+  // Owner of the memory behind Data(), or empty if something else keeps it alive.
   virtual std::shared_ptr<void> Holder() const;
   virtual std::uint64_t Aux64C() const;
   virtual std::uint64_t Aux64D() const;
@@ -83,14 +83,14 @@ class QXTOOLS_EXPORT ImageFrameImpl : public ImageFrame {
   ImageFrameImpl& operator=(const ImageFrameImpl&) = default;
   ~ImageFrameImpl() override;
 
-  // Describes memory of the caller's own.
+  // Describes memory that the caller owns.
   //
   // Inputs:  data      height x width x channels values, row by row, channels of a pixel adjacent;
   //                    one byte a value, two for kQXPixelFormatGray16. For the 4:2:0 formats
   //                    height x width x 3 / 2 bytes, height and width even and channels 1.
   //          channels  as Channel() reports them: 1 for grey pictures, 3 or 4 for coloured ones.
   //          holder    optional owner of `data`, released with the frame. Without one the caller
-  //                    keeps `data` alive for as long as the frame.
+  //                    must keep `data` alive as long as the frame.
   // Returns: the frame; empty when the size in bytes does not fit the 32 bits of DataSize(), when a
   //          4:2:0 picture has an odd height or width or other than 1 channel, or when `data` is
   //          null although the size is not zero.

@@ -13,10 +13,10 @@ struct InstructionSet {
   bool active;       // the set in use; true for one entry
 };
 
-// Returns: the instruction sets of this build, best first, "scalar" last. An operation without code
-//          for the active set uses the next one below for which it has some.
-// Threads: safe from any thread. The choice is made at the first call of any operation that has one
-//          and kept; until then the environment variable QXTOOLS_FORCE_ISA can set it.
+// Returns: the instruction sets of this build, best first, "scalar" last. An operation that has no
+//          code for the active set uses its next best one.
+// Threads: safe from any thread. The choice is made when the first operation needs it and is then
+//          kept; until then the environment variable QXTOOLS_FORCE_ISA can set it.
 QXTOOLS_EXPORT std::vector<InstructionSet> InstructionSets();
 
 }  // namespace qx::utils

@@ -1,6 +1,6 @@
 // Image decode, resize, crop, colour conversion and encode on a media-processing engine.
 //
-// The library brings the interface and the front ends, but no engine. An application that has one
+// The library provides the interface and the front ends, but no engine. An application that has one
 // derives from MediaProc and installs a factory for the process; until then every front end logs
 // "create MediaProc failed" at ERROR and returns an empty result.
 #pragma once
@@ -23,7 +23,7 @@ enum ImageFileFormat : std::uint32_t {
   kImageFileFormatBmp = 2,
 };
 
-// What an encoder may be told; passed to the engine unchanged.
+// Options for an encoder; passed to the engine unchanged.
 struct EncodeParams {
   std::uint32_t quality = 0;  // 1 (smallest file) to 100 (best picture); 0 leaves it to the engine
 };
@@ -31,8 +31,8 @@ struct EncodeParams {
 // One engine instance. Override what the engine can do; the bodies here return empty results.
 //
 // The order of the virtual functions is part of the binary interface. Results are the caller's;
-// frames are shared. Which calls may run at once is the engine's to say: every front-end call asks
-// for an instance of its own, but a factory may hand the same one to several callers.
+// frames are shared. The engine defines which calls may run at the same time: every front-end call
+// requests an instance, but a factory may return the same one to several callers.
 class QXTOOLS_EXPORT MediaProc {
  public:
   using Frame = std::shared_ptr<velkar::vision::ImageFrame>;
@@ -43,7 +43,7 @@ class QXTOOLS_EXPORT MediaProc {
   MediaProc& operator=(const MediaProc&) = delete;
   virtual ~MediaProc();
 
-  // Keeps a place in the table. The library never calls it.
+  // Reserved vtable slot. The library never calls it.
   virtual void Reserved();
 
   // Cuts `boxes` (inclusive pixel corners) out of `frame`, each scaled to width x height when
@@ -65,26 +65,26 @@ class QXTOOLS_EXPORT MediaProc {
                                             const EncodeParams& params);
 };
 
-// Gives the engine instance for a device index, or an empty pointer when there is none.
+// Returns the engine instance for a device index, or an empty pointer if there is none.
 using MediaProcFactory = std::function<std::shared_ptr<MediaProc>(int device)>;
 
-// Makes `factory` the source of engines for the whole process, in place of the one before; an empty
-// function removes it.
+// Makes `factory` the source of engines for the whole process and replaces the previous one; an
+// empty function removes it.
 //
 // Threads: safe at any time and on any thread, also while front ends run. The factory is called on
 // the threads of the front ends, outside the library's lock and possibly on several at once; it may
-// itself install another. Calls that began earlier keep the old factory and its engines alive until
-// they return, so its captures may be used for a moment after this function has returned.
+// itself install another one. Calls that began earlier keep the old factory and its engines alive
+// until they return, so its captures may still be in use when this function returns.
 QXTOOLS_EXPORT void InstallMediaProcFactory(MediaProcFactory factory);
 
 // Returns: what the installed factory gives for `device`; empty when none is installed.
 [[nodiscard]] QXTOOLS_EXPORT std::shared_ptr<MediaProc> CreateMediaProc(int device);
 
-// The front ends. Each asks for the engine of `device` (an index that means something to the
-// factory alone), calls the MediaProc operation of its name with the other arguments, returns its
-// result unchanged and lets go of the engine.
+// The front ends. Each one requests the engine of `device` (an index that only the factory
+// interprets), calls the MediaProc operation of the same name with the other arguments, returns its
+// result unchanged and releases the engine.
 //
-// Inputs:  frame  shared with the engine for the call; looked at by the engine only, except where
+// Inputs:  frame  shared with the engine for the call; only the engine reads it, except where
 //                 noted. `data` and `boxes` are borrowed until the call returns.
 // Errors:  without an engine, "create MediaProc failed" at ERROR and an empty result. Failures of
 //          the engine arrive as the empty result it returns; exceptions pass through.

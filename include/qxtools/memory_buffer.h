@@ -1,4 +1,4 @@
-// Buffers that know the kind of memory they live in, and copies between any two kinds.
+// Buffers that record the kind of memory they are in, and copies between any two kinds.
 //
 // The library has no device behind this interface: nothing is allocated and nothing is copied. The
 // records and functions are what an application's own device layer and its callers agree on.
@@ -30,8 +30,8 @@ struct MemoryBuffer {
 
 // Asks for `size` bytes of memory of kind `type` on device number `device`.
 //
-// Returns: an empty buffer of that kind: `data` null, everything else 0. A null `data` is how a
-//          caller recognises failure, and here it is the only outcome.
+// Returns: an empty buffer of that kind: `data` null, everything else 0. A null `data` means
+//          failure, which is the only outcome here.
 // Threads: reentrant, as are the copies below.
 [[nodiscard]] QXTOOLS_EXPORT MemoryBuffer AllocMem(std::size_t size, MemType type, int device);
 
@@ -42,7 +42,7 @@ struct MemoryBuffer {
 QXTOOLS_EXPORT int MemCpy(void* dst, std::size_t dst_size, MemType dst_type, int dst_device,
                           void* src, std::size_t src_size, MemType src_type, int src_device);
 
-// The same for two buffers, handing over all of their fields but `reserved`.
+// The same for two buffers; passes on all of their fields except `reserved`.
 QXTOOLS_EXPORT int MemCpy(MemoryBuffer& dst, const MemoryBuffer& src);
 
 }  // namespace qx::utils

@@ -11,14 +11,14 @@
 
 namespace qx::utils::video {
 
-// Compressed-video codecs. A demuxer produces these two values alone.
+// Compressed-video codecs. A demuxer produces only these two values.
 enum VideoCodec : std::uint32_t {
   kVideoCodecH264 = 0,
   kVideoCodecH265 = 3,
 };
 
 // One demuxed packet. Demuxers hand packets out inside a std::shared_ptr that owns the payload:
-// `data` is valid for as long as some copy of that pointer exists, and no longer.
+// `data` is valid only while a copy of that pointer exists.
 //
 // Threads: copies of the pointer may be made and released on any thread.
 struct StreamPacket {
@@ -41,7 +41,7 @@ class QXTOOLS_EXPORT Demuxer {
 
   virtual ~Demuxer();
 
-  // Opens `url` and chooses its first H.264 or H.265 video stream.
+  // Opens `url` and selects its first H.264 or H.265 video stream.
   // Returns: 0, or a negative value when the input cannot be opened or has no such stream.
   virtual int Open(const std::string& url, const Config& config) = 0;
 
@@ -53,8 +53,8 @@ class QXTOOLS_EXPORT Demuxer {
   static std::shared_ptr<Demuxer> CreateInstance();
 };
 
-// Receives decoded frames together with the pointer that was given with their packet. The
-// callback shares the frame: it may keep the pointer for as long as it likes.
+// Receives decoded frames, each with the pointer that was passed with its packet. The callback
+// shares ownership of the frame and may keep it for as long as it likes.
 using FrameCallback =
     std::function<void(std::shared_ptr<velkar::vision::ImageFrame> frame, void* user_data)>;
 
