@@ -1,5 +1,5 @@
-// Owners for FFmpeg's handles, and the one place that knows how FFmpeg's generations differ.
-// Included by the FFmpeg source files alone.
+// Owners of FFmpeg's handles, and the one place that knows how FFmpeg's generations differ. Only
+// sources that call FFmpeg include it.
 #pragma once
 
 extern "C" {
@@ -28,7 +28,7 @@ struct FfmpegDeleter {
 template <typename T>
 using FfmpegPtr = std::unique_ptr<T, FfmpegDeleter>;
 
-// Side data that tells a sender's wall clock, and the type of its size.
+// Whether packets carry the sender's wall clock as side data, and the type of its size.
 #if LIBAVCODEC_VERSION_INT >= AV_VERSION_INT(58, 66, 100)
 #define QXTOOLS_HAS_WALL_CLOCK
 #endif
@@ -38,7 +38,7 @@ using SideDataSize = std::size_t;
 using SideDataSize = int;
 #endif
 
-// Reads a packet that owns its payload. Generations before 4.3 also hand out what the next read
+// Reads a packet that owns its payload. FFmpeg before 4.3 also returns payloads that the next read
 // overwrites.
 inline int ReadPacket(AVFormatContext* context, AVPacket* packet) {
   const int code = av_read_frame(context, packet);
@@ -48,20 +48,20 @@ inline int ReadPacket(AVFormatContext* context, AVPacket* packet) {
   return owned;
 }
 
-// Makes a filter forget a packet that it has refused. 4.0 has no such call, and its filters keep
-// nothing of such a packet.
+// Makes a filter forget a packet that it has rejected. FFmpeg 4.0 has no such call, but its filters
+// do not keep rejected packets.
 inline void FlushFilter([[maybe_unused]] AVBSFContext* filter) {
 #if LIBAVCODEC_VERSION_INT >= AV_VERSION_INT(58, 23, 100)
   av_bsf_flush(filter);
 #endif
 }
 
-// FFmpeg's parser gives no time to the first picture of an RTSP connection. Generations before
-// libavformat 59 then make one up, which lies some pictures later.
+// FFmpeg's parser gives the first picture of an RTSP connection no time. Before libavformat 59
+// FFmpeg then invents one, which is some pictures too late.
 constexpr bool kInventsFirstTime = LIBAVFORMAT_VERSION_MAJOR < 59;
 
-// Gives a packet on the stack FFmpeg's initial values. Generations from libavcodec 59 on call the
-// function deprecated and keep it.
+// Gives a packet on the stack FFmpeg's initial values. The function is deprecated since libavcodec
+// 59 but still there.
 inline void InitPacket(AVPacket& packet) {
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"

@@ -15,7 +15,7 @@ bool IsYuv420(QXPixelFormat format) {
 
 std::uint64_t BytesPerValue(QXPixelFormat format) { return format == kQXPixelFormatGray16 ? 2 : 1; }
 
-// Bytes of a picture, or nothing when there is none of that shape or it does not fit a frame.
+// Returns: the bytes of a picture; nothing when the shape is invalid or does not fit a frame.
 std::optional<std::uint32_t> PictureBytes(QXPixelFormat format, std::uint64_t height,
                                           std::uint64_t width, std::uint64_t channels) {
   constexpr std::uint64_t kLimit = std::numeric_limits<std::uint32_t>::max();

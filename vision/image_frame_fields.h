@@ -1,4 +1,4 @@
-// Lets the library's own producers fill a frame's private fields.
+// Gives the library's own producers access to a frame's private fields.
 #pragma once
 
 #include <cstdint>

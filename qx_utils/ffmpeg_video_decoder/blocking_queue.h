@@ -1,4 +1,4 @@
-// The hand-over from the threads that produce to the one that consumes.
+// The queue between producing threads and the one that consumes.
 #pragma once
 
 #include <atomic>
@@ -40,8 +40,8 @@ class BlockingQueue {
     return element;
   }
 
-  // Puts `elements`, prepared beforehand, in place of all that wait; it holds those afterwards.
-  // Unlike Push() it needs no memory, so it can always end the reader's wait.
+  // Swaps the waiting elements with `elements`, which the caller prepared earlier. Unlike Push() it
+  // needs no memory, so it can always end the reader's wait.
   void Replace(std::deque<T>& elements) noexcept {
     {
       const std::lock_guard<std::mutex> lock(mutex_);
@@ -51,13 +51,13 @@ class BlockingQueue {
     not_empty_.notify_one();
   }
 
-  // Number of elements that wait, read without the lock.
+  // Number of waiting elements, read without the lock.
   std::uint64_t Size() const { return size_; }
 
  private:
   std::deque<T> elements_;
   std::atomic<std::uint64_t> size_{0};
-  unsigned waiting_ = 0;  // readers in Pop(): without one, there is nobody to wake
+  unsigned waiting_ = 0;  // readers in Pop(); without one there is no thread to wake
   std::mutex mutex_;
   std::condition_variable not_empty_;
 };

@@ -19,8 +19,8 @@ using velkar::vision::ImageFrame;
 using velkar::vision::ImageFrameFields;
 using velkar::vision::ImageFrameImpl;
 
-// Frees a decoded frame with its bytes. The layout travels here, beside the frame: the frame itself
-// is an ordinary one.
+// Frees a decoded frame and its bytes. It also carries the layout, since the frame itself is an
+// ordinary one.
 struct DecodedFrameDeleter {
   ImageFrameImpl* frame;
   FrameLayout layout;
@@ -42,8 +42,8 @@ PlaneSize SizeOfPlane(const AVFrame& picture, std::uint32_t plane, std::uint32_t
 }
 
 // Lays the planes one after the other, each with the pitch it has in `picture`; `bytes` is their
-// sum. Returns: kDecodeOk, or kDecodeUnsupportedLayout when the rows of a plane do not lie forwards
-// in memory, or kDecodePictureTooLarge when the sum does not fit 31 bits.
+// sum. Returns: kDecodeOk, or kDecodeUnsupportedLayout when a plane is stored bottom-up, or
+// kDecodePictureTooLarge when the sum does not fit 31 bits.
 DecodeStatus LayOut(const AVFrame& picture, FrameLayout& layout, std::uint32_t& bytes) {
   std::int64_t end = 0;
   for (std::uint32_t plane = 0; plane < layout.plane_count; ++plane) {
@@ -60,7 +60,7 @@ DecodeStatus LayOut(const AVFrame& picture, FrameLayout& layout, std::uint32_t& 
   return kDecodeOk;
 }
 
-// Returns: all of the layout but the planes.
+// Returns: the layout without its planes.
 FrameLayout Describe(const AVFrame& picture, const SentPacket& packet) {
   FrameLayout layout = {};
   layout.width = static_cast<std::uint32_t>(picture.width);
@@ -79,7 +79,7 @@ FrameLayout Describe(const AVFrame& picture, const SentPacket& packet) {
   return layout;
 }
 
-// Returns: a frame with room for `bytes`, which go back to `pool` with it.
+// Returns: a frame with room for `bytes`, which return to `pool` with it.
 std::shared_ptr<ImageFrame> MakeFrame(const FrameLayout& layout, QXPixelFormat format,
                                       std::uint32_t bytes,
                                       const std::shared_ptr<PicturePool>& pool) {

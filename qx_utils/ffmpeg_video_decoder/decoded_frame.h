@@ -1,4 +1,4 @@
-// Decoded pictures as frames of the library.
+// Turns decoded pictures into frames of the library.
 #pragma once
 
 #include <memory>
@@ -11,12 +11,12 @@
 
 namespace qx::utils::ffmpeg {
 
-// Copies a picture of FFmpeg's into a new frame.
+// Copies an FFmpeg picture into a new frame.
 //
 // Inputs:  packet   the one that the picture came in
-//          pool     gives the frame's bytes and gets them back
-// Output:  frame    the copy, for which LayoutOf() knows the layout; unchanged on failure.
-//          refusal  on failure a line for the log.
+//          pool     supplies the frame's bytes and takes them back
+// Output:  frame    the copy, with a layout for LayoutOf(); unchanged on failure.
+//          refusal  a line for the log on failure.
 // Returns: kDecodeOk, or kDecodeUnsupportedFormat, kDecodeUnsupportedLayout or
 //          kDecodePictureTooLarge.
 // Errors:  std::bad_alloc.

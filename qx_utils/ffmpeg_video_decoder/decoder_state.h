@@ -1,4 +1,4 @@
-// What a decoder has beside the handles in its public class, whose size stays.
+// The state of a decoder that its public class, whose size must not change, does not hold.
 #pragma once
 
 #include <cstdint>
@@ -21,12 +21,12 @@ struct DecoderState {
 
   const std::shared_ptr<Delivery> delivery = std::make_shared<Delivery>();
   const std::shared_ptr<PicturePool> pool = std::make_shared<PicturePool>();
-  std::deque<QueuedFrame> wake_up{1};  // made early: destruction needs no memory
+  std::deque<QueuedFrame> wake_up{1};  // allocated early, so that destruction needs no memory
   DecodeThreads threads = kDecodeOneThread;
   int thread_count = 1;
   SentPackets sent;
-  std::uint64_t gaps = 0;    // discontinuities that queued frames have told of
-  std::string last_refusal;  // what was logged of the newest picture; "" when that was queued
+  std::uint64_t gaps = 0;    // discontinuities reported with queued frames
+  std::string last_refusal;  // what was logged about the newest picture; "" if it was queued
 };
 
 }  // namespace qx::utils::ffmpeg

@@ -7,7 +7,7 @@
 namespace qx::utils::ffmpeg {
 namespace {
 
-// An exception ends here: on a thread of the library nobody else could catch it.
+// Exceptions end here: on a thread of the library nothing else can catch them.
 void RunCallback(const video::FrameCallback& callback, const QueuedFrame& item) {
   try {
     callback(item.frame, item.user_data);

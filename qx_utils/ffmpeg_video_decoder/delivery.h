@@ -15,14 +15,14 @@
 namespace qx::utils::ffmpeg {
 
 // A frame on its way to the callback. Both fields are null in the element that only wakes the
-// worker up.
+// worker.
 struct QueuedFrame {
   std::shared_ptr<velkar::vision::ImageFrame> frame;
   void* user_data = nullptr;
 };
 
-// The callback in force. Whoever runs it shares it, so replacing it never destroys a running
-// target.
+// The current callback. A running call shares ownership of it, so replacing it never destroys a
+// running target.
 class CallbackSlot {
  public:
   using Target = std::shared_ptr<const video::FrameCallback>;
@@ -34,7 +34,7 @@ class CallbackSlot {
   }
 
   // Returns: the previous callback, for the caller to release outside the lock: its target's
-  //          destructor is the application's code and may come back here.
+  //          destructor is the application's code and may call back into here.
   Target Exchange(Target target) noexcept {
     const std::lock_guard<std::mutex> lock(mutex_);
     target_.swap(target);
@@ -46,7 +46,7 @@ class CallbackSlot {
   Target target_;
 };
 
-// Counts frames that are done with.
+// Counts the frames that are finished.
 //
 // Threads: any thread may call any operation at any time.
 class DeliveryCount {
@@ -57,7 +57,7 @@ class DeliveryCount {
     grown_.notify_all();
   }
 
-  // Returns when Add() was called `count` times in all.
+  // Waits until Add() has been called `count` times in total.
   void WaitFor(std::uint64_t count) {
     std::unique_lock<std::mutex> lock(mutex_);
     grown_.wait(lock, [&] { return count_ >= count; });
@@ -74,10 +74,10 @@ struct Delivery {
   CallbackSlot callback;
   BlockingQueue<QueuedFrame> queue;
   std::atomic<std::uint64_t> queued{0};  // frames pushed so far
-  DeliveryCount delivered;               // frames taken, handed to the callback and released
+  DeliveryCount delivered;               // frames taken, passed to the callback and released
 };
 
-// Hands queued frames to the callback until `stop` is set. Touches nothing but its argument.
+// Passes queued frames to the callback until `stop` is set. Touches only its argument.
 void Deliver(const std::shared_ptr<Delivery>& delivery);
 
 }  // namespace qx::utils::ffmpeg

@@ -17,7 +17,7 @@ namespace {
 
 using video::StreamPacket;
 
-// Reports a broken assumption without stopping for it.
+// Logs a broken assumption and continues.
 void PrintAssertFailed(const char* function, int line, const char* expression) {
   std::printf("####[%s:%d]assert failed:%s\n", function, line, expression);
 }
@@ -35,7 +35,7 @@ bool DecodesPicturesAtOnce(const AVCodecContext& context) {
   return context.active_thread_type == FF_THREAD_FRAME;
 }
 
-// Gives `packet` to FFmpeg, which copies the payload because the packet owns no buffer.
+// Sends `packet` to FFmpeg, which copies the payload because the packet owns no buffer.
 // Returns: FFmpeg's code.
 int Submit(AVCodecContext* context, const AVPacket& packet) {
   const int code = avcodec_send_packet(context, &packet);
@@ -59,8 +59,8 @@ DecodeStatus SubmitPacket(AVCodecContext* context, const std::shared_ptr<StreamP
   packet.size = static_cast<int>(payload->size);
   packet.pts = sent.Add(payload);
   const int code = Submit(context, packet);
-  // FFmpeg calls it an error that a packet holds no slice, and with a thread for each picture says
-  // so of the packet whose turn it is.
+  // FFmpeg reports an error for a packet without a slice; when it decodes pictures in parallel, it
+  // does so for a packet whose turn comes later.
   const int delay = DecodesPicturesAtOnce(*context) ? context->thread_count - 1 : 0;
   if (code == AVERROR_INVALIDDATA && sent.Find(packet.pts - delay).headers_only) {
     return kDecodeNoPicture;
@@ -140,7 +140,7 @@ int FfmpegDecoder::SetReorderDepth(int pictures) {
   if (!IsOpen(p_avcodec_ctx_.get())) return kDecodeNotInitialised;
   if (pictures < 0 || pictures > kMaxReorderDepth) return kDecodeOutOfRange;
   if (DecodesPicturesAtOnce(*p_avcodec_ctx_)) {
-    // Its threads have contexts of their own, made when it is opened.
+    // FFmpeg's threads have their own contexts, made when it is opened.
     p_avcodec_ctx_.reset(avcodec_alloc_context3(p_avcodec_));
     if (p_avcodec_ctx_ == nullptr) return kDecodeOutOfMemory;
     p_avcodec_ctx_->has_b_frames = pictures;
@@ -153,7 +153,7 @@ int FfmpegDecoder::SetReorderDepth(int pictures) {
 int FfmpegDecoder::SetCallback(video::FrameCallback callback) {
   CallbackSlot::Target target;
   if (callback) target = std::make_shared<const video::FrameCallback>(std::move(callback));
-  // The previous target may own the decoder: nothing of it is touched once that is released.
+  // The previous target may own the decoder: do not touch the decoder after releasing it.
   const CallbackSlot::Target previous = callback_->Exchange(std::move(target));
   return 0;
 }
@@ -178,8 +178,8 @@ int FfmpegDecoder::SendFrame(std::shared_ptr<StreamPacket> packet, void* user_da
   return submitted == kDecodeOk ? QueuePictures(*ptFrame, user_data) : submitted;
 }
 
-// FFmpeg accepts the next packet only when no picture waits in it, so all are taken. Its H.264
-// decoder completes at most one per packet.
+// FFmpeg accepts the next packet only when all its finished pictures were taken. Its H.264 decoder
+// completes at most one per packet.
 DecodeStatus FfmpegDecoder::QueuePictures(AVFrame& picture, void* user_data) {
   DecodeStatus result = kDecodeNoPicture;
   for (;;) {
@@ -192,7 +192,7 @@ DecodeStatus FfmpegDecoder::QueuePictures(AVFrame& picture, void* user_data) {
 
 DecodeStatus FfmpegDecoder::QueuePicture(const AVFrame& picture, void* user_data) {
   SentPacket packet = state_->sent.Find(picture.pts);
-  packet.times.discontinuity = packet.gaps > state_->gaps;  // its own packet may have got lost
+  packet.times.discontinuity = packet.gaps > state_->gaps;  // the packet after the gap may be lost
   QueuedFrame item{nullptr, user_data};
   std::string refusal;
   const DecodeStatus status = CopyPicture(picture, packet, state_->pool, item.frame, refusal);
@@ -207,7 +207,7 @@ DecodeStatus FfmpegDecoder::QueuePicture(const AVFrame& picture, void* user_data
 }
 
 int FfmpegDecoder::Drain(void* user_data) {
-  // As many pictures as FFmpeg can hold back, and as many again that it reports as damaged.
+  // The number of pictures that FFmpeg can hold back, and as many again that it reports as damaged.
   constexpr int kMaxCalls = 2 * (kMaxReorderDepth + 1 + kMaxDecodeThreads);
   const auto drain = std::make_shared<StreamPacket>();
   int result = kDecodeOk;

@@ -13,8 +13,8 @@
 
 namespace qx::utils::ffmpeg {
 
-// What stands before a buffer, in the same allocation: it ends with the buffer's last byte, so that
-// the address sanitizer sees what is accessed past it. A kept buffer is poisoned for the sanitizer.
+// The header of a buffer, in the same allocation. The allocation ends with the buffer's last byte,
+// so that the address sanitizer sees accesses past it. A kept buffer is poisoned for the sanitizer.
 struct alignas(std::max_align_t) PictureBlock {
   std::shared_ptr<PicturePool> pool;  // empty while kept: a pool does not own itself
   PictureBlock* next = nullptr;
@@ -84,8 +84,8 @@ void PicturePool::Close() noexcept {
   FreeAll(kept);
 }
 
-// Counts a buffer of `bytes` as in use. Returns: one that was kept, or null; `surplus` is a list of
-// those that are needed no longer.
+// Counts a buffer of `bytes` as in use. Returns: a kept one, or null; `surplus` is a list of the
+// buffers that are no longer needed.
 PictureBlock* PicturePool::Reuse(std::size_t bytes, PictureBlock*& surplus) {
   const std::lock_guard<std::mutex> lock(mutex_);
   if (bytes != bytes_) {
@@ -106,7 +106,7 @@ PictureBlock* PicturePool::Reuse(std::size_t bytes, PictureBlock*& surplus) {
   return block;
 }
 
-// Returns: whether `block` is kept; it counts as in use no longer.
+// Counts `block` as no longer in use. Returns: whether it is kept.
 bool PicturePool::Keep(PictureBlock* block) noexcept {
   const std::lock_guard<std::mutex> lock(mutex_);
   --in_use_;
@@ -117,7 +117,7 @@ bool PicturePool::Keep(PictureBlock* block) noexcept {
   return true;
 }
 
-// Returns: the kept buffers, as a list, that the last two windows had no use for.
+// Returns: a list of the kept buffers that the last two windows did not need.
 PictureBlock* PicturePool::Surplus() noexcept {
   PictureBlock* surplus = nullptr;
   while (kept_ != nullptr && in_use_ + kept_count_ > std::max(peak_, last_peak_)) {

@@ -1,5 +1,5 @@
-// Buffers of decoded pictures that are used again: memory fresh from the system costs more than the
-// copy into it, because the kernel clears each page first.
+// Reuses the buffers of decoded pictures: fresh memory from the system costs more than the copy
+// into it, because the kernel clears each page first.
 #pragma once
 
 #include <cstddef>
@@ -11,9 +11,10 @@ namespace qx::utils::ffmpeg {
 
 struct PictureBlock;
 
-// The buffers of one decoder's pictures. It never keeps more than the stream has needed at once
-// within the last kWindow to 2 x kWindow pictures, so what a slow consumer piled up goes again, and
-// only buffers of the newest size. Buffers outlive it and are then freed one by one.
+// The buffers of one decoder's pictures. It keeps at most as many as the stream needed at the same
+// time within the last kWindow to 2 x kWindow pictures, so the backlog of a slow consumer is freed
+// later, and only buffers of the newest size. Buffers may outlive the pool; they are then freed one
+// by one.
 //
 // Threads: any thread may call any operation at any time.
 class PicturePool {
@@ -25,17 +26,17 @@ class PicturePool {
   PicturePool& operator=(const PicturePool&) = delete;
   ~PicturePool() { Close(); }
 
-  // Returns: a buffer of exactly `bytes`, with whatever stands in it.
+  // Returns: a buffer of exactly `bytes`, uninitialised.
   // Errors:  std::bad_alloc.
   static void* Take(const std::shared_ptr<PicturePool>& pool, std::size_t bytes);
 
-  // Gives back what Take() returned.
+  // Takes back a buffer that Take() returned.
   static void Return(void* buffer) noexcept;
 
-  // Frees what is kept, and from now on each buffer when it comes back.
+  // Frees the kept buffers, and from now on each buffer as soon as it is returned.
   void Close() noexcept;
 
-  // Number of buffers that wait for their next use.
+  // Number of kept buffers.
   std::size_t Kept() const {
     const std::lock_guard<std::mutex> lock(mutex_);
     return kept_count_;
@@ -52,13 +53,12 @@ class PicturePool {
   PictureBlock* kept_ = nullptr;  // a list, last in first out: its memory is warm
   std::size_t kept_count_ = 0;
   std::size_t in_use_ = 0;
-  std::size_t peak_ = 0;       // of in_use_ in the running window
-  std::size_t last_peak_ = 0;  // in the one before
-  std::size_t taken_ = 0;      // in the running window
+  std::size_t peak_ = 0;       // of in_use_ in the current window
+  std::size_t last_peak_ = 0;  // in the previous window
+  std::size_t taken_ = 0;      // in the current window
 };
 
-// One byte of a picture. Its own way of allocation lets `new PictureByte[bytes]` and `delete[]`
-// use a pool.
+// One byte of a picture. Its operators make `new PictureByte[bytes]` and `delete[]` use a pool.
 struct PictureByte {
   std::uint8_t value;
 

@@ -14,8 +14,8 @@ namespace qx::utils::ffmpeg {
 // Threads: reentrant.
 QXPixelFormat ConvertAvPixelFormat(AVPixelFormat av_format);
 
-// Returns: the format that ConvertAvPixelFormat() knows for pictures laid out as `av_format`, which
-//          may differ in colour range; AV_PIX_FMT_NONE when it knows none.
+// Returns: the format with the same memory layout as `av_format` that ConvertAvPixelFormat()
+//          accepts, perhaps with another colour range; AV_PIX_FMT_NONE if there is none.
 AVPixelFormat WithoutColourRange(AVPixelFormat av_format);
 
 }  // namespace qx::utils::ffmpeg

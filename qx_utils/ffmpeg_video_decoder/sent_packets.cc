@@ -15,9 +15,9 @@ using video::StreamPacket;
 bool IsSlice(int type) { return type >= 1 && type <= 5; }
 bool IsHeader(int type) { return type >= 6 && type <= 21; }
 
-// Returns: whether `packet` is NAL units in Annex B form of which none is a slice. Ends at the
-//          first slice, which in most packets stands near the front, and reads nothing of packets
-//          too long for FFmpeg, which refuses those unread as well.
+// Returns: whether `packet` consists of NAL units in Annex B form, none of them a slice. Stops at
+//          the first slice, which in most packets is near the front, and does not read packets that
+//          are too long for FFmpeg.
 bool IsHeadersOnly(const StreamPacket& packet) {
   constexpr int kMaxSize = std::numeric_limits<int>::max() - AV_INPUT_BUFFER_PADDING_SIZE;
   if (packet.size > static_cast<std::uint64_t>(kMaxSize)) return false;

@@ -24,15 +24,15 @@ inline bool HasBits(const BitReader& r) { return r.bit_pos < 8 * r.size; }
 // Returns: the next `n` bits, of which the last 32 remain when n is larger; 0, with the reader
 //          unchanged, when fewer than `n` bits are left (logged at verbose level 1).
 //
-// The check does not foresee the emulation-prevention bytes on the way, so a read that skips some
-// may pass the end: bits there are 0.
+// The check does not count the emulation-prevention bytes on the way, so a read that skips some may
+// run past the end: bits there are 0.
 std::uint32_t ReadBits(BitReader& r, std::uint64_t n);
 
 // Reads one Exp-Golomb code ue(v). A signed se(v) has the same length.
 //
-// Returns: the value modulo 2^32, which matters for 32 leading zeros alone: 2^32 - 1 + x becomes
+// Returns: the value modulo 2^32, which matters only for 32 leading zeros: 2^32 - 1 + x becomes
 //          x - 1. 33 or more leading zeros, which no valid code has, give x - 1 too, x being the 32
-//          bits behind the 33rd zero. A code cut off after z zeros gives 2^z - 1.
+//          bits after the 33rd zero. A code cut off after z zeros gives 2^z - 1.
 std::uint32_t ReadUE(BitReader& r);
 
 }  // namespace qx::utils

@@ -19,14 +19,14 @@ struct CodecRules {
   const char* found_message;  // logged with the offset of the header
 };
 
-// Returns: the offset of the header of the first SPS behind a 4-byte start code, or nothing.
+// Returns: the offset of the header of the first SPS after a 4-byte start code, or nothing.
 //          Offsets are 32-bit signed: in a larger buffer only the first 2^31 - 1 bytes are
 //          searched.
 // Output:  nal_unit_type of `result`, when any header was seen.
 std::optional<std::int32_t> FindSps(const std::uint8_t* data, std::size_t size,
                                     const CodecRules& rules, VideoParams& result);
 
-// Returns: a reader at the first byte behind that header, up to the end of the buffer.
+// Returns: a reader at the first byte after that header, up to the end of the buffer.
 std::optional<BitReader> OpenSps(const char* data, std::size_t size, const CodecRules& rules,
                                  VideoParams& result);
 

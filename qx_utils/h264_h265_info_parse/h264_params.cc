@@ -69,12 +69,12 @@ void SkipPicOrderCnt(BitReader& r) {
     ReadUE(r);       // offset_for_non_ref_pic
     ReadUE(r);       // offset_for_top_to_bottom_field
     const std::uint32_t cycle = ReadUE(r);
-    // A damaged count may be as large as 2^32 - 1: the bits that are left bound the work.
+    // A damaged count may be as large as 2^32 - 1: the remaining bits bound the work.
     for (std::uint32_t i = 0; i < cycle && HasBits(r); ++i) ReadUE(r);  // offset_for_ref_frame
   }
 }
 
-// What remains of `length` after cropping; the sums are 64 bits wide so that none of them wraps.
+// Returns: `length` after cropping; the sums have 64 bits so that they cannot wrap.
 std::uint64_t Cropped(std::uint64_t length, std::uint64_t first, std::uint64_t last,
                       std::uint32_t unit) {
   const std::uint64_t cropped = (first + last) * unit;

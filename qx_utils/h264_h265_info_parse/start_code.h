@@ -9,7 +9,7 @@ namespace qx::utils {
 constexpr std::size_t kStartCodeBytes = 4;
 
 // Returns: the first place of the bytes 00 00 00 01 in [begin, end), or `end`.
-// Cost:    a few instructions per 64 bytes whatever the bytes are; no data makes it slow.
+// Cost:    a few instructions per 64 bytes, for any data.
 const std::uint8_t* FindStartCode(const std::uint8_t* begin, const std::uint8_t* end);
 
 }  // namespace qx::utils

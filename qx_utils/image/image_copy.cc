@@ -18,7 +18,7 @@ struct Rows {
 
 void CopyRows(const Rows& dst, const Rows& src, std::size_t bytes, std::size_t count,
               const RowCopier& copy_func) {
-  // The library's own copier is known never to fail here: the pitch holds every row.
+  // The library's own copier cannot fail here: the pitch holds every row.
   using Plain = void (*)(void*, std::size_t, void*, std::size_t);
   const Plain* plain = copy_func.target<Plain>();
   if (plain != nullptr && *plain == &MemcpyFunc) {

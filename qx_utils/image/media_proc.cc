@@ -29,8 +29,8 @@ class FactorySlot {
   std::shared_ptr<const MediaProcFactory> factory_;
 };
 
-// Never destroyed: front ends may run while the process ends, on threads that main() does not wait
-// for and in destructors of static objects.
+// Never destroyed: front ends may still run while the process ends, in threads that main() does not
+// join and in destructors of static objects.
 FactorySlot& InstalledFactory() {
   static FactorySlot& slot = *new FactorySlot;
   return slot;

@@ -23,7 +23,7 @@ using BsfPtr = internal::FfmpegPtr<AVBSFContext>;
 constexpr std::uint64_t kMaxBytes =
     std::numeric_limits<int>::max() - AV_INPUT_BUFFER_PADDING_SIZE - 1;
 
-// Returns: whether a decoder configuration record stands before the packets, which makes them
+// Returns: whether the stream has a decoder configuration record, which means that its packets are
 // length-prefixed. Its first byte is a version (ISO/IEC 14496-15, 5.3.3.1 and 8.3.3.1; early H.265
 // muxers wrote 0); Annex B begins with at least two zero bytes and a one, or is absent.
 bool IsLengthPrefixed(const AVCodecParameters& parameters) {
@@ -35,9 +35,8 @@ bool IsLengthPrefixed(const AVCodecParameters& parameters) {
   return !(bytes[0] == 0 && bytes[1] == 0 && (bytes[2] == 1 || (bytes[2] == 0 && bytes[3] == 1)));
 }
 
-// Returns: whether the parameter sets that an H.265 record announces lie within its `size` bytes,
-// which are 23 at least (ISO/IEC 14496-15, 8.3.3.1). FFmpeg takes those that are missing for empty
-// ones, tens of thousands of them.
+// Returns: whether the parameter sets that an H.265 record announces fit its `size` bytes, at least
+// 23 (ISO/IEC 14496-15, 8.3.3.1). FFmpeg treats missing ones as empty, tens of thousands of them.
 bool IsWholeHevcRecord(const std::uint8_t* record, int size) {
   constexpr int kArrayCount = 22;  // offset
   const std::uint8_t* at = record + kArrayCount;
@@ -80,7 +79,7 @@ Opening Examine(const StreamPacket& packet) {
   return opening;
 }
 
-// Returns: FFmpeg's filter `name`, ready for packets with `parameters`; null when it refuses them.
+// Returns: FFmpeg's filter `name`, ready for packets with `parameters`; null if it rejects them.
 BsfPtr MakeFilter(const char* name, const AVCodecParameters& parameters) {
   const AVBitStreamFilter* filter = av_bsf_get_by_name(name);
   AVBSFContext* context = nullptr;
@@ -125,8 +124,8 @@ class AnnexBFilter::Impl {
   }
 
  private:
-  // Returns: whether the container's parameter sets have to stand before this picture. FFmpeg's own
-  // filter adds them to IDR pictures alone, while decoding may begin at others.
+  // Returns: whether the container's parameter sets must precede this picture. FFmpeg's own filter
+  // adds them only to IDR pictures, but decoding may begin at others.
   bool NeedsSets(const std::shared_ptr<StreamPacket>& packet, const Opening& opening) {
     if (opening.has_sets) sets_came_ = true;
     if (!opening.has_slice) return false;
@@ -134,13 +133,13 @@ class AnnexBFilter::Impl {
     const bool key = opening.is_key || (wrapped != nullptr && wrapped->flags & AV_PKT_FLAG_KEY);
     const bool needed = (first_ || key) && !sets_came_ && !sets_.empty();
     first_ = false;
-    // A byte stream that has shown parameter sets of its own is left alone from then on: those of
-    // the container may be older.
+    // Once a byte stream has brought parameter sets of its own it is left unchanged: those of the
+    // container may be older.
     if (length_prefixed_) sets_came_ = false;
     return needed;
   }
 
-  // Puts the parameter sets into the Annex B packet if need be. Returns: FFmpeg's code.
+  // Inserts the parameter sets into the Annex B packet if necessary. Returns: FFmpeg's code.
   int AddSetsWhereNeeded(std::shared_ptr<StreamPacket>& packet) {
     const Opening opening = Examine(*packet);
     if (!NeedsSets(packet, opening)) return 0;

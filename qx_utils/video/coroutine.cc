@@ -7,7 +7,7 @@
 #include <functional>
 #include <new>
 
-// Sanitizers have to be told when the stack changes under them.
+// Sanitizers must be told when the stack changes.
 #if defined(__has_feature)
 #if __has_feature(address_sanitizer)
 #define QXTOOLS_ADDRESS_SANITIZER
@@ -35,7 +35,7 @@ namespace {
 constexpr std::size_t kStackBytes = std::size_t{1}
                                     << 20U;  // FFmpeg lives with less on other systems
 
-// A page that nobody may touch ends the stack.
+// An inaccessible page ends the stack.
 std::size_t GuardBytes() { return static_cast<std::size_t>(sysconf(_SC_PAGESIZE)); }
 
 void BeginSwitch([[maybe_unused]] void** save, [[maybe_unused]] const void* bottom,
@@ -68,7 +68,7 @@ Coroutine::Coroutine() {
   inside_.uc_stack.ss_sp = static_cast<char*>(mapping_) + GuardBytes();
   inside_.uc_stack.ss_size = kStackBytes;
   inside_.uc_link = nullptr;
-  // makecontext() hands integers on, not pointers.
+  // makecontext() passes integers, not pointers.
   const auto self = reinterpret_cast<std::uintptr_t>(this);
   makecontext(&inside_, reinterpret_cast<void (*)()>(&Main), 2,
               static_cast<unsigned>(self >> 16U >> 16U), static_cast<unsigned>(self & 0xFFFFFFFFU));

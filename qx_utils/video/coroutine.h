@@ -1,4 +1,4 @@
-// A call that can be left in the middle and taken up again.
+// A call that can be suspended in the middle and resumed.
 #pragma once
 
 #include <ucontext.h>
@@ -7,17 +7,16 @@
 
 namespace qx::utils::internal {
 
-// Runs one piece of work at a time on a stack of its own, but on the thread of whoever calls
-// Start() or Resume(). While the work is suspended, its stack stays as it is and costs no processor
-// time.
+// Runs one piece of work at a time on its own stack, but on the thread that calls Start() or
+// Resume(). While the work is suspended its stack is untouched and uses no processor time.
 //
 // Threads: one at a time; the thread that resumes need not be the one that started.
 class Coroutine {
  public:
   using Work = void (*)(void* argument);
 
-  // Throws std::bad_alloc when there is no room for the stack (1 MiB of addresses, of which only
-  // what is used takes memory).
+  // Throws std::bad_alloc when there is no room for the stack (1 MiB of address space, of
+  // which only the part in use takes memory).
   Coroutine();
   Coroutine(const Coroutine&) = delete;
   Coroutine& operator=(const Coroutine&) = delete;
@@ -25,17 +24,17 @@ class Coroutine {
   ~Coroutine();
 
   // Runs `work`, which throws nothing. No other work may be suspended.
-  // Returns: whether the work has ended, and not suspended itself.
+  // Returns: whether the work has ended; otherwise it has suspended itself.
   bool Start(Work work, void* argument);
-  // Takes up the suspended work; returns as Start() does.
+  // Continues the suspended work; returns as Start() does.
   bool Resume();
 
-  // From within the work: makes Start() or Resume() return, and comes back with the next Resume().
+  // Within the work: makes Start() or Resume() return; the next Resume() continues here.
   void Suspend();
 
   // Returns: whether the caller is within the work. Safe from any thread.
   bool Inside() const;
-  // Returns: whether there is work to take up again.
+  // Returns: whether there is work to resume.
   bool suspended() const { return suspended_; }
 
  private:
@@ -50,7 +49,7 @@ class Coroutine {
   Work work_ = nullptr;
   void* argument_ = nullptr;
   bool suspended_ = false;
-  // What the sanitizers want to know of the two stacks.
+  // What the sanitizers need to know about the two stacks.
   const void* outside_bottom_ = nullptr;
   std::size_t outside_bytes_ = 0;
   void* outside_fiber_ = nullptr;

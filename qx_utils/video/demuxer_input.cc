@@ -29,13 +29,13 @@ int DemuxerInput::Read(AVPacket& packet) {
   }
   const int code = Run(Call::kRead);
   if (code == 0) av_packet_move_ref(&packet, &packet_);
-  // The RTSP client uses this code where a packet has begun and does not end. A wait between two
-  // packets ends with another one, and the connection goes on.
+  // The RTSP client returns this code when a packet has begun but does not end. A wait between two
+  // packets ends with another code, and the connection stays usable.
   lost_ = kind_ == InputKind::kRtsp && code == AVERROR(EIO);
   return code;
 }
 
-// Makes `call`, or goes on with the one that was suspended.
+// Makes `call`, or resumes the suspended one.
 int DemuxerInput::Run(Call call) {
   const auto execute = [](void* input) { static_cast<DemuxerInput*>(input)->Execute(); };
   if (!suspended()) call_ = call;
@@ -74,7 +74,7 @@ int DemuxerInput::OpenNow() {
 }
 
 int DemuxerInput::ProbeNow() {
-  // Connections keep the callback they were opened with, so that this one is asked only where
+  // Connections keep the callback they were opened with, so FFmpeg calls this one only where
   // probing can end without loss: between two packets.
   const AVIOInterruptCB usual = context_->interrupt_callback;
   if (kind_ == InputKind::kRtsp) {

@@ -1,10 +1,10 @@
-// One input of a demuxer, whose calls of FFmpeg's can be left in the middle without loss.
+// One input of a demuxer, whose FFmpeg calls can be suspended in the middle without loss.
 //
-// FFmpeg itself has one way to end a call early: its interrupt callback answers 1. What the call
-// had taken from the connection by then is gone, in the middle of a packet as well as between two,
-// and an RTSP or TLS connection is of no use after that. So the calls that may wait run on a stack
-// of their own, and instead of answering, the callback leaves FFmpeg where it stands. The next call
-// goes on from there; for FFmpeg nothing has happened.
+// FFmpeg has one way to end a call early: its interrupt callback returns 1. Whatever the call had
+// read from the connection by then is lost, be it half a packet or none, and an RTSP or TLS
+// connection is unusable after that. So calls that may wait run on a separate stack, and instead of
+// returning, the callback suspends FFmpeg where it is. The next call resumes it; FFmpeg does not
+// notice.
 #pragma once
 
 #include <atomic>
@@ -31,23 +31,23 @@ class DemuxerInput {
   ~DemuxerInput();
 
   // Opens the input. Returns: FFmpeg's code; AVERROR_EXIT (cancelled) or AVERROR(ETIMEDOUT) when
-  // the watch has ended the wait: there is nothing to go on with then.
+  // the watch has ended the wait: the input cannot be used then.
   int Open();
 
-  // Probes the streams, or goes on with that. Returns: as Open() does, but suspended() tells when
-  // there is more to be learned.
+  // Probes the streams, or continues doing so. Returns: as Open() does; suspended() says whether
+  // probing is unfinished.
   int Probe();
 
-  // Reads the next packet of any stream, after what is left of the probing. Returns: as Open()
-  // does, but the next call goes on from there.
+  // Finishes probing if necessary, then reads the next packet of any stream. Returns: as Open()
+  // does, but the next call continues where this one stopped.
   int Read(AVPacket& packet);
 
   bool suspended() const { return coroutine_ && coroutine_->suspended(); }
-  // FFmpeg has given up in the middle of an RTSP packet: what comes next has no beginning.
+  // FFmpeg has given up in the middle of an RTSP packet: the bytes that follow have no beginning.
   bool lost() const { return lost_; }
-  // Keeps the wall clock of the next packet. Returns: what was kept for this one.
+  // Stores the wall clock of the next packet. Returns: the one stored for this packet.
   std::int64_t ExchangeWallClock(std::int64_t next) { return std::exchange(wall_clock_, next); }
-  // Returns: whether this is the first call; it is for the first picture that is handed out.
+  // Returns: whether this is the first call, made for the first picture of the input.
   bool TakeFirstPicture() { return std::exchange(first_picture_, false); }
   InputKind kind() const { return kind_; }
   AVFormatContext* context() const { return context_; }
@@ -68,11 +68,11 @@ class DemuxerInput {
   AVFormatContext* context_ = nullptr;
   std::optional<Coroutine> coroutine_;  // for inputs that can make FFmpeg wait
   Call call_ = Call::kOpen;
-  int code_ = 0;          // of the last call that ended
-  int interruption_ = 0;  // why the last call that did not end was left
+  int code_ = 0;          // of the last finished call
+  int interruption_ = 0;  // why the last suspended call was suspended
   AVPacket packet_ = {};
   bool probing_cut_ = false;
-  std::atomic<bool> abandoned_{false};  // some of FFmpeg's protocols ask on a thread of their own
+  std::atomic<bool> abandoned_{false};  // some FFmpeg protocols call the callback on another thread
   bool lost_ = false;
   bool first_picture_ = true;
   std::int64_t wall_clock_ = AV_NOPTS_VALUE;

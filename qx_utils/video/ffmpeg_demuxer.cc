@@ -22,13 +22,13 @@ constexpr int kMaxFailures = 3;  // of one ReadFrame()
 constexpr std::chrono::milliseconds kPause(1);
 constexpr char kLostConnection[] = "The connection broke off within a packet: open the input again";
 
-// Opening waits for the camera many times, and each wait may be cut short by a single byte. Open()
-// promises 8 s; one is left for what the callback and the system add.
+// Opening waits for the camera many times, and a single byte may end each wait. Open() promises
+// 8 s; one second is left for what the callback and the system add.
 constexpr std::chrono::seconds kRtspOpenLimit(7);
 
-// ReadFrame() promises 10 s while no packet comes. Three waits that FFmpeg ends by itself take up
-// to 9.6 s, as it looks at its own limit every 0.1 s; this ends the wait for a camera that
-// trickles.
+// ReadFrame() promises 10 s while no packet comes. Three waits that FFmpeg ends itself take up to
+// 9.6 s, as it checks its own limit every 0.1 s; this limit ends the wait for a camera that sends
+// byte by byte.
 constexpr std::chrono::milliseconds kRtspReadLimit(9800);
 
 InputWatch::Clock::duration IfRtsp(InputKind kind, InputWatch::Clock::duration limit) {
@@ -45,9 +45,9 @@ DemuxerInput& InputOf(const std::shared_ptr<AVFormatContext>& context) {
   return *std::get_deleter<InputCloser>(context)->input;
 }
 
-// Opens and probes `url`. Where time runs out while FFmpeg probes, that can be left to the reads;
-// who wants the context for itself waits until it is complete, or fails. Returns: the input; null
-// with the reason logged and recorded.
+// Opens and probes `url`. If time runs out while FFmpeg probes, reading can finish the probing; a
+// caller that wants the context itself waits until it is complete, or fails. Returns: the input;
+// null with the reason logged and recorded.
 std::shared_ptr<AVFormatContext> OpenInput(const std::string& url,
                                            const std::shared_ptr<InputWatch>& watch,
                                            bool leave_probing) {
@@ -76,14 +76,14 @@ std::shared_ptr<AVFormatContext> OpenInput(const std::string& url,
   return {context, InputCloser{std::move(input)}};
 }
 
-// Returns: whether the library reads `codec`, and which value stands for it.
+// Returns: the library's value for `codec`; empty if it does not read that codec.
 bool ToVideoCodec(AVCodecID id, VideoCodec& codec) {
   if (id != AV_CODEC_ID_H264 && id != AV_CODEC_ID_HEVC) return false;
   codec = id == AV_CODEC_ID_H264 ? kVideoCodecH264 : kVideoCodecH265;
   return true;
 }
 
-// Logs what stream `index` is. Returns: whether it is H.264 or H.265 video; `codec` is set then.
+// Logs the type of stream `index`. Returns: whether it is H.264 or H.265 video; sets `codec` then.
 bool ExamineStream(const AVStream& stream, unsigned index, VideoCodec& codec) {
   const AVMediaType type = stream.codecpar->codec_type;
   VLOG(2) << "index: " << index << " codec_type=" << static_cast<int>(type);
@@ -113,8 +113,8 @@ std::int64_t AttachedWallClock(AVPacket& packet) {
 // Returns: the sender's wall clock at the packet's presentation time.
 std::int64_t WallClockOf(AVPacket& packet, DemuxerInput& input) {
   if (input.kind() != InputKind::kRtsp) return kNoTime;
-  // FFmpeg's parser knows that a picture is complete when the next one begins, and attaches to it
-  // what came with that one.
+  // FFmpeg's parser completes a picture when the next one begins, and attaches the side data of
+  // that one.
   std::int64_t time = input.ExchangeWallClock(AttachedWallClock(packet));
   const AVFormatContext& context = *input.context();
   if (context.start_time_realtime == kNoTime || packet.pts == kNoTime) return kNoTime;
@@ -123,7 +123,7 @@ std::int64_t WallClockOf(AVPacket& packet, DemuxerInput& input) {
   const std::int64_t by_first_report =
       context.start_time_realtime + av_rescale_q(packet.pts, unit, microseconds);
   if (time == kNoTime) time = by_first_report;
-  // FFmpeg forgets that the 32 bits of the stream's clock may have wrapped around since the report.
+  // FFmpeg ignores that the stream's 32-bit clock may have wrapped around since the report.
   const std::int64_t round = av_rescale_q(std::int64_t{1} << 32U, unit, microseconds);
   if (time - by_first_report > round / 2) time -= round;
   if (by_first_report - time > round / 2) time += round;
@@ -138,7 +138,7 @@ internal::PacketStamp StampFor(AVPacket& packet, DemuxerInput& input, InputWatch
   return {unit.num, unit.den, watch.TakeGap(), WallClockOf(packet, input)};
 }
 
-// Logs and records a failed read. Returns: whether another attempt is of use.
+// Logs and records a failed read. Returns: whether another attempt makes sense.
 bool CanGoOn(int code, const DemuxerInput& input, InputWatch& watch) {
   LOG(ERROR) << " Read frame failed. ErrCode: " << code;
   watch.SetFault(code, input.kind());

@@ -5,9 +5,9 @@
 namespace qx::utils::internal {
 namespace {
 
-// libavformat 58 calls the socket limit of its RTSP client "stimeout", and there "timeout" turns
-// the client into a listening server. From 59 on "stimeout" is unknown and "timeout" is that limit;
-// other protocols have a "timeout" of their own, which stays as it is.
+// libavformat 58 calls the socket limit of its RTSP client "stimeout"; its "timeout" turns the
+// client into a listening server. From 59 on "stimeout" is unknown and "timeout" is that limit. The
+// "timeout" of other protocols is not set.
 const char* SocketLimitName(const std::string& url) {
   return LIBAVFORMAT_VERSION_MAJOR >= 59 && KindOf(url) == InputKind::kRtsp ? "timeout"
                                                                             : "stimeout";

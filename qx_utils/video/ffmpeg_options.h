@@ -1,4 +1,4 @@
-// The options of an input, and how FFmpeg's generations name them.
+// The options of an input, under the names that each FFmpeg generation uses.
 #pragma once
 
 #include <chrono>
@@ -18,8 +18,8 @@ enum class InputKind {
 };
 InputKind KindOf(const std::string& url);
 
-// Returns: RTSP over TCP with a limit of 3 s for each wait on the socket. Every input is given
-// these options; those that do not know them leave them alone.
+// Returns: RTSP over TCP with a limit of 3 s for each wait on the socket. Every input gets these
+// options; protocols that do not know them ignore them.
 FfmpegPtr<AVDictionary> InputOptions(const std::string& url);
 
 }  // namespace qx::utils::internal

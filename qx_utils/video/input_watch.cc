@@ -7,7 +7,7 @@ namespace {
 
 using video::DemuxerFault;
 
-// FFmpeg asks again after this time when nothing has arrived.
+// FFmpeg asks again after this time if nothing has arrived.
 constexpr std::chrono::milliseconds kPoll(100);
 
 // `now` + `limit` without overflow.
@@ -94,17 +94,17 @@ bool InputWatch::Late() const {
 }
 
 DemuxerFault InputWatch::NetworkFault(int code, InputKind kind) const {
-  // A name that cannot be looked up, and a port that does not exist, fail before the first wait.
+  // An unknown host name and an invalid port fail before the first wait.
   if (!asked_ && (code == AVERROR(EIO) || code == AVERROR(EINVAL))) {
     return DemuxerFault::kUnreachable;
   }
   if (kind != InputKind::kRtsp) return FaultOf(code);
   if (code == AVERROR(EPROTONOSUPPORT)) return DemuxerFault::kUnsupportedTransport;  // status 461
-  // FFmpeg's RTSP client reports silence and a closed connection by the same codes, those of
-  // damaged data and of the end of a file among them. The time without a byte tells them apart.
+  // FFmpeg's RTSP client reports silence and a closed connection by the same codes, including those
+  // of damaged data and of the end of a file. The time without a byte distinguishes them.
   for (const int mixed : {AVERROR_EOF, AVERROR_INVALIDDATA, AVERROR(EIO), AVERROR(EPERM)}) {
     if (code != mixed) continue;
-    // The last waits are not seen, and a farewell to the peer may have followed the silence.
+    // The last waits do not show here, and FFmpeg may have sent a goodbye after the silence.
     const bool silent = longest_silence_ >= kSocketLimit - 2 * kPoll;
     return silent ? DemuxerFault::kTimedOut : DemuxerFault::kClosedByPeer;
   }

@@ -1,4 +1,4 @@
-// Says when a wait of FFmpeg's has to end, because a deadline has passed or another thread cancels,
+// Decides when FFmpeg must stop waiting, because a deadline has passed or another thread cancels,
 // and remembers why the last call failed.
 #pragma once
 
@@ -12,9 +12,8 @@
 
 namespace qx::utils::internal {
 
-// Threads: Cancel(), ClearCancel(), Cancelled() and Interrupted() from any; the rest from the
-// thread
-//          that uses the demuxer.
+// Threads: any thread may call Cancel(), ClearCancel(), Cancelled() and Interrupted(); only the
+//          thread that uses the demuxer calls the rest.
 class InputWatch {
  public:
   using Clock = std::chrono::steady_clock;
@@ -23,11 +22,11 @@ class InputWatch {
   // One call of the demuxer: while it is alive, FFmpeg's waits end at its deadline.
   class Call {
    public:
-    // `wait_limit` bounds what passes until the next Restart(), the limit of SetLimit() the whole.
+    // `wait_limit` bounds the time until the next Restart(), SetLimit() the whole call.
     Call(InputWatch& watch, Clock::duration wait_limit);
     Call(const Call&) = delete;
     Call& operator=(const Call&) = delete;
-    // Without a deadline, so that closing the input can still tell the peer.
+    // Removes the deadline, so that closing the input can still notify the peer.
     ~Call();
 
     // Grants another `wait_limit`.
@@ -39,7 +38,7 @@ class InputWatch {
     Clock::time_point end_;  // of the call as a whole
   };
 
-  // Zero, less, and what a clock cannot count mean no limit.
+  // Zero, negative values and values out of the clock's range mean no limit.
   void SetLimit(std::chrono::milliseconds limit);
   void Cancel() { cancelled_.store(true, std::memory_order_relaxed); }
   void ClearCancel() { cancelled_.store(false, std::memory_order_relaxed); }
@@ -49,9 +48,9 @@ class InputWatch {
   // Records the cause of a failure that FFmpeg reports as `code` on an input of this kind.
   void SetFault(int code, InputKind kind);
 
-  // Packets are missing before the next one, unless that is the first of all.
+  // Notes that packets are missing before the next one, unless it is the very first.
   void SetGap() { gap_ = gave_packets_; }
-  // Returns: whether packets are missing before the one that is handed out now.
+  // Returns: whether packets are missing before the one being returned now.
   bool TakeGap() {
     gave_packets_ = true;
     return std::exchange(gap_, false);
@@ -59,23 +58,23 @@ class InputWatch {
 
   bool Cancelled() const { return cancelled_.load(std::memory_order_relaxed); }
   bool Interrupted() const { return InterruptionCode() != 0; }
-  // Returns: FFmpeg's code for what ends waits now, a cancel or a deadline; 0 for nothing. A cancel
-  // may be taken back at any time: ask once and keep the answer.
+  // Returns: FFmpeg's code for the reason to stop waiting, a cancel or a deadline; 0 if there is
+  // none. A cancel may be withdrawn at any time: ask once and keep the answer.
   int InterruptionCode() const {
     if (Cancelled()) return AVERROR_EXIT;
     return Late() ? AVERROR(ETIMEDOUT) : 0;
   }
 
-  // A connection is about to be made.
+  // Call before connecting.
   void ExpectFirstQuestion() { asked_ = false; }
-  // FFmpeg has asked whether to go on waiting.
+  // Call when FFmpeg asks whether to continue waiting.
   void NoteQuestion();
 
  private:
   bool Late() const;
   video::DemuxerFault NetworkFault(int code, InputKind kind) const;
 
-  // Neither guards other data, and both are read for every packet: relaxed accesses do.
+  // Neither guards other data, and both are read for every packet: relaxed accesses suffice.
   std::atomic<bool> cancelled_{false};
   std::atomic<Clock::time_point> deadline_{Clock::time_point::max()};
   Clock::duration limit_ = kNoLimit;

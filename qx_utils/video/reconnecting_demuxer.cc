@@ -27,7 +27,7 @@ class Pauses {
 
   void Reset() { last_ = milliseconds(0); }
 
-  // To be called when a connection ends that gave packets for `duration`.
+  // Call when a connection ends that delivered packets for `duration`.
   void ConnectionLasted(Clock::duration duration) {
     if (duration > last_) Reset();
   }
@@ -135,7 +135,7 @@ class ReconnectingDemuxer::Impl {
     return false;
   }
 
-  // Returns: the next packet; empty when the step has changed or a cancel is in force.
+  // Returns: the next packet; empty when the step has changed or after a cancel.
   std::shared_ptr<StreamPacket> Read() {
     demuxer_.SetTimeLimit(policy_.longest_silence);
     while (auto packet = demuxer_.ReadFrame()) {
@@ -165,7 +165,7 @@ class ReconnectingDemuxer::Impl {
     Tell(ConnectionState::kWaiting, reason, pause);
   }
 
-  // Returns: whether the pause is over; otherwise a cancel is in force.
+  // Returns: whether the pause is over; false after a cancel.
   bool Pause() {
     std::unique_lock<std::mutex> lock(mutex_);
     return !wake_.wait_until(lock, pause_end_, [this] { return cancelled_; });

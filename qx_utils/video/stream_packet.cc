@@ -3,7 +3,7 @@
 namespace qx::utils::internal {
 namespace {
 
-// Holds the AVPacket by value: a third allocation for each packet is saved.
+// Holds the AVPacket by value, which saves a third allocation per packet.
 struct PacketDeleter {
   AVPacket packet;
   PacketStamp stamp;

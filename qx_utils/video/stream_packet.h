@@ -1,4 +1,4 @@
-// Stream packets around FFmpeg's: who made one can look into the AVPacket behind it.
+// StreamPackets that own an AVPacket, and access to that AVPacket.
 #pragma once
 
 #include <memory>
@@ -9,7 +9,7 @@
 
 namespace qx::utils::internal {
 
-// What a packet's AVPacket does not tell of itself: older generations have no time base in it.
+// What an AVPacket itself does not record: in older FFmpeg generations it has no time base.
 struct PacketStamp {
   std::int32_t time_base_num = 0;
   std::int32_t time_base_den = 0;  // 0: not from a demuxer
@@ -17,8 +17,8 @@ struct PacketStamp {
   std::int64_t wall_clock_us = video::kNoTime;
 };
 
-// Wraps `packet`, whose reference moves into the result's deleter, or is released when an
-// allocation throws: either way the caller has done with it. The payload is not copied.
+// Wraps `packet`. Its reference moves into the result's deleter, or is released when an allocation
+// throws: in both cases the caller gives up ownership. The payload is not copied.
 std::shared_ptr<video::StreamPacket> WrapPacket(AVPacket& packet, video::VideoCodec codec,
                                                 const PacketStamp& stamp = {});
 
