@@ -18,7 +18,7 @@ namespace {
 
 using Map = std::vector<std::uint16_t>;
 
-constexpr std::uint16_t kNone = kMissingDisparity;
+constexpr std::uint16_t kNone = kMissing;
 
 struct Size {
   std::size_t width, height;

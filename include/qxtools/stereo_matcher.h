@@ -63,8 +63,8 @@ struct StereoOptions {
 
   // What a change of disparity from one pixel to the next costs: by one (a slanted surface), and by
   // more (from one object to another; less where the left picture has an edge, down to a fifth).
-  // 0 <= slant_penalty <= jump_penalty <= 255; a pair of unlike pixels costs about 62 more than a
-  // perfect match. Larger penalties give smoother maps.
+  // slant_penalty 0 .. 95 and not above jump_penalty, both together at most 191; a pair of
+  // unrelated pixels costs about 62 more than a perfect match. Larger penalties give smoother maps.
   int slant_penalty = 20;
   int jump_penalty = 150;
 

@@ -11,6 +11,10 @@
 
 namespace qx::utils::stereo {
 
+// Scale of our feature maps. The kernel in programmable logic knows the product of two only as a
+// power of two; 1/16 makes 252 * 252 / 16 / 32 channels = 124 of a perfect match.
+constexpr float kFeatureScale = 0.25F;
+
 // Two feature maps of one shape, row by row without gaps, and the product of their scales.
 struct FeatureMaps {
   const std::int8_t* left;

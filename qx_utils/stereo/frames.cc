@@ -5,6 +5,7 @@
 #include <string>
 
 #include "qxtools/ffmpeg_video_decoder.h"
+#include "qxtools/stereo_matcher.h"
 
 namespace qx::utils::stereo {
 namespace {
@@ -62,6 +63,14 @@ Shape ShapeOf(const FramePtr& frame, QXPixelFormat format, std::size_t value_byt
   return shape;
 }
 
+void CheckSameSize(const Shape& shape, const char* name, const GreyView& picture,
+                   const char* picture_name) {
+  if (shape.width == picture.width && shape.height == picture.height) return;
+  Refuse(name, std::to_string(shape.width) + " x " + std::to_string(shape.height) +
+                   " pixels, but " + picture_name + " has " + std::to_string(picture.width) +
+                   " x " + std::to_string(picture.height));
+}
+
 FrameImplPtr NewFrame(QXPixelFormat format, const Shape& shape, float scale) {
   const std::size_t bytes = shape.Values() * (format == kQXPixelFormatGray16 ? 2 : 1);
   if (bytes > std::numeric_limits<std::uint32_t>::max()) {
@@ -73,6 +82,14 @@ FrameImplPtr NewFrame(QXPixelFormat format, const Shape& shape, float scale) {
       static_cast<std::uint32_t>(shape.width), static_cast<std::uint32_t>(shape.channels), memory);
   frame->scale = scale;
   return frame;
+}
+
+FrameImplPtr NewDisparityMap(std::size_t width, std::size_t height) {
+  return NewFrame(kQXPixelFormatGray16, {height, width, 1}, 1.0F / kDisparityUnits);
+}
+
+FrameImplPtr NewConfidenceMap(std::size_t width, std::size_t height) {
+  return NewFrame(kQXPixelFormatGray8, {height, width, 1}, 1.0F / 255);
 }
 
 std::string Text(const Shape& shape) {

@@ -33,9 +33,20 @@ GreyView LumaOf(const FramePtr& frame, const char* name);
 Shape ShapeOf(const FramePtr& frame, QXPixelFormat format, std::size_t value_bytes,
               const char* name);
 
+// Errors: std::invalid_argument that names both when a frame of this shape has not the picture's
+// size.
+void CheckSameSize(const Shape& shape, const char* name, const GreyView& picture,
+                   const char* picture_name);
+
 // Returns: a frame that owns its bytes, which are not initialised.
 // Errors:  std::length_error when the size does not fit a frame; std::bad_alloc.
 FrameImplPtr NewFrame(QXPixelFormat format, const Shape& shape, float scale);
+
+// Returns: such a frame for the disparities of a picture of that size.
+FrameImplPtr NewDisparityMap(std::size_t width, std::size_t height);
+
+// Returns: and for their confidence.
+FrameImplPtr NewConfidenceMap(std::size_t width, std::size_t height);
 
 template <typename T>
 T* ValuesOf(const FrameImplPtr& frame) {

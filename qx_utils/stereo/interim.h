@@ -9,12 +9,8 @@
 
 namespace qx::utils::stereo {
 
-constexpr int kFeatureChannels = 32;
-
 // Cost volume byte of two neighbourhoods that are the same up to brightness and contrast.
 constexpr int kPerfectMatch = 124;
-
-void ComputeFeatureMap(const GreyView& picture, std::size_t shift, std::int8_t* map);
 
 // A volume of height x width x disparities values, the disparities of a pixel adjacent; borrowed.
 template <typename T>
@@ -43,27 +39,6 @@ struct Guide {
 void SumPathCosts(const Volume<const std::int8_t>& correlation, const Guide& left,
                   const Volume<std::int16_t>& sums);
 
-struct DisparityMap {
-  DisparityMap(int columns, int rows)
-      : width(columns),
-        height(rows),
-        values(static_cast<std::size_t>(columns) * static_cast<std::size_t>(rows), 0xFFFF) {}
-
-  std::uint16_t* Row(int y) {
-    return values.data() + static_cast<std::size_t>(y) * static_cast<std::size_t>(width);
-  }
-  const std::uint16_t* Row(int y) const {
-    return values.data() + static_cast<std::size_t>(y) * static_cast<std::size_t>(width);
-  }
-
-  int width;
-  int height;
-  std::vector<std::uint16_t> values;
-};
-
-DisparityMap SelectDisparityMap(const Volume<const std::int16_t>& costs);
-DisparityMap MedianFilter(const DisparityMap& map, int radius);
-void RemoveSpeckles(int pixels, DisparityMap& map);
-DisparityMap FillMissing(const DisparityMap& map);
+void SelectDisparityMap(const Volume<const std::int16_t>& costs, std::uint16_t* map);
 
 }  // namespace qx::utils::stereo

@@ -14,7 +14,7 @@ constexpr MedianVariant kVariants[] = {
     {"scalar", 0, &kMedianScalar},
 };
 
-bool IsMissing(std::uint16_t disparity) { return disparity == kMissingDisparity; }
+bool IsMissing(std::uint16_t disparity) { return disparity == kMissing; }
 
 std::size_t RoundUp(std::size_t pixels) {
   return (pixels + kMedianGroup - 1) / kMedianGroup * kMedianGroup;
@@ -129,7 +129,7 @@ void DisparityScratch::Pad(std::size_t width, std::size_t height) {
   pitch_ = RoundUp(width) + 2 * kMedianReach;
   padded_.resize(std::max(padded_.size(), pitch_ * (height + 2 * kMedianReach)));
   const auto clear = [this](std::size_t first, std::size_t end) {
-    std::fill(padded_.data() + first, padded_.data() + end, kMissingDisparity);
+    std::fill(padded_.data() + first, padded_.data() + end, kMissing);
   };
   clear(0, kMedianReach * (pitch_ + 1));
   for (std::size_t y = 0; y < height; ++y) {
@@ -182,7 +182,7 @@ void RemoveSpeckles(std::size_t pixels, std::size_t width, std::size_t height,
   for (std::uint32_t i = 0; i < runs.size(); ++i) {
     if (runs[FirstRun(runs, i)].pixels >= pixels) continue;
     std::uint16_t* const row = map + runs[i].y * width;
-    std::fill(row + runs[i].first, row + runs[i].end, kMissingDisparity);
+    std::fill(row + runs[i].first, row + runs[i].end, kMissing);
   }
 }
 

@@ -1,7 +1,7 @@
 // What is done to a disparity map once it has been measured.
 //
 // A map is height x width values without gaps between the rows: disparity * 256, or
-// kMissingDisparity. All operations are integer ones, so their results are the same everywhere.
+// kMissing. All operations are integer ones, so their results are the same everywhere.
 #pragma once
 
 #include <cstddef>
@@ -10,7 +10,7 @@
 
 namespace qx::utils::stereo {
 
-constexpr std::uint16_t kMissingDisparity = 0xFFFF;
+constexpr std::uint16_t kMissing = 0xFFFF;
 
 // Two neighbours belong to one surface when their disparities differ by at most a pixel.
 constexpr int kSurfaceStep = 256;

@@ -15,12 +15,12 @@ void MedianOfSquares(const std::uint16_t* centre, std::size_t pitch, std::uint16
     for (std::ptrdiff_t dy = -kRadius; dy <= kRadius; ++dy) {
       for (std::ptrdiff_t dx = -kRadius; dx <= kRadius; ++dx) {
         const std::uint16_t value = centre[static_cast<std::ptrdiff_t>(x) + dy * row + dx];
-        if (value != kMissingDisparity) *end++ = value;
+        if (value != kMissing) *end++ = value;
       }
     }
     std::uint16_t* const middle = values + (end - values) / 2;
     std::nth_element(values, middle, end);
-    out[x] = end == values ? kMissingDisparity : *middle;
+    out[x] = end == values ? kMissing : *middle;
   }
 }
 

@@ -1,0 +1,14 @@
+// The kernels that stereo matching runs on: of each table the best that the processor has.
+#pragma once
+
+#include "qx_utils/image/kernels/cost_volume.h"
+#include "qx_utils/stereo/kernels/disparity_map.h"
+#include "qx_utils/stereo/kernels/features.h"
+
+namespace qx::utils::stereo {
+
+const FeatureKernel& ChosenFeatures();
+const image::CostVolumeKernel& ChosenCostVolume();
+const MedianKernel& ChosenMedian();
+
+}  // namespace qx::utils::stereo
