@@ -11,6 +11,11 @@ namespace {
 using Run = DisparityScratch::Run;
 
 constexpr MedianVariant kVariants[] = {
+#if defined(__x86_64__)
+    {"avx2", internal::kCpuAvx2, &kMedianAvx2},
+#elif defined(__aarch64__)
+    {"neon", internal::kCpuNeon, &kMedianNeon},
+#endif
     {"scalar", 0, &kMedianScalar},
 };
 

@@ -10,6 +10,11 @@ namespace qx::utils::stereo {
 namespace {
 
 constexpr FeatureVariant kVariants[] = {
+#if defined(__x86_64__)
+    {"avx2", internal::kCpuAvx2, &kFeaturesAvx2},
+#elif defined(__aarch64__)
+    {"neon", internal::kCpuNeon, &kFeaturesNeon},
+#endif
     {"scalar", 0, &kFeaturesScalar},
 };
 

@@ -80,7 +80,6 @@ void ComputeFeatureMap(const FeatureKernel& kernel, const GreyView& picture, std
 extern const FeatureKernel kFeaturesScalar;
 #if defined(__x86_64__)
 extern const FeatureKernel kFeaturesAvx2;
-extern const FeatureKernel kFeaturesAvx512Vbmi;
 #elif defined(__aarch64__)
 extern const FeatureKernel kFeaturesNeon;
 #endif
