@@ -11,12 +11,8 @@
 // never replace another's at link time.
 #pragma once
 
-#include <cstddef>
-#include <cstdint>
-
 #include "qx_utils/image/kernels/argb.h"
-
-#define QXTOOLS_INLINE __attribute__((always_inline)) inline
+#include "qx_utils/image/kernels/kernel-inl.h"
 
 namespace qx::utils::image {
 namespace {

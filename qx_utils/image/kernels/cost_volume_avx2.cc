@@ -59,24 +59,20 @@ struct Avx2 {
   static constexpr std::size_t kPixels = 3;  // 12 sums, 3 left values and a vector: 16 registers
   static constexpr std::size_t kMinVectors = 4, kMaxVectors = 4;
   static constexpr std::size_t kStep = kGroup;
+  // Of the smallest second cache of these processors, 256 KiB, the rest is for left row and costs.
   static constexpr std::size_t kPackedBudget = std::size_t{192} * 1024;
   static constexpr bool kPacksLeft = true;  // widening them in the tile costs 5 to 10 %
   static constexpr bool kPrefetches = true;
-  // Twice a cost has to fit 16 bits, with room for the rounding of the bound itself.
+  // Twice a cost has to fit 16 bits, below 16384; the rest is room for the rounding of the bound.
   static constexpr float kNarrowLimit = 16000.0F;
-
-  static std::size_t Vectors(std::size_t /*disparities*/, std::size_t /*costs*/) {
-    return kMaxVectors;
-  }
 
   static void PackPixel(const std::int8_t* pixel, std::size_t channels, std::int8_t* to) {
     for (std::size_t c = 0; c < channels; c += 16) StoreVector(to + 2 * c, Widen(pixel + c));
   }
 
-  static void PackVector(const Row& row, std::size_t column, const Plan& plan, std::int8_t* to) {
-    const std::int8_t* const pixel[] = {PixelAt(row, column), PixelAt(row, column - 1),
-                                        PixelAt(row, column - 2), PixelAt(row, column - 3)};
-    for (std::size_t c = 0; c < plan.channels; c += 16, to += 4 * plan.pitch) {
+  static void PackVector(const std::int8_t* const (&pixel)[4], std::size_t channels,
+                         std::size_t pitch, std::int8_t* to) {
+    for (std::size_t c = 0; c < channels; c += 16, to += 4 * pitch) {
       const __m256i p0 = Widen(pixel[0] + c);
       const __m256i p1 = Widen(pixel[1] + c);
       const __m256i p2 = Widen(pixel[2] + c);
@@ -86,9 +82,9 @@ struct Avx2 {
       const __m256i even23 = _mm256_unpacklo_epi64(p2, p3);
       const __m256i odd23 = _mm256_unpackhi_epi64(p2, p3);
       StoreVector(to, _mm256_permute2x128_si256(even01, even23, 0x20));
-      StoreVector(to + plan.pitch, _mm256_permute2x128_si256(odd01, odd23, 0x20));
-      StoreVector(to + 2 * plan.pitch, _mm256_permute2x128_si256(even01, even23, 0x31));
-      StoreVector(to + 3 * plan.pitch, _mm256_permute2x128_si256(odd01, odd23, 0x31));
+      StoreVector(to + pitch, _mm256_permute2x128_si256(odd01, odd23, 0x20));
+      StoreVector(to + 2 * pitch, _mm256_permute2x128_si256(even01, even23, 0x31));
+      StoreVector(to + 3 * pitch, _mm256_permute2x128_si256(odd01, odd23, 0x31));
     }
   }
 
@@ -142,6 +138,6 @@ struct Avx2 {
 
 }  // namespace
 
-const CostVolumeKernel kCostVolumeAvx2 = {ComputeRows<Avx2>, ScratchBytes<Avx2>};
+const CostVolumeKernel kCostVolumeAvx2 = kKernel<Avx2>;
 
 }  // namespace qx::utils::image

@@ -62,12 +62,11 @@ QXTOOLS_INLINE __m512 Leaky(__m512i sums, __m512 scale) {
 
 constexpr int kDown = _MM_FROUND_TO_NEG_INF | _MM_FROUND_NO_EXC;
 
-// Rounded costs in byte 1 of the lanes: next to 1.5 * 2^15 the lowest eight bits of a float are a
-// fraction, and adding one half while rounding down is exact for all floats.
+// Rounded costs in byte 1 of the lanes: added to 1.5 * 2^15, a float's lowest eight bits are a
+// fraction, and one half added while rounding down is exact for all floats.
 QXTOOLS_INLINE __m512i NarrowCosts(__m512i sums, __m512 scale) {
-  constexpr float kPoint = 49152.0F;  // 1.5 * 2^15
   return _mm512_castps_si512(
-      _mm512_add_round_ps(Leaky(sums, scale), _mm512_set1_ps(kPoint + 0.5F), kDown));
+      _mm512_add_round_ps(Leaky(sums, scale), _mm512_set1_ps(49152.5F), kDown));
 }
 
 // The same for all costs. What does not fit 32 bits becomes 0x80000000, whose low byte is right
@@ -101,12 +100,11 @@ QXTOOLS_INLINE __m512i Gather(const __m512i (&v)[kCount]) {
 // Adds up the four lanes of each 128-bit part: those of vector m give dword m.
 template <std::size_t kVectors>
 QXTOOLS_INLINE __m512i AddLanes(const __m512i (&sums)[kVectors]) {
-  const __m512i a = sums[0];
-  const __m512i b = sums[kVectors > 1 ? 1 : 0];
-  const __m512i c = sums[kVectors > 2 ? 2 : 0];
-  const __m512i d = sums[kVectors > 3 ? 3 : 0];
-  const __m512i ab = _mm512_add_epi32(_mm512_unpacklo_epi32(a, b), _mm512_unpackhi_epi32(a, b));
-  const __m512i cd = _mm512_add_epi32(_mm512_unpacklo_epi32(c, d), _mm512_unpackhi_epi32(c, d));
+  const auto pair = [&](std::size_t v) QXTOOLS_INLINE_BODY {
+    const __m512i a = sums[Smaller(v, kVectors - 1)], b = sums[Smaller(v + 1, kVectors - 1)];
+    return _mm512_add_epi32(_mm512_unpacklo_epi32(a, b), _mm512_unpackhi_epi32(a, b));
+  };
+  const __m512i ab = pair(0), cd = pair(2);
   return _mm512_add_epi32(_mm512_unpacklo_epi64(ab, cd), _mm512_unpackhi_epi64(ab, cd));
 }
 
@@ -118,53 +116,33 @@ struct Avx512Vnni {
   static constexpr std::size_t kPixels = 4;  // 5 are slower, see docs/cost-volume.md
   static constexpr std::size_t kMinVectors = kGroup == kLong ? 1 : 2, kMaxVectors = 4;
   static constexpr std::size_t kStep = kGroup;
+  // As for AVX2; the second cache of these processors has 512 KiB or more.
   static constexpr std::size_t kPackedBudget = std::size_t{192} * 1024;
   static constexpr bool kPacksLeft = false, kPrefetches = true;
-  // The sum with 1.5 * 2^15 has to stay between 2^15 and 2^16, with room for the rounding of the
-  // bound itself.
+  // The sum with 1.5 * 2^15 has to stay between 2^15 and 2^16, so costs below 2^14; the rest is
+  // room for the rounding of the bound.
   static constexpr float kNarrowLimit = 16000.0F;
   static constexpr std::size_t kColumns = kVectorBytes / kGroup;
 
-  // As few tiles as possible for each pixel, all equally wide. Short K groups store whole vectors,
-  // so that no tile may be wider than a pixel's costs.
-  static std::size_t Vectors(std::size_t disparities, std::size_t costs) {
-    if (kGroup == kLong) return Smaller(RoundUp(disparities, kColumns) / kColumns, kMaxVectors);
-    const std::size_t blocks = RoundUp(costs, kColumns) / kColumns;
-    const std::size_t tiles = RoundUp(blocks, kMaxVectors) / kMaxVectors;
-    return Larger(Smaller(RoundUp(blocks, tiles) / tiles, disparities / kColumns), kMinVectors);
-  }
-
-  // Packs a block of channels of a vector's pixels.
-  QXTOOLS_INLINE static void PackBlock(const std::int8_t* const (&pixel)[kColumns],
-                                       std::size_t channel, std::size_t pitch, std::int8_t* to,
-                                       __m512i (&sums)[2]) {
-    if constexpr (kGroup == kLong) {
-      StoreGroups(TwoPixels(pixel[0] + channel, pixel[1] + channel),
-                  TwoPixels(pixel[2] + channel, pixel[3] + channel), to, pitch, sums);
-    } else {
-      __m512i in[2][4];
-      Unroll<8>([&](auto t) QXTOOLS_INLINE_BODY {
-        constexpr std::size_t kHalf = decltype(t)::kValue / 4;
-        constexpr std::size_t kPixel = kHalf * 8 + decltype(t)::kValue % 4;
-        in[kHalf][kPixel % 8] = TwoPixels(pixel[kPixel] + channel, pixel[kPixel + 4] + channel);
-      });
-      __m512i out[2][4];
-      Transpose(in[0], out[0]);
-      Transpose(in[1], out[1]);
-      Unroll<4>([&](auto k) QXTOOLS_INLINE_BODY {
-        constexpr std::size_t kNumber = decltype(k)::kValue;
-        StoreGroups(out[0][kNumber], out[1][kNumber], to + kNumber * pitch, 4 * pitch, sums);
-      });
-    }
-  }
-
-  static void PackVector(const Row& row, std::size_t column, const Plan& plan, std::int8_t* to) {
-    const std::int8_t* pixel[kColumns];
-    for (std::size_t k = 0; k < kColumns; ++k) pixel[k] = PixelAt(row, column - k);
+  static void PackVector(const std::int8_t* const (&pixel)[kColumns], std::size_t channels,
+                         std::size_t pitch, std::int8_t* to) {
     __m512i sums[2] = {_mm512_setzero_si512(), _mm512_setzero_si512()};
-    for (std::size_t c = 0; c < plan.channels; c += kCostVolumeBlock) {
-      PackBlock(pixel, c, plan.pitch, to, sums);
-      to += kCostVolumeBlock / kGroup * plan.pitch;
+    for (std::size_t c = 0; c < channels; c += 32, to += 32 / kGroup * pitch) {
+      if constexpr (kGroup == kLong) {
+        StoreGroups(TwoPixels(pixel[0] + c, pixel[1] + c), TwoPixels(pixel[2] + c, pixel[3] + c),
+                    to, pitch, sums);
+      } else {
+        __m512i in[2][4], out[2][4];
+        Unroll<8>([&](auto t) QXTOOLS_INLINE_BODY {
+          const std::size_t first = t / 4 * 8 + t % 4;
+          in[t / 4][t % 4] = TwoPixels(pixel[first] + c, pixel[first + 4] + c);
+        });
+        Transpose(in[0], out[0]);
+        Transpose(in[1], out[1]);
+        Unroll<4>([&](auto k) QXTOOLS_INLINE_BODY {
+          StoreGroups(out[0][k], out[1][k], to + k * pitch, 4 * pitch, sums);
+        });
+      }
     }
     const __m512i sum = _mm512_add_epi32(sums[0], sums[1]);
     _mm512_store_si512(to, _mm512_sub_epi32(_mm512_setzero_si512(), sum));
@@ -204,8 +182,7 @@ struct Avx512Vnni {
       StoreParts(plan, pixels, sums, cost, step);
     } else {
       Unroll<kPixels>([&](auto p) QXTOOLS_INLINE_BODY {
-        constexpr std::size_t kPixel = decltype(p)::kValue;
-        if (kPixel < pixels) StoreLanes(plan, sums[kPixel], cost + kPixel * step);
+        if (p < pixels) StoreLanes(plan, sums[p], cost + p * step);
       });
     }
   }
@@ -215,10 +192,7 @@ struct Avx512Vnni {
   QXTOOLS_INLINE static void StoreLanes(const Plan& plan, const Sum (&sums)[kVectors],
                                         std::int8_t* cost) {
     __m512i costs[kVectors];
-    Unroll<kVectors>([&](auto m) QXTOOLS_INLINE_BODY {
-      constexpr std::size_t kVector = decltype(m)::kValue;
-      costs[kVector] = Costs(sums[kVector], plan);
-    });
+    for (std::size_t v = 0; v < kVectors; ++v) costs[v] = Costs(sums[v], plan);
     const __m512i bytes = Gather(costs);
     __builtin_memcpy(cost, &bytes, kVectors * kColumns);
   }
@@ -229,37 +203,30 @@ struct Avx512Vnni {
                                         const Sum (&sums)[kPixels][kVectors], std::int8_t* cost,
                                         std::size_t step) {
     __m512i costs[kPixels];
-    Unroll<kPixels>([&](auto p) QXTOOLS_INLINE_BODY {
-      constexpr std::size_t kPixel = decltype(p)::kValue;
-      costs[kPixel] = Costs(AddLanes(sums[kPixel]), plan);
-    });
+    for (std::size_t p = 0; p < kPixels; ++p) costs[p] = Costs(AddLanes(sums[p]), plan);
     const __m512i by_disparity = _mm512_set4_epi32(0x0F0B0703, 0x0E0A0602, 0x0D090501, 0x0C080400);
     const __m512i bytes = _mm512_shuffle_epi8(Gather(costs), by_disparity);
     Unroll<kPixels>([&](auto p) QXTOOLS_INLINE_BODY {
-      constexpr std::size_t kPixel = decltype(p)::kValue;
-      if (kPixel >= pixels) return;
-      StoreCosts(_mm512_extracti32x4_epi32(bytes, kPixel), plan.costs, cost + kPixel * step);
+      if (p >= pixels) return;
+      StoreCosts(_mm512_extracti32x4_epi32(bytes, p), plan.costs, cost + p * step);
     });
   }
 };
 
 // Long K groups cost about a quarter more, but come in smaller steps of disparities.
-bool UsesLongGroups(const CostVolumeJob& job) {
+const CostVolumeKernel& KernelOf(const CostVolumeJob& job) {
   const std::size_t costs = Smaller(job.disparities, job.width);
-  const std::size_t band = 16 * Avx512Vnni<kShort>::Vectors(job.disparities, costs);
-  return job.disparities < band || RoundUp(costs, band) * 4 > RoundUp(costs, 16) * 5;
+  const std::size_t band = 16 * VectorsOf<Avx512Vnni<kShort>>(job);
+  const bool uses_long =
+      job.disparities < band || RoundUp(costs, band) * 4 > RoundUp(costs, 16) * 5;
+  return uses_long ? kKernel<Avx512Vnni<kLong>> : kKernel<Avx512Vnni<kShort>>;
 }
 
-std::size_t Scratch(const CostVolumeJob& job) {
-  return (UsesLongGroups(job) ? ScratchBytes<Avx512Vnni<kLong>>
-                              : ScratchBytes<Avx512Vnni<kShort>>)(job);
-}
+std::size_t Scratch(const CostVolumeJob& job) { return KernelOf(job).scratch_bytes(job); }
 
 void Rows(const CostVolumeJob& job, std::size_t first_row, std::size_t end_row,
           std::uint8_t* scratch) {
-  const auto rows =
-      UsesLongGroups(job) ? ComputeRows<Avx512Vnni<kLong>> : ComputeRows<Avx512Vnni<kShort>>;
-  rows(job, first_row, end_row, scratch);
+  KernelOf(job).rows(job, first_row, end_row, scratch);
 }
 
 }  // namespace

@@ -39,24 +39,20 @@ struct NeonDotprod {
   using Vector = int8x16_t;
   using Sum = int32x4_t;
   static constexpr std::size_t kVectorBytes = 16, kGroup = 4, kElementBytes = 1;
+  // 16 sums, 4 left values and a vector: 21 of 32 registers. The rest is for the stores' factors.
   static constexpr std::size_t kPixels = 4, kMinVectors = 4, kMaxVectors = 4;
   static constexpr std::size_t kStep = 16;  // the instruction picks a K group of a left vector
-  static constexpr std::size_t kPackedBudget = std::size_t{160} * 1024;
+  static constexpr std::size_t kPackedBudget = std::size_t{160} * 1024;  // of a cache of 256 KiB
   static constexpr bool kPacksLeft = false, kPrefetches = false;
   static constexpr float kNarrowLimit = 4e6F;  // just below 2^22, see Costs()
-
-  static std::size_t Vectors(std::size_t /*disparities*/, std::size_t /*costs*/) {
-    return kMaxVectors;
-  }
 
   QXTOOLS_INLINE static int32x4_t Channels(const std::int8_t* from) {
     return vreinterpretq_s32_s8(vld1q_s8(from));
   }
 
-  static void PackVector(const Row& row, std::size_t column, const Plan& plan, std::int8_t* to) {
-    const std::int8_t* const pixel[] = {PixelAt(row, column), PixelAt(row, column - 1),
-                                        PixelAt(row, column - 2), PixelAt(row, column - 3)};
-    for (std::size_t c = 0; c < plan.channels; c += 16, to += 4 * plan.pitch) {
+  static void PackVector(const std::int8_t* const (&pixel)[4], std::size_t channels,
+                         std::size_t pitch, std::int8_t* to) {
+    for (std::size_t c = 0; c < channels; c += 16, to += 4 * pitch) {
       const int32x4_t p0 = Channels(pixel[0] + c);
       const int32x4_t p1 = Channels(pixel[1] + c);
       const int32x4_t p2 = Channels(pixel[2] + c);
@@ -66,9 +62,9 @@ struct NeonDotprod {
       const int64x2_t even23 = Wide(vtrn1q_s32(p2, p3));
       const int64x2_t odd23 = Wide(vtrn2q_s32(p2, p3));
       vst1q_s8(to, vreinterpretq_s8_s64(vtrn1q_s64(even01, even23)));
-      vst1q_s8(to + plan.pitch, vreinterpretq_s8_s64(vtrn1q_s64(odd01, odd23)));
-      vst1q_s8(to + 2 * plan.pitch, vreinterpretq_s8_s64(vtrn2q_s64(even01, even23)));
-      vst1q_s8(to + 3 * plan.pitch, vreinterpretq_s8_s64(vtrn2q_s64(odd01, odd23)));
+      vst1q_s8(to + pitch, vreinterpretq_s8_s64(vtrn1q_s64(odd01, odd23)));
+      vst1q_s8(to + 2 * pitch, vreinterpretq_s8_s64(vtrn2q_s64(even01, even23)));
+      vst1q_s8(to + 3 * pitch, vreinterpretq_s8_s64(vtrn2q_s64(odd01, odd23)));
     }
   }
 
@@ -81,22 +77,17 @@ struct NeonDotprod {
     sum = vdotq_laneq_s32(sum, right, left, kNumber);
   }
 
-  template <bool kWide>
-  QXTOOLS_INLINE static void StorePixel(const Plan& plan, const Sum (&sums)[kMaxVectors],
-                                        std::int8_t* cost) {
-    const int8x16_t costs =
-        vuzp1q_s8(LowHalves(Costs<kWide>(sums[0], plan.scale), Costs<kWide>(sums[1], plan.scale)),
-                  LowHalves(Costs<kWide>(sums[2], plan.scale), Costs<kWide>(sums[3], plan.scale)));
-    StoreCosts(costs, plan.costs, cost);
-  }
-
   template <bool kWide, std::size_t kVectors>
   QXTOOLS_INLINE static void StorePixels(const Plan& plan, std::size_t pixels,
                                          const Sum (&sums)[kPixels][kVectors], std::int8_t* cost,
                                          std::size_t step) {
     Unroll<kPixels>([&](auto p) QXTOOLS_INLINE_BODY {
-      constexpr std::size_t kPixel = decltype(p)::kValue;
-      if (kPixel < pixels) StorePixel<kWide>(plan, sums[kPixel], cost + kPixel * step);
+      if (p >= pixels) return;
+      int32x4_t costs[kVectors];
+      for (std::size_t v = 0; v < kVectors; ++v) costs[v] = Costs<kWide>(sums[p][v], plan.scale);
+      const int8x16_t low = LowHalves(costs[0], costs[1]);
+      const int8x16_t high = LowHalves(costs[2], costs[3]);
+      StoreCosts(vuzp1q_s8(low, high), plan.costs, cost + p * step);
     });
   }
 
@@ -111,7 +102,6 @@ struct NeonDotprod {
 
 }  // namespace
 
-const CostVolumeKernel kCostVolumeNeonDotprod = {ComputeRows<NeonDotprod>,
-                                                 ScratchBytes<NeonDotprod>};
+const CostVolumeKernel kCostVolumeNeonDotprod = kKernel<NeonDotprod>;
 
 }  // namespace qx::utils::image

@@ -20,42 +20,35 @@
 //   kPixels                   left pixels of a tile
 //   kMinVectors, kMaxVectors  vectors of each of them
 //   kStep                     channels that LoadLeft() covers, in whole K groups
-//   kPackedBudget             bytes of a packed panel that stay in the processor's second cache
+//   kPackedBudget             bytes of the packed panel, see there
 //   kPacksLeft                whether left pixels are packed in any case, by PackPixel()
 //   kPrefetches               whether software prefetching pays
-//   kNarrowLimit              Store() is faster while all costs are below this, see NeedsWide()
-//   Vectors(disparities, costs)            chooses the vectors of a tile; `costs` may be fewer
-//   PackVector(row, column, plan, to)      packs the pixel at `column` first, then those left of it
-//   Start(from)                            what a sum starts with
-//   Load(from), LoadLeft(from)             a vector; a left pixel's K groups, repeated
-//   MultiplyAdd<k>(left, vector, sum)      adds the products of the k-th K group of `left`
-//   Store<kVectors>(plan, existing, sums, cost, step)   scales, rounds and stores a tile whose left
-//                                          pixels have their costs `step` bytes apart
+//   kNarrowLimit              Store() is faster while the magnitude of all costs is below this
+//   PackVector(pixels, channels, pitch, to)
+//       packs a vector's columns, the rightmost first: its K groups, `pitch` bytes apart, and as
+//       one more K group what Start() reads
+//   Start(from)
+//       what a sum starts with
+//   Load(from), LoadLeft(from)
+//       a vector of the panel; K groups of a left pixel, repeated for all columns of a vector
+//   MultiplyAdd<k>(left, vector, sum)
+//       adds the products of the k-th K group of `left`
+//   Store<kVectors>(plan, existing, sums, cost, step)
+//       scales, rounds and stores the tile's `existing` first left pixels, costs `step` bytes apart
 //
 // Everything is in an unnamed namespace: inline code that is compiled for one instruction set must
 // never replace another's at link time.
 #pragma once
 
-#include <cstddef>
-#include <cstdint>
-
 #include "qx_utils/image/kernels/cost_volume.h"
-
-#define QXTOOLS_INLINE __attribute__((always_inline)) inline
-#define QXTOOLS_INLINE_BODY __attribute__((always_inline))  // of a lambda
+#include "qx_utils/image/kernels/kernel-inl.h"
 
 namespace qx::utils::image {
 namespace {
 
-constexpr std::size_t RoundUp(std::size_t value, std::size_t unit) {
-  return (value + unit - 1) / unit * unit;
-}
-constexpr std::size_t Smaller(std::size_t a, std::size_t b) { return a < b ? a : b; }
-constexpr std::size_t Larger(std::size_t a, std::size_t b) { return a < b ? b : a; }
-
 template <std::size_t kNumber>
 struct Index {
-  static constexpr std::size_t kValue = kNumber;
+  constexpr operator std::size_t() const { return kNumber; }  // NOLINT(google-explicit-constructor)
 };
 
 // Calls body(Index<0>) .. body(Index<kCount - 1>): arrays of registers need constant indices, a
@@ -90,9 +83,10 @@ struct Plan {
   std::size_t history;    // right columns that a panel needs left of its first
   std::size_t panel;      // columns, in whole blocks
   std::size_t pitch;      // bytes from K group to K group of the packed right row
+  std::size_t right;      // bytes of the packed right row; the last K group is what sums start with
   std::size_t left_step;  // bytes from left pixel to left pixel, chosen for each panel
   float scale;
-  bool wide;  // see NeedsWide()
+  bool wide;  // whether some cost can reach Isa::kNarrowLimit
 };
 
 template <typename Isa>
@@ -102,11 +96,14 @@ constexpr std::size_t kVectorColumns = Isa::kVectorBytes / kColumnBytes<Isa>;
 template <typename Isa>
 constexpr std::size_t kBlockColumns = Isa::kPixels* kVectorColumns<Isa>;
 
-// True if the magnitude of some cost can reach `limit`; also true if the scale is NaN.
-inline bool NeedsWide(std::size_t channels, float scale, float limit) {
-  constexpr float kLargestProduct = 16384.0F;  // -128 * -128
-  const float magnitude = scale < 0 ? -scale : scale;
-  return !(static_cast<float>(channels) * kLargestProduct * magnitude < limit);
+// Vectors of a tile: as few tiles as possible for each pixel, all equally wide. No tile is wider
+// than a pixel's costs, unless Isa does not have such narrow ones.
+template <typename Isa>
+std::size_t VectorsOf(const CostVolumeJob& job) {
+  constexpr std::size_t kColumns = kVectorColumns<Isa>;
+  const std::size_t all = DivideUp(Smaller(job.disparities, job.width), kColumns);
+  const std::size_t vectors = DivideUp(all, DivideUp(all, Isa::kMaxVectors));
+  return Larger(Smaller(vectors, job.disparities / kColumns), Isa::kMinVectors);
 }
 
 template <typename Isa>
@@ -114,7 +111,7 @@ Plan PlanOf(const CostVolumeJob& job) {
   Plan plan{};
   plan.channels = job.channels / kCostVolumeBlock * kCostVolumeBlock;
   const std::size_t costs = Smaller(job.disparities, job.width);
-  plan.vectors = Isa::Vectors(job.disparities, costs);
+  plan.vectors = VectorsOf<Isa>(job);
   plan.band = plan.vectors * kVectorColumns<Isa>;
   plan.cover = Smaller(RoundUp(costs, plan.band), Larger(job.disparities, plan.band));
   plan.costs = Smaller(plan.band, job.disparities);
@@ -125,17 +122,13 @@ Plan PlanOf(const CostVolumeJob& job) {
   plan.panel = RoundUp(Smaller(job.width, panel), kBlockColumns<Isa>);
   // An odd number of cache lines, so that K groups of one column spread over the cache's sets.
   const std::size_t bytes = (plan.panel + plan.history) * kColumnBytes<Isa>;
-  plan.pitch =
-      (RoundUp(bytes, kCostVolumeAlignment) / kCostVolumeAlignment | 1) * kCostVolumeAlignment;
+  plan.pitch = (DivideUp(bytes, kCostVolumeAlignment) | 1) * kCostVolumeAlignment;
+  plan.right = (plan.channels / Isa::kGroup + 1) * plan.pitch;
   plan.scale = job.scale;
-  plan.wide = NeedsWide(plan.channels, job.scale, Isa::kNarrowLimit);
+  // No sum is larger than -128 * -128 in all channels. The comparison is false for NaN.
+  const float magnitude = job.scale < 0 ? -job.scale : job.scale;
+  plan.wide = !(static_cast<float>(plan.channels) * 16384.0F * magnitude < Isa::kNarrowLimit);
   return plan;
-}
-
-// After the last K group follow the values that sums start with, like one more K group.
-template <typename Isa>
-std::size_t RightBytes(const Plan& plan) {
-  return (plan.channels / Isa::kGroup + 1) * plan.pitch;
 }
 
 template <typename Isa, std::size_t kVectors>
@@ -148,29 +141,25 @@ template <typename Isa, std::size_t kVectors, std::size_t kSkipped>
 QXTOOLS_INLINE void Multiply(const Plan& plan, const std::int8_t* left, const std::int8_t* right,
                              Sums<Isa, kVectors>& sums) {
   constexpr std::size_t kLast = Isa::kPixels - 1;
-  const std::int8_t* const starts = right + plan.channels / Isa::kGroup * plan.pitch;
+  const std::int8_t* const starts = right + plan.right - plan.pitch;
   const std::size_t step = kVectorColumns<Isa> * plan.left_step;
   Unroll<Isa::kPixels>([&](auto p) QXTOOLS_INLINE_BODY {
-    constexpr std::size_t kPixel = decltype(p)::kValue;
     Unroll<kVectors>([&](auto v) QXTOOLS_INLINE_BODY {
-      constexpr std::size_t kVector = decltype(v)::kValue;
-      sums[kPixel][kVector] = Isa::Start(starts + (kLast - kPixel + kVector) * Isa::kVectorBytes);
+      sums[p][v] = Isa::Start(starts + (kLast - p + v) * Isa::kVectorBytes);
     });
   });
   for (std::size_t c = 0; c < plan.channels; c += Isa::kStep) {
     const std::int8_t* const from = left + c * Isa::kElementBytes;
     typename Isa::Vector values[Isa::kPixels];
     Unroll<Isa::kStep / Isa::kGroup>([&](auto g) QXTOOLS_INLINE_BODY {
-      constexpr std::size_t kNumber = decltype(g)::kValue;
+      constexpr std::size_t kNumber = g;
       Unroll<kVectors + kLast - kSkipped>([&](auto v) QXTOOLS_INLINE_BODY {
-        constexpr std::size_t kVector = decltype(v)::kValue;
+        constexpr std::size_t kVector = v;
         const typename Isa::Vector vector = Isa::Load(right + kVector * Isa::kVectorBytes);
         Unroll<Isa::kPixels>([&](auto k) QXTOOLS_INLINE_BODY {
-          constexpr std::size_t kPixel = kLast - decltype(k)::kValue;
-          constexpr std::size_t kSum = kVector + kPixel - kLast;  // wraps before the first vector
-          if constexpr (kNumber == 0 && kSum == 0) {
-            values[kPixel] = Isa::LoadLeft(from + kPixel * step);
-          }
+          constexpr std::size_t kPixel = kLast - k;
+          constexpr std::size_t kSum = kVector - k;  // wraps before the first vector
+          if (kNumber == 0 && kSum == 0) values[kPixel] = Isa::LoadLeft(from + kPixel * step);
           if constexpr (kSum < kVectors) {
             Isa::template MultiplyAdd<kNumber>(values[kPixel], vector, sums[kPixel][kSum]);
           }
@@ -183,12 +172,13 @@ QXTOOLS_INLINE void Multiply(const Plan& plan, const std::int8_t* left, const st
 
 // Columns of a row that are packed together, and the block of them that is being computed.
 struct Panel {
-  std::size_t row;          // number of the row's first pixel in the maps
-  std::size_t first;        // column
-  std::size_t end;          // column past the last one
-  std::int8_t* packed;      // place of column first + plan.panel - 1
-  std::size_t start;        // column of the block
-  const std::int8_t* left;  // the block's first left pixel
+  std::size_t row;  // number of the row's first pixel in the maps
+  Row left, right;
+  std::size_t first;         // column
+  std::size_t end;           // column past the last one
+  std::int8_t* packed;       // place of column first + plan.panel - 1
+  std::size_t start;         // column of the block
+  const std::int8_t* block;  // its first left pixel
 };
 
 template <typename Isa>
@@ -218,29 +208,34 @@ QXTOOLS_INLINE void StoreCosts(Vector costs, std::size_t count, std::int8_t* to)
   }
 }
 
-// The block's tiles of disparities d and on; each prefetches one share, the first number `share`.
+// Band number `band` of the block's `bands`; each tile prefetches one share.
 template <typename Isa, std::size_t kVectors, std::size_t kSkipped>
 QXTOOLS_INLINE void ComputeBand(const CostVolumeJob& job, const Plan& plan, const Panel& panel,
-                                std::size_t d, std::size_t share, std::size_t shares) {
+                                std::size_t band, std::size_t bands) {
+  // A band that would end past the last cost moves back and overlaps the one before.
+  const std::size_t d = Smaller(band * plan.band, plan.cover - plan.band);
+  const std::size_t shares = bands * kVectorColumns<Isa>;
   const std::size_t columns = panel.end - panel.start;
   const std::size_t next = panel.row + panel.start + kBlockColumns<Isa>;  // pixel
   const std::size_t inputs = kBlockColumns<Isa> * job.channels / shares;
   const std::size_t costs = kBlockColumns<Isa> * job.disparities / shares;
-  const std::int8_t* left = panel.left;
+  const std::size_t step = kVectorColumns<Isa> * job.disparities;
+  const std::int8_t* left = panel.block;
   const std::int8_t* right = PackedAt<Isa>(plan, panel, panel.start) + d * kColumnBytes<Isa> -
                              (Isa::kPixels - 1) * Isa::kVectorBytes;
   std::int8_t* cost = job.cost + (panel.row + panel.start) * job.disparities + d;
-  for (std::size_t t = 0; t < Smaller(kVectorColumns<Isa>, columns); ++t) {
+  const std::size_t tiles = Smaller(kVectorColumns<Isa>, columns);
+  for (std::size_t t = 0; t < tiles; ++t) {
     if constexpr (Isa::kPrefetches) {
-      Prefetch(job.left, next * job.channels, share + t, inputs);
-      Prefetch(job.right, next * job.channels, share + t, inputs);
-      Prefetch(job.cost, next * job.disparities, share + t, costs);
+      const std::size_t share = band * kVectorColumns<Isa> + t;
+      Prefetch(job.left, next * job.channels, share, inputs);
+      Prefetch(job.right, next * job.channels, share, inputs);
+      Prefetch(job.cost, next * job.disparities, share, costs);
     }
     const std::size_t existing = (columns - t - 1) / kVectorColumns<Isa> + 1;
     Sums<Isa, kVectors> sums;
     Multiply<Isa, kVectors, kSkipped>(plan, left, right, sums);
-    Isa::template Store<kVectors>(plan, existing, sums, cost,
-                                  kVectorColumns<Isa> * job.disparities);
+    Isa::template Store<kVectors>(plan, existing, sums, cost, step);
     left += plan.left_step;
     right -= kColumnBytes<Isa>;
     cost += job.disparities;
@@ -255,10 +250,7 @@ void ComputeBands(const CostVolumeJob& all, const Plan& plan_of_all, const Panel
   const CostVolumeJob job = all;
   const Plan plan = plan_of_all;
   for (std::size_t b = first; b < end; ++b) {
-    // A band that would end past the last cost moves back and overlaps the one before.
-    const std::size_t d = Smaller(b * plan.band, plan.cover - plan.band);
-    ComputeBand<Isa, kVectors, kSkipped>(job, plan, panel, d, b * kVectorColumns<Isa>,
-                                         bands * kVectorColumns<Isa>);
+    ComputeBand<Isa, kVectors, kSkipped>(job, plan, panel, b, bands);
   }
 }
 
@@ -277,11 +269,10 @@ void ComputeBlock(const CostVolumeJob& job, const Plan& plan, const Panel& panel
   const std::size_t start = panel.start;
   // Pixels of the block have no disparities from here on.
   const std::size_t reach = Smaller(plan.cover, RoundUp(start + kBlockColumns<Isa>, plan.band));
-  const std::size_t bands = RoundUp(reach, plan.band) / plan.band;
+  const std::size_t bands = DivideUp(reach, plan.band);
   // Those that begin at disparities below the block's first column, also when moved back.
-  const std::size_t inner = start > plan.cover - plan.band
-                                ? bands
-                                : Smaller(bands, RoundUp(start, plan.band) / plan.band);
+  const bool all_inner = start > plan.cover - plan.band;
+  const std::size_t inner = all_inner ? bands : Smaller(bands, DivideUp(start, plan.band));
   if (inner > 0) BandsOf<Isa>(plan.vectors, false)(job, plan, panel, 0, inner, bands);
   if (inner < bands) BandsOf<Isa>(plan.vectors, true)(job, plan, panel, inner, bands, bands);
   if (reach >= job.disparities) return;
@@ -296,17 +287,20 @@ template <typename Isa>
 void PackColumns(const Row& row, std::size_t column, std::size_t count, const Plan& plan,
                  std::int8_t* to) {
   for (std::size_t t = 0; t < count; t += kVectorColumns<Isa>, to += Isa::kVectorBytes) {
-    Isa::PackVector(row, column + count - 1 - t, plan, to);
+    const std::int8_t* pixels[kVectorColumns<Isa>];
+    Unroll<kVectorColumns<Isa>>(
+        [&](auto k) QXTOOLS_INLINE_BODY { pixels[k] = PixelAt(row, column + count - 1 - t - k); });
+    Isa::PackVector(pixels, plan.channels, plan.pitch, to);
   }
 }
 
 // Packs what the panel needs left of its first column. Columns left of the image are treated as
 // zero, so their costs are zero.
 template <typename Isa>
-void PackHistory(const Row& row, const Plan& plan, const Panel& panel) {
+void PackHistory(const Plan& plan, const Panel& panel) {
   std::int8_t* to = panel.packed + plan.panel * kColumnBytes<Isa>;
   const std::size_t inside = Smaller(panel.first, plan.history);
-  PackColumns<Isa>(row, panel.first - inside, inside, plan, to);
+  PackColumns<Isa>(panel.right, panel.first - inside, inside, plan, to);
   to += inside * kColumnBytes<Isa>;
   for (std::size_t g = 0; g <= plan.channels / Isa::kGroup; ++g, to += plan.pitch) {
     __builtin_memset(to, 0, (plan.history - inside) * kColumnBytes<Isa>);
@@ -315,10 +309,10 @@ void PackHistory(const Row& row, const Plan& plan, const Panel& panel) {
 
 // Packs the left pixels of the block. Returns: the first of them.
 template <typename Isa>
-std::int8_t* PackLeft(const Row& row, const Plan& plan, const Panel& panel) {
-  std::int8_t* const packed = panel.packed + RightBytes<Isa>(plan);
+std::int8_t* PackLeft(const Plan& plan, const Panel& panel) {
+  std::int8_t* const packed = panel.packed + plan.right;
   for (std::size_t t = 0; t < kBlockColumns<Isa>; ++t) {
-    const std::int8_t* pixel = PixelAt(row, panel.start + t);
+    const std::int8_t* pixel = PixelAt(panel.left, panel.start + t);
     std::int8_t* const to = packed + t * plan.left_step;
     if constexpr (Isa::kPacksLeft) {
       Isa::PackPixel(pixel, plan.channels, to);
@@ -331,8 +325,6 @@ std::int8_t* PackLeft(const Row& row, const Plan& plan, const Panel& panel) {
 
 template <typename Isa>
 void ComputePanel(const CostVolumeJob& job, Plan plan, Panel panel) {
-  const Row left{job.left + panel.row * job.channels, job.width, job.channels};
-  const Row right{job.right + panel.row * job.channels, job.width, job.channels};
   const bool whole = panel.end - panel.first >= kBlockColumns<Isa>;
   // A tile reads as many left pixels as it computes: those of a narrow panel are packed, so that
   // all of them exist.
@@ -341,11 +333,10 @@ void ComputePanel(const CostVolumeJob& job, Plan plan, Panel panel) {
   for (std::size_t x = panel.first; x < panel.end; x += kBlockColumns<Isa>) {
     const std::size_t count =
         Smaller(kBlockColumns<Isa>, RoundUp(panel.end - x, kVectorColumns<Isa>));
-    PackColumns<Isa>(right, x, count, plan, PackedAt<Isa>(plan, panel, x + count - 1));
+    PackColumns<Isa>(panel.right, x, count, plan, PackedAt<Isa>(plan, panel, x + count - 1));
     // A block that would end past the panel moves back as well.
     panel.start = whole ? Smaller(x, panel.end - kBlockColumns<Isa>) : panel.first;
-    panel.left =
-        packs_left ? PackLeft<Isa>(left, plan, panel) : left.pixels + panel.start * left.channels;
+    panel.block = packs_left ? PackLeft<Isa>(plan, panel) : PixelAt(panel.left, panel.start);
     ComputeBlock<Isa>(job, plan, panel);
   }
 }
@@ -353,7 +344,7 @@ void ComputePanel(const CostVolumeJob& job, Plan plan, Panel panel) {
 template <typename Isa>
 std::size_t ScratchBytes(const CostVolumeJob& job) {
   const Plan plan = PlanOf<Isa>(job);
-  return RightBytes<Isa>(plan) + kBlockColumns<Isa> * plan.channels * Isa::kElementBytes;
+  return plan.right + kBlockColumns<Isa> * plan.channels * Isa::kElementBytes;
 }
 
 template <typename Isa>
@@ -362,21 +353,22 @@ void ComputeRows(const CostVolumeJob& job, std::size_t first_row, std::size_t en
   const Plan plan = PlanOf<Isa>(job);
   for (std::size_t y = first_row; y < end_row; ++y) {
     for (std::size_t first = 0; first < job.width; first += plan.panel) {
-      const Panel panel{y * job.width,
-                        first,
-                        Smaller(first + plan.panel, job.width),
-                        reinterpret_cast<std::int8_t*>(scratch),
-                        first,
-                        nullptr};
+      Panel panel{};
+      panel.row = y * job.width;
+      panel.left = {job.left + panel.row * job.channels, job.width, job.channels};
+      panel.right = {job.right + panel.row * job.channels, job.width, job.channels};
+      panel.first = first;
+      panel.end = Smaller(first + plan.panel, job.width);
+      panel.packed = reinterpret_cast<std::int8_t*>(scratch);
       // With one panel a row, the zeros left of the image stay from row to row.
-      if (y == first_row || plan.panel < job.width) {
-        PackHistory<Isa>({job.right + panel.row * job.channels, job.width, job.channels}, plan,
-                         panel);
-      }
+      if (y == first_row || plan.panel < job.width) PackHistory<Isa>(plan, panel);
       ComputePanel<Isa>(job, plan, panel);
     }
   }
 }
+
+template <typename Isa>
+constexpr CostVolumeKernel kKernel = {ComputeRows<Isa>, ScratchBytes<Isa>};
 
 }  // namespace
 }  // namespace qx::utils::image
