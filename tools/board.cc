@@ -1,12 +1,13 @@
 #include <climits>
 #include <cstdio>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <string>
 
 #include "qxtools/emulated_board.h"
 #include "qxtools/fpga_correlation.h"
 #include "tools/commands.h"
-#include "tools/report.h"
+#include "tools/console/messages.h"
 
 namespace qx::tools {
 namespace {
@@ -19,7 +20,7 @@ std::string Hex(std::uint64_t value) {
   return text;
 }
 
-// What only the emulated board knows of its container.
+// What only the emulated board knows about its container.
 void AddEmulated(ordered_json& result) {
   const emulated_board::Status status = emulated_board::GetStatus();
   result["built_in_container"] = status.built_in;
@@ -61,7 +62,7 @@ void AddBoard(CLI::App& app) {
   board->add_flag("--json", options->json, "Print a JSON object");
   board->footer(
       "Loads the container and binds the compute unit as an application would. The environment\n"
-      "variables xclbin_path and cu_name name others than the built-in ones.\n\n"
+      "variables xclbin_path and cu_name override the built-in names.\n\n"
       "Examples:\n"
       "  qxtools board\n"
       "  xclbin_path=my.container qxtools board --json | jq .geometry");

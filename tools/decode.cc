@@ -1,19 +1,22 @@
+#include <algorithm>
 #include <chrono>
 #include <cstddef>
+#include <cstdint>
 #include <filesystem>
 #include <memory>
 #include <regex>
 #include <stdexcept>
 #include <string>
 #include <utility>
+#include <vector>
 
+#include "qxtools/ffmpeg_video_decoder.h"
 #include "tools/commands.h"
-#include "tools/messages.h"
-#include "tools/output_file.h"
-#include "tools/picture_writer.h"
-#include "tools/progress.h"
-#include "tools/stop_request.h"
-#include "tools/video_reader.h"
+#include "tools/console/messages.h"
+#include "tools/console/stop_request.h"
+#include "tools/media/video_input.h"
+#include "tools/pictures/output_file.h"
+#include "tools/pictures/picture_writer.h"
 
 namespace qx::tools {
 namespace {
@@ -35,16 +38,32 @@ struct DecodeSummary {
   std::size_t size_changes = 0;
 };
 
-// Pictures that a file of this format holds; 0 for any number.
-std::size_t PicturesOf(const std::string& format) { return format == "png" ? 1 : 0; }
+std::string FormatNames(const char* before, const char* between) {
+  std::string names;
+  for (const PictureFormat& format : kPictureFormats) {
+    names += (names.empty() ? "" : between) + (before + std::string(format.name));
+  }
+  return names;
+}
 
-// Returns: the output format by the name's ending; yuv where names have none.
-std::string FormatOf(const std::string& output) {
-  const std::string ending = std::filesystem::path(output).extension().string();
-  if (ending == ".yuv" || ending == ".y4m" || ending == ".png") return ending.substr(1);
-  if (output == "-" || output.rfind("/dev/", 0) == 0) return "yuv";
-  throw CLI::ValidationError("--output",
-                             "'" + output + "' ends in none of .yuv, .y4m, .png; give --format");
+const PictureFormat* FindFormat(const std::string& name) {
+  const auto found =
+      std::find_if(kPictureFormats.begin(), kPictureFormats.end(),
+                   [&name](const PictureFormat& format) { return format.name == name; });
+  return found == kPictureFormats.end() ? nullptr : &*found;
+}
+
+// Returns: the chosen format, or else that of the output's extension; yuv where names have none.
+const PictureFormat& FormatOf(const DecodeOptions& options) {
+  if (!options.format.empty()) return *FindFormat(options.format);
+  const std::string& output = options.output;
+  const std::string extension = std::filesystem::path(output).extension().string();
+  const PictureFormat* found = extension.empty() ? nullptr : FindFormat(extension.substr(1));
+  if (found == nullptr && (output == "-" || output.rfind("/dev/", 0) == 0))
+    found = FindFormat("yuv");
+  if (found != nullptr) return *found;
+  throw CLI::ValidationError("--output", "'" + output + "' has no known extension (" +
+                                             FormatNames(".", ", ") + "); use --format");
 }
 
 std::string CheckSeconds(const std::string& text) {
@@ -58,8 +77,8 @@ std::string CheckFrameRate(const std::string& text) {
   return std::regex_match(text, kRate) ? "" : "'" + text + "' is not a rate like 25 or 30000/1001";
 }
 
-// Returns: the rate for a header, "N:D": what the user says, or else what the container says, or
-//          else that of most cameras.
+// Returns: the rate for a header, "N:D": the user's, else the container's, else that of most
+// cameras.
 std::string HeaderRate(std::string rate, const utils::video::StreamTimes& times) {
   if (rate.empty() && times.rate_num == 0) return "25:1";
   if (rate.empty()) return std::to_string(times.rate_num) + ':' + std::to_string(times.rate_den);
@@ -67,21 +86,20 @@ std::string HeaderRate(std::string rate, const utils::video::StreamTimes& times)
   return slash == std::string::npos ? rate + ":1" : rate.replace(slash, 1, ":");
 }
 
-// Writes pictures beginning with `frame`.
-DecodeSummary Copy(VideoReader& reader, std::shared_ptr<velkar::vision::ImageFrame> frame,
-                   PictureWriter& writer, std::size_t limit) {
-  Progress progress(limit);
+// Writes pictures, beginning with `frame`, up to `limit`; 0: all.
+DecodeSummary Copy(VideoReader& reader, FramePtr frame, PictureWriter& writer, std::size_t limit) {
+  Progress progress(limit != 0 ? limit : reader.ExpectedPictures());
   DecodeSummary summary;
-  std::size_t width = 0;
-  std::size_t height = 0;
+  std::uint32_t width = 0;
+  std::uint32_t height = 0;
   while (frame) {
-    const PlanarPicture picture(std::move(frame));
-    writer.Write(picture);
-    if (summary.pictures > 0 && (picture.Width() != width || picture.Height() != height)) {
+    writer.Write(frame);
+    const utils::ffmpeg::FrameLayout& layout = *utils::ffmpeg::LayoutOf(frame);
+    if (summary.pictures > 0 && (layout.width != width || layout.height != height)) {
       ++summary.size_changes;
     }
-    width = picture.Width();
-    height = picture.Height();
+    width = layout.width;
+    height = layout.height;
     progress.Update(++summary.pictures);
     if (summary.pictures == limit) break;
     frame = reader.Next();
@@ -89,8 +107,8 @@ DecodeSummary Copy(VideoReader& reader, std::shared_ptr<velkar::vision::ImageFra
   return summary;
 }
 
-// A file that was cut off is worth a warning. A stream that broke off is a failure: there was more
-// to come.
+// A file that is cut off gets a warning. A stream that breaks off is a failure: it would have
+// continued.
 void Report(const DecodeOptions& options, const VideoReader& reader, const DecodeSummary& summary) {
   const std::string name = "'" + options.input + "': ";
   if (reader.DamagedPackets() > 0) {
@@ -108,11 +126,12 @@ void Report(const DecodeOptions& options, const VideoReader& reader, const Decod
   if (reader.Fault().empty()) return;
   const std::string after = " after " + Count(summary.pictures, "picture");
   if (!IsUrl(options.input)) return PrintWarning(name + "unreadable" + after);
-  throw std::runtime_error(name + reader.Fault() + after + "; '" + options.output + "' has them");
+  throw std::runtime_error(name + reader.Fault() + after + "; '" + options.output +
+                           "' contains them");
 }
 
 // Inputs: stop  for streams; null for files.
-void Write(const DecodeOptions& options, const std::string& format, StopRequest* stop) {
+void Write(const DecodeOptions& options, const PictureFormat& format, StopRequest* stop) {
   VideoReader reader(options.input, {options.reconnect, stop});
   OutputFile file(options.output);
   auto first = reader.Next();
@@ -124,9 +143,8 @@ void Write(const DecodeOptions& options, const std::string& format, StopRequest*
                                                         : "no picture in it could be decoded"));
   }
   if (stop != nullptr) stop->StartClock();
-  const auto writer =
-      MakePictureWriter(format, HeaderRate(options.frame_rate, reader.Times()), file);
-  const std::size_t most = PicturesOf(format);
+  const auto writer = format.make_writer(HeaderRate(options.frame_rate, reader.Times()), file);
+  const std::size_t most = format.most_pictures;
   const DecodeSummary summary =
       Copy(reader, std::move(first), *writer, most != 0 ? most : options.frames);
   file.Commit();
@@ -134,17 +152,17 @@ void Write(const DecodeOptions& options, const std::string& format, StopRequest*
 }
 
 void Decode(const DecodeOptions& options) {
-  const std::string format = options.format.empty() ? FormatOf(options.output) : options.format;
-  const std::size_t most = PicturesOf(format);
-  if (most != 0 && options.frames > most) {
-    PrintWarning("--frames has no effect: a ." + format + " file holds " + Count(most, "picture"));
+  const PictureFormat& format = FormatOf(options);
+  if (format.most_pictures != 0 && options.frames > format.most_pictures) {
+    PrintWarning("--frames has no effect: a ." + std::string(format.name) + " file holds " +
+                 Count(format.most_pictures, "picture"));
   }
   if (IsUrl(options.input)) {
     StopRequest stop{std::chrono::duration<double>(options.duration)};
     return Write(options, format, &stop);
   }
-  if (options.duration > 0) throw CLI::ValidationError("--duration", "only a stream has one");
-  if (options.reconnect) throw CLI::ValidationError("--reconnect", "only a stream can be lost");
+  if (options.duration > 0) throw CLI::ValidationError("--duration", "only for streams");
+  if (options.reconnect) throw CLI::ValidationError("--reconnect", "only for streams");
   Write(options, format, nullptr);
 }
 
@@ -155,20 +173,20 @@ void AddOptions(CLI::App& decode, DecodeOptions& options) {
   decode.add_option("-o,--output", options.output, "File to write; - for standard output")
       ->type_name("FILE")
       ->required();
-  AcceptNumbers(decode.add_option("--frames", options.frames,
-                                  "Stop after so many pictures; default: after all"),
-                1);
+  AcceptNumbers(
+      decode.add_option("--frames", options.frames, "Stop after N pictures; default: after all"),
+      1);
+  std::vector<std::string> names;
+  for (const PictureFormat& format : kPictureFormats) names.emplace_back(format.name);
   AcceptChoices(decode.add_option("--format", options.format,
-                                  "What to write; default: by the ending of the output's name"),
-                {"yuv", "y4m", "png"});
+                                  "What to write; default: by the output's extension"),
+                names);
   decode
       .add_option("--fps", options.frame_rate,
-                  "Pictures a second in the header of y4m; default: what the input says, or 25")
+                  "Frame rate in the header of y4m; default: the input's, or 25")
       ->type_name("N[/D]")
       ->check(CLI::Validator(CheckFrameRate, ""));
-  decode
-      .add_option("--duration", options.duration,
-                  "URLs: stop so many seconds after the first picture")
+  decode.add_option("--duration", options.duration, "URLs: stop this long after the first picture")
       ->type_name("SECONDS")
       ->check(CLI::Validator(CheckSeconds, ""));
   decode.add_flag("--reconnect", options.reconnect,
@@ -182,18 +200,18 @@ void AddDecode(CLI::App& app) {
   CLI::App* decode = app.add_subcommand("decode", "Write the pictures of an H.264 video to a file");
   AddOptions(*decode, *options);
   decode->footer(
-      "Formats: yuv  all pictures in output order as planar I420, rows tightly packed; each keeps\n"
-      "              its size where the stream changes it\n"
+      "Formats: yuv  all pictures in output order as planar I420 without padding; if the stream\n"
+      "              changes the picture size, so does the file\n"
       "         y4m  the same with headers; a size change is an error\n"
-      "         png  the first picture as RGB, by the stream's matrix (BT.601 if it names none)\n"
-      "              and range\n"
+      "         png  the first picture as RGB, converted by the stream's range and matrix (BT.601\n"
+      "              if it names none)\n"
       "Odd sizes: chroma planes have (width + 1) / 2 x (height + 1) / 2 samples.\n"
-      "The file appears when it is complete: a failure leaves an older one as it was. Damaged\n"
+      "The output is written atomically: on failure an existing file is left untouched. Damaged\n"
       "packets are skipped; they and pictures with concealed errors are counted on standard "
       "error.\n"
       "A stream is recorded until --frames or --duration, SIGINT (Ctrl-C), SIGTERM or SIGHUP ends\n"
-      "it, or until it is lost: the file then holds all whole pictures. A second signal discards\n"
-      "them.\n\n"
+      "it, or until it is lost: the file then holds all complete pictures. A second signal\n"
+      "discards them.\n\n"
       "Examples:\n"
       "  qxtools decode clip.mp4 -o clip.y4m\n"
       "  qxtools decode rtsp://camera.local/stream -o look.png\n"

@@ -1,33 +1,21 @@
 #include <omp.h>
 
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <string>
-
-extern "C" {
-#include <libavcodec/avcodec.h>
-#include <libavformat/avformat.h>
-#include <libavutil/avutil.h>
-#include <libswscale/swscale.h>
-}
 
 #include "qxtools/emulated_board.h"
 #include "qxtools/ffmpeg_demuxer.h"
 #include "qxtools/instruction_sets.h"
 #include "qxtools/version.h"
 #include "tools/commands.h"
-#include "tools/report.h"
+#include "tools/console/messages.h"
+#include "tools/media/ffmpeg.h"
 
 namespace qx::tools {
 namespace {
 
 using nlohmann::ordered_json;
-
-// Returns: an FFmpeg library's version number as text.
-std::string VersionText(unsigned version) {
-  return std::to_string(AV_VERSION_MAJOR(version)) + '.' +
-         std::to_string(AV_VERSION_MINOR(version)) + '.' +
-         std::to_string(AV_VERSION_MICRO(version));
-}
 
 std::string ActiveInstructionSet() {
   for (const utils::InstructionSet& set : utils::InstructionSets()) {
@@ -38,20 +26,17 @@ std::string ActiveInstructionSet() {
 
 // What is loaded into this process now, not what it was compiled against.
 ordered_json Examine() {
+  ordered_json report = {{"command", QXTOOLS_VERSION}, {"library", utils::Version()}};
+  for (const auto& [name, version] : FfmpegVersions()) report[name] = version;
   const utils::video::RtspTimeLimits limits = utils::video::GetRtspTimeLimits();
-  return {{"command", QXTOOLS_VERSION},
-          {"library", utils::Version()},
-          {"ffmpeg", av_version_info()},
-          {"libavformat", VersionText(avformat_version())},
-          {"libavcodec", VersionText(avcodec_version())},
-          {"libavutil", VersionText(avutil_version())},
-          {"libswscale", VersionText(swscale_version())},
-          {"instruction_set", ActiveInstructionSet()},
-          {"openmp_threads", omp_get_max_threads()},
-          {"device_runtime", emulated_board::IsEmulated() ? "emulated" : "system"},
-          {"board", emulated_board::IsEmulated() ? "emulated on this processor" : "real"},
-          {"rtsp_wait_limit_s", limits.wait.count()},
-          {"rtsp_open_limit_s", limits.open.count()}};
+  const bool is_emulated = emulated_board::IsEmulated();
+  report["instruction_set"] = ActiveInstructionSet();
+  report["openmp_threads"] = omp_get_max_threads();
+  report["device_runtime"] = is_emulated ? "emulated" : "system";
+  report["board"] = is_emulated ? "emulated on this processor" : "real";
+  report["rtsp_wait_limit_s"] = limits.wait.count();
+  report["rtsp_open_limit_s"] = limits.open.count();
+  return report;
 }
 
 }  // namespace
@@ -62,8 +47,8 @@ void AddDoctor(CLI::App& app) {
   doctor->add_flag("--json", *json, "Print a JSON object");
   doctor->footer(
       "Versions in use, instruction set, OpenMP threads, device runtime (emulated: correlation\n"
-      "runs are computed on this processor, whatever board there is), and the limits in seconds\n"
-      "of one wait for an RTSP camera and of opening it. Belongs into every bug report.\n\n"
+      "runs are computed on this processor even if there is a board), and the limits in seconds\n"
+      "of one wait for an RTSP camera and of opening it. Include this in every bug report.\n\n"
       "Examples:\n"
       "  qxtools doctor\n"
       "  QXTOOLS_FORCE_ISA=scalar OMP_NUM_THREADS=1 qxtools doctor --json | jq .instruction_set");

@@ -14,7 +14,8 @@
 #include <system_error>
 
 #include "tools/commands.h"
-#include "tools/messages.h"
+#include "tools/console/messages.h"
+#include "tools/media/ffmpeg.h"
 
 namespace {
 
@@ -25,15 +26,15 @@ constexpr std::initializer_list<void (*)(CLI::App&)> kSubcommands = {
 
 enum ExitStatus { kSuccess = 0, kFailure = 1, kUsage = 2 };
 
-// A standard stream that the caller closed would let the next file that is opened take its number
-// and its output. Opened for reading, every write to it fails.
+// If the caller closed a standard stream, the next file to be opened would get its number and
+// receive its output. These stand-ins are opened for reading, so every write to them fails.
 void OccupyStandardStreams() {
   int descriptor = open("/dev/null", O_RDONLY);
   while (descriptor >= 0 && descriptor <= STDERR_FILENO) descriptor = open("/dev/null", O_RDONLY);
   if (descriptor >= 0) close(descriptor);
 }
 
-// Results count only when they have arrived: a full disk may show as late as here.
+// A full disk may only be reported when the buffers are flushed.
 void FlushStandardOutput() {
   std::cout.flush();
   if (!std::cout || std::fflush(stdout) != 0) {
@@ -41,13 +42,13 @@ void FlushStandardOutput() {
   }
 }
 
-// Returns: what to type for the help that fits.
+// Returns: the command line that shows the help of the chosen subcommand.
 std::string HelpCommand(const CLI::App& app) {
   const auto chosen = app.get_subcommands();
   return "`qxtools " + (chosen.empty() ? "" : chosen.front()->get_name() + ' ') + "--help`";
 }
 
-// The first word that is no flag has to be a subcommand.
+// The first word that is not a flag must be a subcommand.
 void CheckSubcommand(CLI::App& app, int argc, char** argv) {
   char** const word = std::find_if(argv + 1, argv + argc, [](const char* a) { return *a != '-'; });
   if (word == argv + argc) return;
@@ -76,9 +77,13 @@ int Run(int argc, char** argv) {
   CLI::App app("Stereo vision and H.264/H.265 video from the command line.", "qxtools");
   app.set_version_flag("--version", std::string("qxtools ") + QXTOOLS_VERSION);
   app.add_flag_callback(
-      "-v,--verbose", [] { qx::tools::ShowLibraryLog(1); },
+      "-v,--verbose",
+      [] {
+        qx::tools::ShowLibraryLog();
+        qx::tools::ShowFfmpegLog();
+      },
       "Show the library's log on standard error");
-  app.require_subcommand(0, 1);  // Parse() has a better text for none
+  app.require_subcommand(0, 1);  // Parse() has a better message for none
   app.fallthrough();
   app.footer(
       "Exit status: 0 success, 1 failure (one line on standard error says why), 2 wrong usage.\n"
@@ -119,10 +124,11 @@ void AcceptChoices(CLI::Option* option, const std::vector<std::string>& choices)
 
 int main(int argc, char** argv) {
   OccupyStandardStreams();
-  // A reader that went away and a file at its size limit are errors like any other.
+  // A reader that closed its pipe and a file at its size limit are errors like any other.
   std::signal(SIGPIPE, SIG_IGN);
   std::signal(SIGXFSZ, SIG_IGN);
   qx::tools::QuietLibraryLog(argv[0]);
+  qx::tools::HideFfmpegLog();
   try {
     return Run(argc, argv);
   } catch (const std::exception& failure) {

@@ -2,6 +2,7 @@
 #include <cstddef>
 #include <cstdio>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -9,9 +10,8 @@
 #include "qxtools/ffmpeg_video_decoder.h"
 #include "qxtools/h264_h265_info_parse.h"
 #include "tools/commands.h"
-#include "tools/messages.h"
-#include "tools/report.h"
-#include "tools/video_input.h"
+#include "tools/console/messages.h"
+#include "tools/media/video_input.h"
 
 namespace qx::tools {
 namespace {
@@ -19,11 +19,11 @@ namespace {
 using utils::VideoParams;
 using utils::video::StreamPacket;
 
-// Cameras repeat their parameter sets with every key frame: ten seconds and more at usual rates.
+// Cameras repeat their parameter sets with every key frame; these are ten seconds or more.
 constexpr int kMaxPackets = 1000;
 
-// Returns: the packet's bytes with every start code 4 bytes long. The parsers know no others, while
-//          3-byte ones are as good in a byte stream.
+// Returns: the packet's bytes with 4-byte start codes, the only ones that the parsers accept; a
+//          byte stream may have 3-byte ones.
 std::string WithLongStartCodes(const StreamPacket& packet) {
   std::string out;
   out.reserve(packet.size + 16);
@@ -57,7 +57,8 @@ Findings Examine(VideoInput& input) {
   for (int read = 0; read < kMaxPackets; ++read) {
     auto packet = input.Next();
     const bool is_end = packet == nullptr;
-    if (is_end) packet = std::make_shared<StreamPacket>();  // asks for the pictures held back
+    if (is_end)
+      packet = std::make_shared<StreamPacket>();  // asks for the pictures that are held back
     if (!is_end && found.params.width * found.params.height == 0) found.params = Parse(*packet);
     if (packet->codec != utils::video::kVideoCodecH264) is_open = false;
     if (is_open && !found.decodable) {
@@ -120,9 +121,9 @@ void AddProbe(CLI::App& app) {
   probe->add_flag("--json", options->json, "Print a JSON object");
   probe->footer(
       "Reads the first parameter set of the first H.264 or H.265 stream. The size is that of the\n"
-      "shown picture in H.264 and of the coded picture in H.265. Frame rate (on average) and\n"
-      "duration are the container's, null where it does not tell. decodable: whether `qxtools\n"
-      "decode` can decode its first picture.\n\n"
+      "displayed picture in H.264 and of the coded picture in H.265. The average frame rate and\n"
+      "the duration are the container's, null if unknown. decodable: whether `qxtools decode` can\n"
+      "decode the first picture.\n\n"
       "Examples:\n"
       "  qxtools probe clip.mp4\n"
       "  qxtools probe --json rtsp://camera.local/stream | jq .width");

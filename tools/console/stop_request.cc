@@ -1,4 +1,4 @@
-#include "tools/stop_request.h"
+#include "tools/console/stop_request.h"
 
 #include <ctime>
 #include <utility>

@@ -1,4 +1,4 @@
-#include "tools/output_file.h"
+#include "tools/pictures/output_file.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -10,14 +10,13 @@
 #include <climits>
 #include <csignal>
 #include <cstdio>
-#include <filesystem>
 #include <system_error>
 #include <utility>
 
 namespace qx::tools {
 namespace {
 
-// Names that the signal handler has to remove. The strings belong to the OutputFile objects.
+// Files that the signal handler removes. The strings belong to the OutputFile objects.
 std::atomic<const char*> g_temporaries[8];
 static_assert(std::atomic<const char*>::is_always_lock_free, "used by a signal handler");
 
@@ -25,7 +24,7 @@ void RemoveTemporaries(int signal) {
   for (const auto& name : g_temporaries) {
     if (const char* path = name.load()) unlink(path);
   }
-  // The handler was installed for one shot: the signal's own action ends the program now.
+  // The handler was reset when it was called: the default action ends the program now.
   raise(signal);
 }
 
@@ -33,7 +32,7 @@ void CatchSignals() {
   for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
     struct sigaction action = {};
     sigaction(signal, nullptr, &action);
-    if (action.sa_handler == SIG_IGN) continue;  // nohup and background jobs want it so
+    if (action.sa_handler == SIG_IGN) continue;  // under nohup, or in the background
     action.sa_handler = RemoveTemporaries;
     action.sa_flags = static_cast<int>(SA_RESETHAND);
     sigaction(signal, &action, nullptr);
@@ -49,8 +48,8 @@ void Replace(const char* old_name, const char* new_name) {
 
 bool StartsWith(const std::string& text, const char* start) { return text.rfind(start, 0) == 0; }
 
-// Devices and pipes cannot be renamed over, and what hides behind /dev/stdout should not be.
-bool IsWrittenStraight(const std::string& path) {
+// Devices and pipes cannot be replaced by renaming; what /dev/stdout leads to should not be.
+bool IsWrittenDirectly(const std::string& path) {
   struct stat status = {};
   return StartsWith(path, "/dev/") || StartsWith(path, "/proc/") ||
          (stat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode));
@@ -61,7 +60,7 @@ bool IsWrittenStraight(const std::string& path) {
 OutputFile::OutputFile(const std::string& path) : path_(path) {
   if (path == "-") {
     descriptor_ = fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3);
-  } else if (IsWrittenStraight(path)) {
+  } else if (IsWrittenDirectly(path)) {
     descriptor_ = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
   } else {
     CreateTemporary();
@@ -126,6 +125,25 @@ void OutputFile::CloseFile() {
 void OutputFile::Fail() const {
   const std::string name = path_ == "-" ? "standard output" : "'" + path_ + "'";
   throw std::system_error(errno, std::generic_category(), "cannot write " + name);
+}
+
+OutputDirectory::~OutputDirectory() {
+  std::error_code is_in_use;
+  for (auto path = created_.rbegin(); path != created_.rend(); ++path) {
+    std::filesystem::remove(*path, is_in_use);
+  }
+}
+
+void OutputDirectory::Create() {
+  std::filesystem::path path;
+  for (const auto& part : path_) {
+    path /= part;
+    std::error_code error;
+    if (std::filesystem::create_directory(path, error)) created_.push_back(path);
+    if (error) {
+      throw std::system_error(error, "cannot create directory '" + path_.string() + "'");
+    }
+  }
 }
 
 }  // namespace qx::tools

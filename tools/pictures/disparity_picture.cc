@@ -1,11 +1,18 @@
-#include "tools/stereo_color.h"
+#include "tools/pictures/disparity_picture.h"
 
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <limits>
 #include <string>
 
+#include "qxtools/stereo_matcher.h"
+
 namespace qx::tools {
+
+using utils::stereo::kDisparityUnits;
+using utils::stereo::kMissingDisparity;
+
 namespace {
 
 // Equally spaced; between them colours are interpolated.
@@ -55,17 +62,17 @@ std::uint8_t Mix(std::uint8_t from, std::uint8_t to, float share) {
 }
 
 // Fills a rectangle as far as it lies inside the picture.
-void FillRectangle(RgbPicture& picture, int x, int y, int width, int height) {
+void FillRectangle(Image<Rgb>& picture, int x, int y, int width, int height) {
   const int x_end = std::min(x + width, picture.width);
   for (int v = std::max(y, 0); v < std::min(y + height, picture.height); ++v) {
     for (int u = std::max(x, 0); u < x_end; ++u) picture.Row(v)[u] = kWhite;
   }
 }
 
-void DrawCharacter(RgbPicture& picture, char character, int x, int y) {
+void DrawCharacter(Image<Rgb>& picture, char character, int x, int y) {
   const auto glyph = std::find_if(kGlyphs.begin(), kGlyphs.end(),
                                   [=](const Glyph& g) { return g.character == character; });
-  if (glyph == kGlyphs.end()) return;  // a blank
+  if (glyph == kGlyphs.end()) return;  // a space
   for (int i = 0; i < 3 * kGlyphRows; ++i) {
     if ((glyph->dots >> (3 * kGlyphRows - 1 - i) & 1U) == 0) continue;
     FillRectangle(picture, x + i % 3 * kDot, y + i / 3 * kDot, kDot, kDot);
@@ -78,17 +85,17 @@ int TextWidth(const std::string& text) {
   return static_cast<int>(text.size()) * kGlyphPitch - kDot;
 }
 
-// The labels of every `step`th disparity, each number centred below its tick or moved inwards. The
+// The labels of the multiples of `step`, each number centred below its tick or moved inwards. The
 // first one names the unit.
-std::vector<LegendLabel> LabelsOf(int width, int disparities, int step, const char* unit) {
-  const int range = std::max(disparities - 1, 1);
+std::vector<LegendLabel> LabelsOf(int width, DisparityRange range, int step, const char* unit) {
+  const int first = (range.first + step - 1) / step * step;
   std::vector<LegendLabel> labels;
-  for (int d = 0; d < disparities; d += step) {
-    const int tick = kMargin + (BarWidth(width) - 1) * d / range;
+  for (int d = first; d < range.first + range.count; d += step) {
+    const int tick = kMargin + (BarWidth(width) - 1) * (d - range.first) / (range.count - 1);
     const std::string number = std::to_string(d);
-    const std::string text = d == 0 ? number + unit : number;
-    const int furthest = width - kMargin - TextWidth(text);
-    const int left = std::max(std::min(tick - TextWidth(number) / 2, furthest), kMargin);
+    const std::string text = d == first ? number + unit : number;
+    const int rightmost = width - kMargin - TextWidth(text);
+    const int left = std::max(std::min(tick - TextWidth(number) / 2, rightmost), kMargin);
     labels.push_back({d, text, tick, left, left + TextWidth(text)});
   }
   return labels;
@@ -102,7 +109,7 @@ bool Fit(const std::vector<LegendLabel>& labels, int width) {
          std::adjacent_find(labels.begin(), labels.end(), touch) == labels.end();
 }
 
-void DrawLegend(RgbPicture& picture, int top, int disparities) {
+void DrawLegend(Image<Rgb>& picture, int top, DisparityRange range) {
   const int bar_width = BarWidth(picture.width);
   const int bar_top = top + kMargin;
   for (int y = bar_top; y < bar_top + kBarHeight; ++y) {
@@ -111,7 +118,7 @@ void DrawLegend(RgbPicture& picture, int top, int disparities) {
           ColourOf(static_cast<float>(i) / static_cast<float>(std::max(bar_width - 1, 1)));
     }
   }
-  for (const LegendLabel& label : LegendLabels(picture.width, disparities)) {
+  for (const LegendLabel& label : LegendLabels(picture.width, range)) {
     FillRectangle(picture, label.tick, bar_top + kBarHeight, 1, kTickHeight);
     int x = label.left;
     for (const char character : label.text) {
@@ -132,11 +139,11 @@ Rgb ColourOf(float value) {
   return {Mix(from.r, to.r, share), Mix(from.g, to.g, share), Mix(from.b, to.b, share)};
 }
 
-std::vector<LegendLabel> LegendLabels(int width, int disparities) {
+std::vector<LegendLabel> LegendLabels(int width, DisparityRange range) {
   for (const char* unit : {" px", ""}) {
-    for (int power = 1; power < disparities; power *= 10) {
+    for (int power = 1; power < range.count; power *= 10) {
       for (const int factor : {1, 2, 5}) {
-        auto labels = LabelsOf(width, disparities, factor * power, unit);
+        auto labels = LabelsOf(width, range, factor * power, unit);
         if (labels.size() > 1 && Fit(labels, width)) return labels;
       }
     }
@@ -144,12 +151,34 @@ std::vector<LegendLabel> LegendLabels(int width, int disparities) {
   return {};
 }
 
-RgbPicture Paint(const DisparityMap& map, int disparities) {
-  RgbPicture picture(map.width, map.height + kLegendHeight, kBlack);
-  const float range = static_cast<float>(std::max(disparities - 1, 1));
-  std::transform(map.values.begin(), map.values.end(), picture.pixels.begin(),
-                 [range](float d) { return d == kMissing ? kBlack : ColourOf(d / range); });
-  DrawLegend(picture, map.height, disparities);
+Image<std::uint16_t> SamplesOf(const DisparityImage& map) {
+  Image<std::uint16_t> samples = map;
+  for (std::uint16_t& value : samples.values) {
+    value = value == kMissingDisparity ? 0 : std::max<std::uint16_t>(value, 1);
+  }
+  return samples;
+}
+
+Image<float> PixelsOf(const DisparityImage& map) {
+  Image<float> pixels(map.width, map.height);
+  std::transform(map.values.begin(), map.values.end(), pixels.values.begin(),
+                 [](std::uint16_t value) {
+                   if (value == kMissingDisparity) return std::numeric_limits<float>::infinity();
+                   return static_cast<float>(value) / kDisparityUnits;
+                 });
+  return pixels;
+}
+
+Image<Rgb> Paint(const DisparityImage& map, DisparityRange range) {
+  Image<Rgb> picture(map.width, map.height + kLegendHeight, kBlack);
+  const float near = static_cast<float>(std::max(range.count - 1, 1) * kDisparityUnits);
+  const float far = static_cast<float>(range.first * kDisparityUnits);
+  std::transform(map.values.begin(), map.values.end(), picture.values.begin(),
+                 [far, near](std::uint16_t value) {
+                   if (value == kMissingDisparity) return kBlack;
+                   return ColourOf((static_cast<float>(value) - far) / near);
+                 });
+  DrawLegend(picture, map.height, range);
   return picture;
 }
 

@@ -1,4 +1,4 @@
-#include "tools/video_input.h"
+#include "tools/media/video_input.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -6,19 +6,23 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cmath>
 #include <iterator>
 #include <stdexcept>
 #include <system_error>
 #include <utility>
 
-#include "tools/messages.h"
+#include "tools/console/messages.h"
+#include "tools/media/ffmpeg.h"
 
 namespace qx::tools {
-namespace {
 
+namespace ffmpeg = utils::ffmpeg;
 using utils::video::DemuxerFault;
 
-// What the system says about a file is clearer than what FFmpeg makes of it.
+namespace {
+
+// The system's reason for a file is clearer than FFmpeg's.
 void CheckReadable(const std::string& path) {
   struct stat status = {};
   if (stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode))
@@ -63,7 +67,7 @@ VideoInput::VideoInput(const std::string& name, const StreamOptions& options)
     : name_(name), options_(options) {
   if (options.reconnect) camera_ = std::make_unique<utils::video::ReconnectingDemuxer>();
   if (options.stop != nullptr) {
-    options.stop->SetAction([this] { camera_ ? camera_->Cancel() : demuxer_.Cancel(); });
+    options.stop->SetAction([this] { Cancel(); });
   }
   try {
     Open();
@@ -84,8 +88,7 @@ void VideoInput::Open() {
     return;
   }
   if (!IsUrl(name_)) CheckReadable(name_);
-  // Without "file:", FFmpeg takes a colon in a file's name for the end of a protocol's.
-  if (demuxer_.Open(IsUrl(name_) ? name_ : "file:" + name_, {}) != 0) {
+  if (demuxer_.Open(IsUrl(name_) ? name_ : FileUrl(name_), {}) != 0) {
     throw std::runtime_error("'" + name_ + "': " + Reason(LastFault(), IsUrl(name_)));
   }
   if (filter_.Init(demuxer_) != 0) {
@@ -108,6 +111,8 @@ std::shared_ptr<utils::video::StreamPacket> VideoInput::Next() {
   return nullptr;
 }
 
+void VideoInput::Cancel() { camera_ ? camera_->Cancel() : demuxer_.Cancel(); }
+
 const utils::video::FfmpegDemuxer& VideoInput::Connection() const {
   return camera_ ? camera_->Connection() : demuxer_;
 }
@@ -123,6 +128,77 @@ void VideoInput::ReportChange(const utils::video::ConnectionChange& change) {
   const char* text =
       change.reason == DemuxerFault::kNone ? "connected again" : Reason(change.reason, true);
   PrintWarning("'" + name_ + "': " + text);
+}
+
+VideoReader::VideoReader(const std::string& name, const StreamOptions& options)
+    : input_(name, options), decoder_(ffmpeg::CreateFfmpegDecoder()) {
+  if (decoder_->Init() != 0 || decoder_->SetReorderDepth(ffmpeg::kMaxReorderDepth) != 0) {
+    throw std::runtime_error("FFmpeg has no H.264 decoder");
+  }
+  decoder_->SetCallback([this](FramePtr frame, void*) {
+    const std::lock_guard<std::mutex> lock(delivered_.mutex);
+    delivered_.frames.push_back(std::move(frame));
+    delivered_.arrived.notify_one();
+  });
+}
+
+FramePtr VideoReader::Next() {
+  {
+    const std::lock_guard<std::mutex> lock(delivered_.mutex);
+    if (!delivered_.frames.empty()) return Take();
+  }
+  if (!Decode()) return nullptr;
+  std::unique_lock<std::mutex> lock(delivered_.mutex);
+  delivered_.arrived.wait(lock, [this] { return !delivered_.frames.empty(); });
+  return Take();
+}
+
+std::size_t VideoReader::ExpectedPictures() const {
+  const utils::video::StreamTimes times = input_.Times();
+  if (times.rate_num == 0 || times.duration_us == utils::video::kNoTime) return 0;
+  const double rate = static_cast<double>(times.rate_num) / times.rate_den;
+  return static_cast<std::size_t>(std::lround(rate * static_cast<double>(times.duration_us) / 1e6));
+}
+
+FramePtr VideoReader::Take() {
+  auto frame = std::move(delivered_.frames.front());
+  delivered_.frames.pop_front();
+  const ffmpeg::FrameLayout& layout = *ffmpeg::LayoutOf(frame);
+  if (layout.damaged) ++damaged_pictures_;
+  if (layout.discontinuity) ++gaps_;
+  return frame;
+}
+
+// Feeds the decoder until it has queued a picture. Returns: false when none is left.
+bool VideoReader::Decode() {
+  for (;;) {
+    auto packet = draining_ ? nullptr : input_.Next();
+    if (!packet) {
+      draining_ = true;
+      packet = std::make_shared<utils::video::StreamPacket>();
+    }
+    if (packet->codec != utils::video::kVideoCodecH264) {
+      throw std::runtime_error("'" + input_.Name() +
+                               "': its video is H.265; only H.264 can be decoded");
+    }
+    switch (const int status = decoder_->SendFrame(std::move(packet), nullptr)) {
+      case ffmpeg::kDecodeOk:
+        return true;
+      case ffmpeg::kDecodeNoPicture:
+        break;
+      case ffmpeg::kDecodeEndOfStream:
+        return false;
+      case ffmpeg::kDecodeFailed:
+        ++damaged_packets_;
+        break;
+      case ffmpeg::kDecodeUnsupportedFormat:
+        throw std::runtime_error("'" + input_.Name() +
+                                 "': only 8-bit 4:2:0 pictures can be decoded");
+      default:
+        throw std::runtime_error("'" + input_.Name() + "': decoding failed with status " +
+                                 std::to_string(status));
+    }
+  }
 }
 
 }  // namespace qx::tools
