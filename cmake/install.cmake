@@ -48,17 +48,19 @@ install(TARGETS qxtools_command RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMP
 install(FILES tools/completion/qxtools DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions
         COMPONENT command)
 
-# The pages come from the command's help texts, so it has to run here.
-set(can_run ON)
+# The pages are made from the command's help texts, so it has to run here.
+find_package(Python3 COMPONENTS Interpreter QUIET)
+set(can_make_pages ${Python3_FOUND})
 if(CMAKE_CROSSCOMPILING OR QXTOOLS_SANITIZE OR QXTOOLS_COVERAGE)
-  set(can_run OFF)
+  set(can_make_pages OFF)
 endif()
-option(QXTOOLS_MAN_PAGES "Write man pages from the command's help texts" ${can_run})
+option(QXTOOLS_MAN_PAGES "Make man pages from the command's help texts" ${can_make_pages})
 if(QXTOOLS_MAN_PAGES)
   set(QXTOOLS_MAN_DIR ${PROJECT_BINARY_DIR}/man)
+  set(make_man ${PROJECT_SOURCE_DIR}/packaging/make_man.py)
   add_custom_command(OUTPUT ${QXTOOLS_MAN_DIR}/qxtools.1.gz
-    COMMAND ${PROJECT_SOURCE_DIR}/packaging/make-man.sh $<TARGET_FILE:qxtools_command> ${QXTOOLS_MAN_DIR}
-    DEPENDS qxtools_command ${PROJECT_SOURCE_DIR}/packaging/make-man.sh VERBATIM)
+    COMMAND ${Python3_EXECUTABLE} ${make_man} $<TARGET_FILE:qxtools_command> ${QXTOOLS_MAN_DIR}
+    DEPENDS qxtools_command ${make_man} VERBATIM)
   add_custom_target(qxtools_man ALL DEPENDS ${QXTOOLS_MAN_DIR}/qxtools.1.gz)
   install(DIRECTORY ${QXTOOLS_MAN_DIR}/ DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT command)
 endif()

@@ -10,16 +10,7 @@ folder=build/packages
 mkdir -p "$folder"
 version=$(sed -n 's/^project(qxtools VERSION \([0-9.]*\).*/\1/p' CMakeLists.txt)
 [ -n "$version" ] || die "no version found in CMakeLists.txt"
-# The packages' changelog in the distribution's form, made from the newest entry of CHANGELOG.md.
-{
-  printf 'qxtools (%s) stable; urgency=medium\n\n' "$version"
-  # One line for each entry, then folded to the width that packages' changelogs have.
-  awk '/^## /{n++} n==1 && /^- /{if (e) print e; e = $0; next} n==1 && /^  [^ ]/{e = e substr($0, 2)} END {print e}' \
-    CHANGELOG.md | while read -r entry; do
-    fold -s -w 74 <<<"${entry#- }" | sed -e '1s/^/  * /' -e '2,$s/^/    /' -e 's/ *$//'
-  done
-  printf '\n -- qxtools maintainers <maintainers@qxtools.invalid>  %s\n' "$(date -R -r CHANGELOG.md)"
-} | gzip -9n >"$folder/changelog.gz"
+packaging/changelog.py CHANGELOG.md "$version" | gzip -9n >"$folder/changelog.gz"
 cmake -S . -B "$folder" -G Ninja -DCMAKE_BUILD_TYPE=Release -DCMAKE_INSTALL_PREFIX=/usr \
   -DCMAKE_INSTALL_LIBDIR="lib/$(dpkg-architecture -qDEB_HOST_MULTIARCH)" \
   -DQXTOOLS_BUILD_TESTS=OFF -DQXTOOLS_CHANGELOG="$project/$folder/changelog.gz" \

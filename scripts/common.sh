@@ -4,6 +4,8 @@ set -euo pipefail
 project=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 cd "$project"
 
+llvm=14  # version of Clang and its tools; CMakePresets.json has it as well
+
 say() { printf '\n== %s\n' "$*"; }
 
 die() {

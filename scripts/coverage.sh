@@ -16,7 +16,7 @@ rm -rf "$build/profiles"
 ctest --test-dir "$build" --output-on-failure -j "$(nproc)" >"$build/tests.log" ||
   { grep -vE ' Start |Passed ' "$build/tests.log" && die "tests failed in $build"; }
 grep -E 'tests passed|Total Test time' "$build/tests.log"
-llvm-profdata-14 merge -sparse "$build"/profiles/*.profraw -o "$build/tests.profdata" ||
+"llvm-profdata-$llvm" merge -sparse "$build"/profiles/*.profraw -o "$build/tests.profdata" ||
   die "no profiles were written"
 
 # The shared library holds every function of the library, and counts from the tests' static twin are
@@ -28,7 +28,7 @@ done < <("$build/tools/qxtools" isa)
 cov() {
   local verb=$1
   shift
-  llvm-cov-14 "$verb" "$build/libqxtools.so" -instr-profile="$build/tests.profdata" "${ignored[@]}" "$@"
+  "llvm-cov-$llvm" "$verb" "$build/libqxtools.so" -instr-profile="$build/tests.profdata" "${ignored[@]}" "$@"
 }
 
 cov export -summary-only >"$build/coverage.json"

@@ -16,12 +16,12 @@ demo_packages=(
   g++ cmake ninja-build pkg-config
   libavformat-dev libavcodec-dev libavutil-dev libswscale-dev libgoogle-glog-dev
   libcli11-dev nlohmann-json3-dev libpng-dev
-  ffmpeg
+  ffmpeg python3
 )
 test_packages=(
-  clang-14 clang-format-14 clang-tidy-14 libclang-rt-14-dev llvm-14 libomp-14-dev
+  "clang-$llvm" "clang-format-$llvm" "clang-tidy-$llvm" "libclang-rt-$llvm-dev" "llvm-$llvm" "libomp-$llvm-dev"
   libgtest-dev libgmock-dev doxygen
-  python3 python3-gi gir1.2-gst-rtsp-server-1.0
+  python3-gi gir1.2-gst-rtsp-server-1.0
   gstreamer1.0-plugins-base gstreamer1.0-plugins-good gstreamer1.0-plugins-bad
 )
 faults_packages=(valgrind)
@@ -29,7 +29,7 @@ cameras_packages=(vlc-bin vlc-plugin-base)
 command -v npm >/dev/null || cameras_packages+=(npm) # other packages of it conflict with Debian's
 bench_packages=(libyuv-dev libdnnl-dev)
 package_packages=(dpkg-dev lintian file)
-roots_packages=(mmdebstrap qemu-user lld-14 clang-14 g++-aarch64-linux-gnu)
+roots_packages=(mmdebstrap qemu-user "lld-$llvm" "clang-$llvm" g++-aarch64-linux-gnu)
 
 wanted=("${demo_packages[@]}")
 for group in "$@"; do

@@ -8,9 +8,9 @@
 mapfile -t files < <(find . -path ./build -prune -o -path ./.git -prune -o \
   \( -name '*.h' -o -name '*.cc' \) -printf '%P\n' | sort)
 [ ${#files[@]} -gt 0 ] || die "no C++ files found"
-clang-format-14 --dry-run -Werror "${files[@]}" || die "format: run clang-format-14 -i on the files above"
+"clang-format-$llvm" --dry-run -Werror "${files[@]}" || die "format: run clang-format-$llvm -i on the files above"
 
-export database=build/dev
+export llvm database=build/dev
 [ -f "$database/compile_commands.json" ] || die "no $database/compile_commands.json; run: cmake --preset dev"
 export stamps=$database/lint
 mkdir -p "$stamps"
@@ -25,7 +25,7 @@ done
 # The commands are GCC's: Clang does not know all of its warnings.
 check() {
   local file=${1%:*} key=${1##*:} findings
-  if findings=$(clang-tidy-14 -p "$database" --quiet --extra-arg=-Wno-unknown-warning-option "$file" 2>&1); then
+  if findings=$("clang-tidy-$llvm" -p "$database" --quiet --extra-arg=-Wno-unknown-warning-option "$file" 2>&1); then
     touch "$stamps/$key"
   else
     printf '%s\n' "$findings"

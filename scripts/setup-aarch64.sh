@@ -13,7 +13,7 @@ root=${2-$project/build/roots/aarch64}
 packages=libavformat-dev,libavcodec-dev,libavutil-dev,libswscale-dev,libgoogle-glog-dev
 packages+=,libgtest-dev,libgmock-dev,nlohmann-json3-dev,libpng-dev,libc6-dev,libgomp1
 case $suite in
-  bookworm) packages+=,libcli11-dev,libstdc++-12-dev,libomp-14-dev ;;
+  bookworm) packages+=,libcli11-dev,libstdc++-12-dev,libomp-$llvm-dev ;;
   bullseye) packages+=,libstdc++-10-dev,libomp-11-dev ;;
   *) die "unknown suite '$suite'; usage: setup-aarch64.sh [bookworm|bullseye [FOLDER]]" ;;
 esac

@@ -32,7 +32,7 @@ tests() {
 needs_only_old_glibc() {
   local file needed newest
   for file in "$@"; do
-    needed=$(llvm-readelf-14 --version-info "$file" | grep -oE 'GLIBC_[0-9.]+' | sort -uV)
+    needed=$("llvm-readelf-$llvm" --version-info "$file" | grep -oE 'GLIBC_[0-9.]+' | sort -uV)
     [ -n "$needed" ] || die "$file needs no versioned symbol of the C library: is it a program?"
     newest=$(printf '%s\n' "$needed" "GLIBC_$newest_glibc" | sort -V | tail -n 1)
     [ "$newest" = "GLIBC_$newest_glibc" ] || die "$file needs $newest; the boards have $newest_glibc"

@@ -12,10 +12,10 @@ kernels=qx_utils/image/kernels
 command -v qemu-aarch64 >/dev/null || die "qemu-aarch64 is missing; run: scripts/install-packages.sh roots"
 scripts/setup-aarch64.sh
 mkdir -p "$out"
-clang-14 -O2 -shared -fPIC -Wall bench/instructions/counter.c -o "$out/counter.so"
+"clang-$llvm" -O2 -shared -fPIC -Wall bench/instructions/counter.c -o "$out/counter.so"
 
 compile() {
-  clang++-14 --target=aarch64-linux-gnu --sysroot="$root" -O3 -ffp-contract=off -fopenmp=libomp -I. "$@"
+  "clang++-$llvm" --target=aarch64-linux-gnu --sysroot="$root" -O3 -ffp-contract=off -fopenmp=libomp -I. "$@"
 }
 
 # build PROGRAM SOURCE...: for the board's processor, files with dot products for one that has them

@@ -35,7 +35,7 @@ for page in "${pages[@]}"; do check_page "$page"; done
 
 check_header() {
   local header=$1 compiler standard
-  for compiler in g++ clang++-14; do
+  for compiler in g++ "clang++-$llvm"; do
     for standard in 17 20; do
       echo "#include <$header>" | "$compiler" -std=c++$standard -Wall -Wextra -Wpedantic -Werror \
         -I"$stage/include" -fsyntax-only -x c++ - ||
