@@ -235,24 +235,23 @@ TEST(SemiGlobal, SameSumsAsPathsFollowedOneByOne) {
                           {200, 7, 128, 0, 8},
                           {30, 5, 129, 0, 8},
                           {17, 3, 200, 56, 4},
-                          {300, 4, 256, 0, 8},
-                          {450, 16, 3, 0, 8},
-                          {600, 12, 2, 0, 4},
+                          {160, 3, 256, 0, 8},
+                          {450, 8, 3, 0, 8},
+                          {600, 7, 2, 0, 4},
                           {90, 5, 40, 0, 8, 0, 0},
                           {90, 5, 40, 0, 8, 7, 30},
                           {90, 5, 40, 0, 4, 255, 255}};
   for (const Shape& shape : shapes) {
-    ASSERT_NO_FATAL_FAILURE(Compare(shape, -13, 127));
-    ASSERT_NO_FATAL_FAILURE(Compare(shape, -128, 127));
+    ASSERT_NO_FATAL_FAILURE(Compare(shape, shape.height % 2 == 0 ? -13 : -128, 127));
   }
 }
 
 TEST(SemiGlobal, SameSumsForAnyShape) {
   std::mt19937 random(15);
-  for (std::size_t n = 0; n < 40 * qx::testing::Effort(); ++n) {
+  for (std::size_t n = 0; n < 12 * qx::testing::Effort(); ++n) {
     const std::size_t disparities = 1 + random() % 256;
-    const Shape shape{1 + random() % 150,
-                      1 + random() % 9,
+    const Shape shape{1 + random() % 100,
+                      1 + random() % 6,
                       disparities,
                       random() % (257 - disparities),
                       random() % 4 == 0 ? 4 : 8,

@@ -15,6 +15,9 @@ namespace qx::utils::stereo {
 namespace {
 
 constexpr SemiGlobalVariant kVariants[] = {
+#if defined(__x86_64__)
+    {"avx2", internal::kCpuAvx2, &kSemiGlobalAvx2},
+#endif
     {"scalar", 0, &kSemiGlobalScalar},
 };
 
