@@ -7,6 +7,7 @@
 #   left.h264 right.h264     H.264 High, level 3, Annex B, no reordering
 #   left.mp4 left.mkv left.ts    the same packets in containers; right.mp4 is the other eye
 #   ground-truth.png         disparities of the left clip's first picture; grey = 2 x disparity, 0 unknown
+#   aloe-left.pgm aloe-right.pgm aloe-disparity-left.pgm   the samples in grey
 #   short_start_codes.h264   left.h264 with its first parameter set behind a start code of 3 bytes
 #   bframes.h264 .mp4 .mkv .ts   Main, reordered pictures in a pyramid, so pictures are held back at the end
 #   baseline.h264            Constrained Baseline
@@ -55,6 +56,9 @@ for eye in left right; do
     -vf "$window,scale=out_range=tv,format=yuv420p" -frames:v 24 -c:v rawvideo $eye.nut
 done
 ff -i "$root/samples/aloe/disparity-left.png" -vf "crop=320:240:40:24" -pix_fmt gray ground-truth.png
+for picture in left.jpg right.jpg disparity-left.png; do
+  ff -i "$root/samples/aloe/$picture" -pix_fmt gray "aloe-${picture%.*}.pgm"
+done
 
 # x264 PROFILE IN OUT [OPTION...]
 x264() {

@@ -4,13 +4,17 @@
 
 #include <array>
 #include <cmath>
+#include <fstream>
 #include <functional>
 #include <random>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "qxtools/cost_volume.h"
+#include "qxtools/ffmpeg_video_decoder.h"
+#include "tests/testing/decoding.h"
 #include "tests/testing/test.h"
 
 namespace qx::utils::stereo {
@@ -23,7 +27,9 @@ using Map = std::vector<std::uint16_t>;
 
 FramePtr NewFrame(QXPixelFormat format, std::size_t height, std::size_t width,
                   std::size_t channels) {
-  const std::size_t bytes = height * width * channels * (format == kQXPixelFormatGray16 ? 2 : 1);
+  const bool planar = format >= kQXPixelFormatNV21 && format <= kQXPixelFormatYUV420P;
+  const std::size_t halves = format == kQXPixelFormatGray16 ? 4 : planar ? 3 : 2;
+  const std::size_t bytes = height * width * channels * halves / 2;
   const auto memory = std::make_shared<std::vector<std::uint8_t>>(bytes);
   return ImageFrameImpl::Create(format, memory->data(), static_cast<std::uint32_t>(height),
                                 static_cast<std::uint32_t>(width),
@@ -176,6 +182,142 @@ TEST(StereoMatcher, GivesTheSameBytesForAnyNumberOfThreadsInStepsAndOnTheBoard) 
     options.backend = StereoBackend::kFpga;
     EXPECT_EQ(BytesOf(StereoMatcher(options).Match(left, right)), expected);
   }
+}
+
+// Returns: the first picture of a clip, as the decoder delivers it.
+FramePtr Decode(const std::string& clip) {
+  testing::Receiver receiver;
+  const auto decoder = testing::OpenDecoder(receiver.Callback());
+  const auto packets = testing::ReadPackets(clip);
+  for (std::size_t i = 0; i < packets.size() && receiver.Frames(*decoder).empty(); ++i) {
+    decoder->SendFrame(packets[i], nullptr);
+  }
+  return receiver.Frames(*decoder).at(0);
+}
+
+TEST(StereoMatcher, ReadsTheLumaOfDecodedAndPlanarPicturesInPlace) {
+  const FramePtr left = Decode("left.mp4"), right = Decode("right.mp4");
+  const auto& luma = ffmpeg::LayoutOf(left)->planes[0];
+  ASSERT_GT(luma.pitch, 320U) << "the clip no longer shows whether the pitch is read";
+  const auto copy = [&](const FramePtr& frame, QXPixelFormat format) {
+    const std::string samples = testing::Samples(frame);
+    const auto plain = NewFrame(format, 240, 320, 1);
+    std::copy_n(samples.begin(), 320 * 240, plain->Data());
+    return plain;
+  };
+  StereoMatcher matcher(Disparities(64));
+  const Map expected = ValuesOf(matcher.Match(left, right).filled);
+  for (const auto format :
+       {kQXPixelFormatGray8, kQXPixelFormatNV12, kQXPixelFormatNV21, kQXPixelFormatYUV420P}) {
+    EXPECT_EQ(ValuesOf(matcher.Match(copy(left, format), copy(right, format)).filled), expected);
+    EXPECT_EQ(ValuesOf(matcher.Match(left, copy(right, format)).filled), expected);
+  }
+}
+
+TEST(StereoMatcher, RefusesWithAReasonAndCanBeUsedFurther) {
+  const Texture texture(6);
+  const auto picture = Draw(20, 10, [&](int x, int y) { return texture.At(x, y); });
+  const auto narrow = NewFrame(kQXPixelFormatGray8, 10, 19, 1);
+  const auto map = NewFrame(kQXPixelFormatUint8, 10, 20, 32);
+  const auto sums = NewFrame(kQXPixelFormatGray16, 10, 20, 4);
+  const auto rgb = NewFrame(kQXPixelFormatRGB888, 10, 20, 3);
+  const auto empty = std::make_shared<ImageFrameImpl>();
+  empty->pixel_format = kQXPixelFormatGray8;
+  const auto odd = NewFrame(kQXPixelFormatUint8, 10, 20, 33);
+  // Says that it is larger than it is.
+  struct Boaster : ImageFrameImpl {
+    using ImageFrameImpl::ImageFrameImpl;
+    std::uint32_t Height() const override { return 0xFFFFFFFF; }
+    std::uint32_t Width() const override { return 0xFFFFFFFF; }
+    std::uint32_t Channel() const override { return 1; }
+  };
+  const auto boaster = std::make_shared<Boaster>();
+  boaster->pixel_format = kQXPixelFormatGray8;
+
+  StereoMatcher matcher(Disparities(8));
+  const auto with = [](auto member, int value) {
+    return [member, value] {
+      StereoOptions options;
+      options.*member = value;
+      StereoMatcher refused(options);
+    };
+  };
+  using O = StereoOptions;
+  const O o;
+  const std::pair<std::function<void()>, const char*> cases[] = {
+      {with(&O::disparities, 0), "disparities is 0, not 1 .. 256"},
+      {with(&O::disparities, 257), "disparities is 257, not 1 .. 256"},
+      {with(&O::first_disparity, -1), "first_disparity is -1, not 0 .. 255"},
+      {with(&O::first_disparity, 193), "first_disparity + disparities is 257, not 1 .. 256"},
+      {with(&O::slant_penalty, -1), "slant_penalty is -1, not 0 .. 95"},
+      {with(&O::jump_penalty, 19), "jump_penalty is 19, not 20 .. 171"},
+      {with(&O::jump_penalty, 172), "jump_penalty is 172, not 20 .. 171"},
+      {with(&O::paths, 5), "paths is 5, not 4 or 8"},
+      {[&] { matcher.Match(nullptr, picture); }, "left: the frame is null"},
+      {[&] { matcher.Match(picture, empty); }, "right: the frame is empty: 0 x 0 x 1"},
+      {[&] { matcher.Match(picture, narrow); }, "left: 20 x 10 pixels, but right has 19 x 10"},
+      {[&] { matcher.Match(rgb, rgb); },
+       "left: pixel format 12 is neither Gray8 nor NV12, NV21 or"},
+      {[&] { matcher.Match(boaster, boaster); }, "left: DataSize() is 0, too small for"},
+      {[&] { matcher.MatchFeatures(map, odd, picture); }, "left_map is 10 x 20 x 32, right_map 10"},
+      {[&] { matcher.MatchFeatures(odd, odd, picture); }, "33 channels, not a multiple of 32"},
+      {[&] { matcher.MatchFeatures(map, map, narrow); }, "left_map: 20 x 10 pixels, but guide has"},
+      {[&] { matcher.MatchFeatures(map, picture, picture); },
+       "right_map: pixel format 1 instead of"},
+      {[&] { ComputeFeatures(picture, 256); }, "shift is 256, not 0 .. 255"},
+      {[&] { AggregateCosts(map, narrow, o); }, "volume: 20 x 10 pixels, but guide has 19 x 10"},
+      {[&] { AggregateCosts(sums, picture, o); }, "volume: pixel format 3 instead of 17"},
+      {[&] { SelectDisparities(map, o); }, "sums: pixel format 17 instead of 3"},
+      {[&] { FillDisparities(sums); }, "disparity: 10 x 20 x 4 values, not one for each pixel"},
+  };
+  const Map expected = ValuesOf(matcher.Match(picture, picture).filled);
+  for (const auto& [call, reason] : cases) {
+    try {
+      call();
+      ADD_FAILURE() << "accepted, without: " << reason;
+    } catch (const std::invalid_argument& error) {
+      EXPECT_THAT(error.what(), ::testing::HasSubstr(reason));
+    }
+  }
+  EXPECT_EQ(ValuesOf(matcher.Match(picture, picture).filled), expected);
+}
+
+FramePtr ReadPgm(const std::string& name) {
+  std::ifstream file(testing::ClipPath(name), std::ios::binary);
+  std::string magic;
+  std::size_t width = 0, height = 0;
+  int brightest = 0;
+  file >> magic >> width >> height >> brightest;
+  file.get();
+  const auto frame = NewFrame(kQXPixelFormatGray8, height, width, 1);
+  file.read(reinterpret_cast<char*>(frame->Data()), frame->DataSize());
+  EXPECT_TRUE(file && magic == "P5" && brightest == 255) << name;
+  return frame;
+}
+
+// Of the pixels whose true disparity is known, the percentage that is off by more than `pixels`.
+double PercentOff(const Map& map, const FramePtr& truth, int pixels) {
+  int known = 0, off = 0;
+  for (std::size_t i = 0; i < map.size(); ++i) {
+    if (truth->Data()[i] == 0) continue;
+    ++known;
+    if (map[i] == kMissingDisparity || std::abs(map[i] - 128 * truth->Data()[i]) > 256 * pixels) {
+      ++off;
+    }
+  }
+  return 100.0 * off / known;
+}
+
+// The limits are what these steps reached in floating point, and 0.5 and 0.3 more.
+TEST(StereoMatcher, IsAsAccurateAsItWasInFloatingPoint) {
+  const auto left = ReadPgm("aloe-left.pgm"), right = ReadPgm("aloe-right.pgm");
+  const auto truth = ReadPgm("aloe-disparity-left.pgm");
+  const StereoResult result = StereoMatcher(Disparities(112)).Match(left, right);
+  const Map measured = ValuesOf(result.disparity), filled = ValuesOf(result.filled);
+  EXPECT_LT(PercentOff(measured, truth, 1), 18.78 + 0.5);
+  EXPECT_LT(PercentOff(measured, truth, 2), 17.27 + 0.3);
+  EXPECT_LT(PercentOff(filled, truth, 1), 9.39 + 0.5);
+  EXPECT_LT(PercentOff(filled, truth, 2), 5.68 + 0.3);
 }
 
 }  // namespace
