@@ -90,6 +90,8 @@ struct StereoResult {
   std::shared_ptr<velkar::vision::ImageFrameImpl> confidence;
 };
 
+struct MatcherState;
+
 // Matches pair after pair and keeps its buffers for the next one.
 class QXTOOLS_EXPORT StereoMatcher {
  public:
@@ -107,8 +109,8 @@ class QXTOOLS_EXPORT StereoMatcher {
   //                       (LayoutOf() knows them) have their own pitch; all others have none.
   // Returns: the maps that the options ask for.
   // Errors:  as at the top; with StereoBackend::kFpga also what Kernel_FPGA reports.
-  // Memory:  3 bytes per pixel and disparity at most, kept until the size changes. From the second
-  //          pair of a size on, only the results are allocated.
+  // Memory:  2 bytes per pixel and disparity, and 70 per pixel, kept for the next pair. From the
+  //          second pair of a size on, only the results are allocated, and what Kernel_FPGA takes.
   StereoResult Match(const std::shared_ptr<velkar::vision::ImageFrame>& left,
                      const std::shared_ptr<velkar::vision::ImageFrame>& right);
 
@@ -130,8 +132,7 @@ class QXTOOLS_EXPORT StereoMatcher {
   [[nodiscard]] StereoTimes LastTimes() const;
 
  private:
-  struct State;
-  std::unique_ptr<State> state_;
+  std::unique_ptr<MatcherState> state_;
 };
 
 // The steps of StereoMatcher::Match() on their own. Each allocates what it works with; the results

@@ -7,6 +7,19 @@ namespace {
 
 constexpr std::size_t kSmallestPatch = 100;  // px; about the area of an 11 x 9 block
 
+// What the kernels' confidence is worth: the share of pixels off by at most 1, times 255, at
+// confidence 0, 32, 64 ... 256, measured with the default options; see docs/stereo.md. Between
+// them it is interpolated.
+constexpr int kStep = 32;
+constexpr int kShares[] = {120, 138, 168, 195, 215, 235, 248, 251, 253};
+
+std::uint8_t Probability(int confidence) {
+  const int i = confidence / kStep;
+  const int further = confidence % kStep;
+  return static_cast<std::uint8_t>(
+      (kShares[i] * (kStep - further) + kShares[i + 1] * further + kStep / 2) / kStep);
+}
+
 }  // namespace
 
 void CleanDisparities(std::size_t width, std::size_t height, DisparityScratch& scratch,
@@ -15,7 +28,7 @@ void CleanDisparities(std::size_t width, std::size_t height, DisparityScratch& s
   RemoveSpeckles(kSmallestPatch, width, height, scratch, disparity);
   if (confidence == nullptr) return;
   for (std::size_t i = 0; i < width * height; ++i) {
-    if (disparity[i] == kMissing) confidence[i] = 0;
+    confidence[i] = disparity[i] == kMissing ? std::uint8_t{0} : Probability(confidence[i]);
   }
 }
 

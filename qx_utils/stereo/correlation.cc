@@ -1,11 +1,13 @@
 #include "qx_utils/stereo/correlation.h"
 
+#include <omp.h>
+
+#include <algorithm>
 #include <cstdlib>
 #include <limits>
 #include <stdexcept>
 
-#include "qx_utils/image/kernels/cost_volume.h"
-#include "qx_utils/image/kernels/cpu_features.h"
+#include "qx_utils/stereo/kernel_choice.h"
 #include "qxtools/emulated_board.h"
 
 namespace qx::utils::stereo {
@@ -55,26 +57,35 @@ void CorrelationUnit::Compute(const FeatureMaps& maps, std::size_t disparities, 
   if (!kernel_ || !(maps_ == maps.shape) || disparities_ != disparities) {
     Open(maps.shape, disparities);
   }
-  ImageFrameImpl left = FrameOver(maps.left, maps.shape, maps.scale);
-  ImageFrameImpl right = FrameOver(maps.right, maps.shape, 1);
+  ImageFrameImpl left = FrameOver(maps.left, maps.shape, maps.left_scale);
+  ImageFrameImpl right = FrameOver(maps.right, maps.shape, maps.right_scale);
   ImageFrameImpl output = FrameOver(cost, {maps.shape.height, maps.shape.width, disparities}, 1);
   kernel_->CostVolume_FPGA(&left, &right, &output);
 }
 
-void ComputeCorrelation(const FeatureMaps& maps, std::size_t disparities, std::int8_t* cost) {
+CorrelationRows CorrelationOnDemand::Prepare(const FeatureMaps& maps, std::size_t disparities,
+                                             std::int8_t* cost) {
   const auto per_channel = static_cast<float>(1.0 / static_cast<double>(maps.shape.channels));
-  const image::CostVolumeJob job{maps.left,
-                                 maps.right,
-                                 cost,
-                                 maps.shape.width,
-                                 maps.shape.channels,
-                                 disparities,
-                                 maps.scale * per_channel};
-  std::size_t count = 0;
-  const image::CostVolumeVariant* table = image::CostVolumeVariants(&count);
-  const image::CostVolumeVariant& variant =
-      internal::BestVariant(table, count, internal::ActiveFeatures());
-  image::ComputeCostVolume(*variant.kernel, job, maps.shape.height);
+  job_ = {maps.left,
+          maps.right,
+          cost,
+          maps.shape.width,
+          maps.shape.channels,
+          disparities,
+          maps.right_scale * maps.left_scale * per_channel};
+  pitch_ = image::CostVolumeScratchPitch(ChosenCostVolume(), job_);
+  const auto threads = static_cast<std::size_t>(std::max(1, omp_get_max_threads()));
+  scratch_.resize(threads * pitch_ + image::kCostVolumeAlignment);
+  const auto compute = [](void* self, std::size_t first, std::size_t end, std::size_t thread) {
+    static_cast<CorrelationOnDemand*>(self)->Compute(first, end, thread);
+  };
+  return {compute, this};
+}
+
+void CorrelationOnDemand::Compute(std::size_t first, std::size_t end, std::size_t thread) {
+  const auto address = reinterpret_cast<std::uintptr_t>(scratch_.data());
+  const std::size_t padding = (0 - address) % image::kCostVolumeAlignment;
+  ChosenCostVolume().rows(job_, first, end, scratch_.data() + padding + thread * pitch_);
 }
 
 }  // namespace qx::utils::stereo

@@ -3,12 +3,10 @@
 #include <stdexcept>
 #include <string>
 
+#include "qx_utils/stereo/kernels/semi_global.h"
+
 namespace qx::utils::stereo {
 namespace {
-
-// Larger ones would leave too little of a byte for the costs.
-constexpr int kMaxSlant = 95;
-constexpr int kMaxPenalties = 191;
 
 void CheckBetween(const char* name, long value, long least, long most) {
   if (least <= value && value <= most) return;

@@ -1,10 +1,8 @@
-#include <algorithm>
 #include <stdexcept>
 
 #include "qx_utils/stereo/cleaning.h"
 #include "qx_utils/stereo/correlation.h"
 #include "qx_utils/stereo/frames.h"
-#include "qx_utils/stereo/interim.h"
 #include "qx_utils/stereo/kernel_choice.h"
 #include "qx_utils/stereo/options.h"
 #include "qxtools/stereo_matcher.h"
@@ -29,12 +27,12 @@ FrameImplPtr AggregateCosts(const FramePtr& volume, const FramePtr& guide,
   CheckRange(shape.channels, options);
   CheckPaths(options);
   auto sums = NewFrame(kQXPixelFormatGray16, shape, 1);
-  const int width = static_cast<int>(shape.width), height = static_cast<int>(shape.height),
-            disparities = static_cast<int>(shape.channels);
-  SumPathCosts({width, height, disparities, options.first_disparity,
-                reinterpret_cast<const std::int8_t*>(volume->Data())},
-               {view, 2 * options.slant_penalty, 2 * options.jump_penalty},
-               {width, height, disparities, options.first_disparity, ValuesOf<std::int16_t>(sums)});
+  SemiGlobalScratch scratch;
+  AggregateCosts(ChosenSemiGlobal(),
+                 {reinterpret_cast<const std::int8_t*>(volume->Data()), view, shape.width,
+                  shape.height, shape.channels, static_cast<std::size_t>(options.first_disparity),
+                  options.slant_penalty, options.jump_penalty, options.paths},
+                 scratch, ValuesOf<std::uint16_t>(sums));
   return sums;
 }
 
@@ -46,11 +44,11 @@ StereoResult SelectDisparities(const FramePtr& sums, const StereoOptions& option
   if (options.confidence) result.confidence = NewConfidenceMap(shape.width, shape.height);
   std::uint8_t* const confidence = options.confidence ? result.confidence->Data() : nullptr;
   auto* const disparity = ValuesOf<std::uint16_t>(result.disparity);
-  SelectDisparityMap({static_cast<int>(shape.width), static_cast<int>(shape.height),
-                      static_cast<int>(shape.channels), options.first_disparity,
-                      reinterpret_cast<const std::int16_t*>(sums->Data())},
-                     disparity);
-  if (confidence != nullptr) std::fill_n(confidence, shape.width * shape.height, 230);
+  SemiGlobalScratch semi_global;
+  SelectDisparities(ChosenSemiGlobal(), reinterpret_cast<const std::uint16_t*>(sums->Data()),
+                    shape.width, shape.height, shape.channels,
+                    static_cast<std::size_t>(options.first_disparity), semi_global, disparity,
+                    confidence);
   DisparityScratch scratch;
   CleanDisparities(shape.width, shape.height, scratch, disparity, confidence);
   return result;

@@ -1,17 +1,13 @@
 #include "qxtools/stereo_matcher.h"
 
-#include <algorithm>
 #include <chrono>
-#include <cstddef>
 #include <stdexcept>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "qx_utils/stereo/cleaning.h"
 #include "qx_utils/stereo/correlation.h"
 #include "qx_utils/stereo/frames.h"
-#include "qx_utils/stereo/interim.h"
 #include "qx_utils/stereo/kernel_choice.h"
 #include "qx_utils/stereo/options.h"
 
@@ -35,66 +31,80 @@ class StageTimer {
 
 }  // namespace
 
-struct StereoMatcher::State {
-  explicit State(const StereoOptions& checked) : options(checked) {}
+struct MatcherState {
+  explicit MatcherState(const StereoOptions& checked) : options(checked) {}
 
-  std::size_t Disparities() const { return static_cast<std::size_t>(options.disparities); }
-
-  // Maps to results; `times` has the times so far.
-  StereoResult MatchMaps(const FeatureMaps& maps, const GreyView& guide, StereoTimes& now);
+  FeatureMaps Describe(const GreyView& left, const GreyView& right);
+  StereoResult MatchMaps(const FeatureMaps& maps, const GreyView& guide);
+  void Select(const FeatureMaps& maps, const GreyView& guide, const StereoResult& result);
 
   const StereoOptions options;
+  StereoTimes now;   // of the call that runs
+  StereoTimes last;  // of the last that succeeded
+  std::vector<std::int8_t> left_map, right_map, correlation;
   CorrelationUnit unit;
-  StereoTimes times;
-  std::vector<std::int8_t> left, right;  // feature maps
-  std::vector<std::int8_t> correlation;
-  std::vector<std::int16_t> sums;
-  DisparityScratch scratch;
+  CorrelationOnDemand on_demand;
+  SemiGlobalScratch semi_global;
+  DisparityScratch maps_scratch;
 };
 
-StereoResult StereoMatcher::State::MatchMaps(const FeatureMaps& maps, const GreyView& guide,
-                                             StereoTimes& now) {
-  const int width = static_cast<int>(guide.width), height = static_cast<int>(guide.height);
-  const auto volume = guide.width * guide.height * Disparities();
-  {
+FeatureMaps MatcherState::Describe(const GreyView& left, const GreyView& right) {
+  const StageTimer timer(now.features);
+  const Shape shape{left.height, left.width, kFeatureChannels};
+  left_map.resize(shape.Values());
+  right_map.resize(shape.Values());
+  const auto shift = static_cast<std::size_t>(options.first_disparity);
+  ComputeFeatureMap(ChosenFeatures(), left, 0, left_map.data());
+  ComputeFeatureMap(ChosenFeatures(), right, shift, right_map.data());
+  return {left_map.data(), right_map.data(), shape, kFeatureScale, kFeatureScale};
+}
+
+// From feature maps to disparities as the kernels choose them.
+void MatcherState::Select(const FeatureMaps& maps, const GreyView& guide,
+                          const StereoResult& result) {
+  const auto disparities = static_cast<std::size_t>(options.disparities);
+  correlation.resize(maps.shape.height * maps.shape.width * disparities);
+  const bool on_board = options.backend == StereoBackend::kFpga;
+  CorrelationRows rows;
+  if (on_board) {
     const StageTimer timer(now.cost);
-    correlation.resize(volume);
-    if (options.backend == StereoBackend::kFpga) {
-      unit.Compute(maps, Disparities(), correlation.data());
-    } else {
-      ComputeCorrelation(maps, Disparities(), correlation.data());
-    }
+    unit.Compute(maps, disparities, correlation.data());
+  } else {
+    rows = on_demand.Prepare(maps, disparities, correlation.data());
   }
-  {
-    const StageTimer timer(now.aggregation);
-    sums.resize(volume);
-    SumPathCosts({width, height, options.disparities, options.first_disparity, correlation.data()},
-                 {guide, 2 * options.slant_penalty, 2 * options.jump_penalty},
-                 {width, height, options.disparities, options.first_disparity, sums.data()});
-  }
+  const StageTimer timer(on_board ? now.aggregation : now.cost);
+  const auto first = static_cast<std::size_t>(options.first_disparity);
+  MatchVolume(ChosenSemiGlobal(),
+              {correlation.data(), guide, guide.width, guide.height, disparities, first,
+               options.slant_penalty, options.jump_penalty, options.paths},
+              rows, semi_global, ValuesOf<std::uint16_t>(result.disparity),
+              options.confidence ? result.confidence->Data() : nullptr);
+}
+
+StereoResult MatcherState::MatchMaps(const FeatureMaps& maps, const GreyView& guide) {
   StereoResult result;
+  result.disparity = NewDisparityMap(guide.width, guide.height);
+  if (options.confidence) result.confidence = NewConfidenceMap(guide.width, guide.height);
+  if (options.fill) result.filled = NewDisparityMap(guide.width, guide.height);
+  auto* const disparity = ValuesOf<std::uint16_t>(result.disparity);
+  Select(maps, guide, result);
   {
     const StageTimer timer(now.selection);
-    result.disparity = NewDisparityMap(guide.width, guide.height);
-    if (options.confidence) result.confidence = NewConfidenceMap(guide.width, guide.height);
-    std::uint8_t* const confidence = options.confidence ? result.confidence->Data() : nullptr;
-    auto* const disparity = ValuesOf<std::uint16_t>(result.disparity);
-    SelectDisparityMap({width, height, options.disparities, options.first_disparity, sums.data()},
-                       disparity);
-    if (confidence != nullptr) std::fill_n(confidence, guide.width * guide.height, 230);
-    CleanDisparities(guide.width, guide.height, scratch, disparity, confidence);
+    CleanDisparities(guide.width, guide.height, maps_scratch, disparity,
+                     options.confidence ? result.confidence->Data() : nullptr);
   }
-  const StageTimer timer(now.filling);
-  if (!options.fill) return result;
-  result.filled = NewDisparityMap(guide.width, guide.height);
-  FillMissing(ChosenMedian(), ValuesOf<std::uint16_t>(result.disparity), guide.width, guide.height,
-              scratch, ValuesOf<std::uint16_t>(result.filled));
+  if (options.fill) {
+    const StageTimer timer(now.filling);
+    FillMissing(ChosenMedian(), disparity, guide.width, guide.height, maps_scratch,
+                ValuesOf<std::uint16_t>(result.filled));
+  }
+  last = now;
   return result;
 }
 
 StereoMatcher::StereoMatcher(const StereoOptions& options) {
   CheckOptions(options);
-  state_ = std::make_unique<State>(options);
+  state_ = std::make_unique<MatcherState>(options);
 }
 
 StereoMatcher::~StereoMatcher() = default;
@@ -103,23 +113,9 @@ StereoMatcher& StereoMatcher::operator=(StereoMatcher&& other) noexcept = defaul
 
 StereoResult StereoMatcher::Match(const FramePtr& left, const FramePtr& right) {
   const GreyView left_view = LumaOf(left, "left"), right_view = LumaOf(right, "right");
-  const Shape shape{left_view.height, left_view.width, kFeatureChannels};
-  CheckSameSize(shape, "left", right_view, "right");
-  StereoTimes now;
-  {
-    const StageTimer timer(now.features);
-    state_->left.resize(shape.Values());
-    state_->right.resize(shape.Values());
-    ComputeFeatureMap(ChosenFeatures(), left_view, 0, state_->left.data());
-    ComputeFeatureMap(ChosenFeatures(), right_view,
-                      static_cast<std::size_t>(state_->options.first_disparity),
-                      state_->right.data());
-  }
-  StereoResult result = state_->MatchMaps(
-      {state_->left.data(), state_->right.data(), shape, kFeatureScale * kFeatureScale}, left_view,
-      now);
-  state_->times = now;
-  return result;
+  CheckSameSize({left_view.height, left_view.width, 1}, "left", right_view, "right");
+  state_->now = {};
+  return state_->MatchMaps(state_->Describe(left_view, right_view), left_view);
 }
 
 StereoResult StereoMatcher::MatchFeatures(const FramePtr& left_map, const FramePtr& right_map,
@@ -135,15 +131,13 @@ StereoResult StereoMatcher::MatchFeatures(const FramePtr& left_map, const FrameP
   }
   const GreyView view = LumaOf(guide, "guide");
   CheckSameSize(shape, "left_map", view, "guide");
-  StereoTimes now;
-  StereoResult result = state_->MatchMaps({reinterpret_cast<const std::int8_t*>(left_map->Data()),
-                                           reinterpret_cast<const std::int8_t*>(right_map->Data()),
-                                           shape, right_map->scale * left_map->scale},
-                                          view, now);
-  state_->times = now;
-  return result;
+  state_->now = {};
+  return state_->MatchMaps({reinterpret_cast<const std::int8_t*>(left_map->Data()),
+                            reinterpret_cast<const std::int8_t*>(right_map->Data()), shape,
+                            left_map->scale, right_map->scale},
+                           view);
 }
 
-StereoTimes StereoMatcher::LastTimes() const { return state_->times; }
+StereoTimes StereoMatcher::LastTimes() const { return state_->last; }
 
 }  // namespace qx::utils::stereo

@@ -53,10 +53,14 @@ const CostVolumeKernel& ActiveCostVolumeKernel() {
   return *internal::BestVariant(table, count, internal::ActiveFeatures()).kernel;
 }
 
+std::size_t CostVolumeScratchPitch(const CostVolumeKernel& kernel, const CostVolumeJob& job) {
+  return RoundUp(kernel.scratch_bytes(job)) + kApart;
+}
+
 void ComputeCostVolume(const CostVolumeKernel& kernel, const CostVolumeJob& job, std::size_t rows) {
   const auto most = static_cast<std::size_t>(std::max(1, omp_get_max_threads()));
   const auto threads = static_cast<int>(std::min(most, rows));
-  const std::size_t per_thread = RoundUp(kernel.scratch_bytes(job)) + kApart;
+  const std::size_t per_thread = CostVolumeScratchPitch(kernel, job);
   // All memory of the call, before the threads start: nothing below can fail.
   const std::unique_ptr<std::uint8_t[]> block(
       new std::uint8_t[per_thread * static_cast<std::size_t>(threads)]);

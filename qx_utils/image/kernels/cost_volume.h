@@ -51,6 +51,10 @@ const CostVolumeVariant* CostVolumeVariants(std::size_t* count);
 // The best one that the processor features in use allow.
 const CostVolumeKernel& ActiveCostVolumeKernel();
 
+// Bytes from one thread's scratch to the next one's, a multiple of kCostVolumeAlignment: those that
+// a thread needs, and some that none touches.
+std::size_t CostVolumeScratchPitch(const CostVolumeKernel& kernel, const CostVolumeJob& job);
+
 // Computes rows 0 .. rows - 1 of a job with one kernel on the OpenMP threads of the caller, each of
 // which takes a contiguous share. Throws std::bad_alloc before any thread has started.
 void ComputeCostVolume(const CostVolumeKernel& kernel, const CostVolumeJob& job, std::size_t rows);
