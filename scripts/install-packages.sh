@@ -27,7 +27,7 @@ test_packages=(
 faults_packages=(valgrind)
 cameras_packages=(vlc-bin vlc-plugin-base)
 command -v npm >/dev/null || cameras_packages+=(npm) # other packages of it conflict with Debian's
-bench_packages=(libyuv-dev libdnnl-dev)
+bench_packages=(libyuv-dev libdnnl-dev libopencv-dev)
 package_packages=(dpkg-dev lintian file)
 roots_packages=(mmdebstrap qemu-user "lld-$llvm" "clang-$llvm" g++-aarch64-linux-gnu)
 
