@@ -59,3 +59,7 @@ build cost_volume bench/instructions/cost_volume.cc bench/cost_volume_element_lo
   $kernels/cost_volume_{scalar,neon,neon_dotprod}.cc
 table cost_volume 'H x W x C x D' 'loop neon neon_dotprod' \
   '4 320 32 48' '4 320 64 64' '4 480 128 96' '4 960 32 128' '4 80 256 16'
+
+build stereo bench/instructions/stereo.cc \
+  qx_utils/stereo/kernels/{features,disparity_map}_{scalar,neon}.cc
+table stereo 'stage x H x W' 'scalar neon' 'features 96 448' 'median3 96 448' 'median5 96 448'

@@ -66,7 +66,7 @@ void MedianOfSquares(const std::uint16_t* centre, std::size_t pitch, std::uint16
     typename Isa::Vector values[kCount];
     auto missing = Isa::Load(centre);
     missing = Isa::Xor(missing, missing);
-    const auto none = Isa::Equal(missing, missing);  // kMissingDisparity: all ones
+    const auto none = Isa::Equal(missing, missing);  // kMissing: all ones
     auto smallest = missing;                         // where the next missing value is
     const std::uint16_t* row = centre + x - kRadius * pitch - kRadius;
     for (int i = 0; i < kCount; ++i) {
