@@ -18,9 +18,15 @@ function(qxtools_add_kernel processor source)
       message(FATAL_ERROR "${source} needs ${extension}: let cpu_features.cc ask the processor for it")
     endif()
   endforeach()
-  # GCC 12's own AVX-512 header trips these two (its bug 105593); clang-tidy knows one.
-  set(header_bug $<$<CXX_COMPILER_ID:GNU>:-Wno-unknown-warning-option> $<$<CXX_COMPILER_ID:GNU>:-Wno-uninitialized> $<$<CXX_COMPILER_ID:GNU>:-Wno-maybe-uninitialized>)
   target_sources(qxtools_objects PRIVATE ${source})
+  if(source MATCHES "[.]S$")
+    return()
+  endif()
+  # GCC 12's own AVX-512 header trips the last two (its bug 105593); clang-tidy knows one.
+  set(header_bug)
+  if(CMAKE_CXX_COMPILER_ID STREQUAL GNU)
+    set(header_bug -Wno-unknown-warning-option -Wno-uninitialized -Wno-maybe-uninitialized)
+  endif()
   set_source_files_properties(${source} TARGET_DIRECTORY qxtools_objects PROPERTIES
     COMPILE_OPTIONS "-O3;-ffp-contract=off;${header_bug};${ARGN}")
 endfunction()

@@ -18,7 +18,7 @@ set(CMAKE_SYSROOT "${QXTOOLS_AARCH64_ROOT}")
 
 # QXTOOLS_AARCH64_COMPILER=gcc takes Debian's cross compiler, which fits the bookworm root alone: its
 # address sanitizer runs under emulation.
-foreach(language C CXX)
+foreach(language C CXX ASM)
   set(CMAKE_${language}_COMPILER_TARGET aarch64-linux-gnu)
   set(CMAKE_${language}_FLAGS_INIT "-mcpu=cortex-a53")
 endforeach()

@@ -15,7 +15,8 @@ mkdir -p "$out"
 "clang-$llvm" -O2 -shared -fPIC -Wall bench/instructions/counter.c -o "$out/counter.so"
 
 compile() {
-  "clang++-$llvm" --target=aarch64-linux-gnu --sysroot="$root" -O3 -ffp-contract=off -fopenmp=libomp -I. "$@"
+  "clang++-$llvm" --target=aarch64-linux-gnu --sysroot="$root" -std=c++17 -O3 -ffp-contract=off \
+    -fopenmp=libomp -I. "$@"
 }
 
 # build PROGRAM SOURCE...: for the board's processor, files with dot products for one that has them
@@ -26,7 +27,7 @@ build() {
     cpu=-mcpu=cortex-a53
     [[ $source != *_dotprod.cc ]] || cpu=-march=armv8.2-a+dotprod
     objects+=("$out/$program-$(basename "$source").o")
-    compile -std=c++17 "$cpu" -c "$source" -o "${objects[-1]}"
+    compile "$cpu" -c "$source" -o "${objects[-1]}"
   done
   compile -fuse-ld=lld -L"$(echo "$root"/usr/lib/llvm-*/lib)" "${objects[@]}" -o "$out/$program"
 }
@@ -56,7 +57,7 @@ table() {
 }
 
 build cost_volume bench/instructions/cost_volume.cc bench/cost_volume_element_loop.cc \
-  $kernels/cost_volume_{scalar,neon,neon_dotprod}.cc
+  $kernels/cost_volume_{scalar.cc,neon.cc,neon.S,neon_dotprod.cc}
 table cost_volume 'H x W x C x D' 'loop neon neon_dotprod' \
   '4 320 32 48' '4 320 64 64' '4 480 128 96' '4 960 32 128' '4 80 256 16'
 
