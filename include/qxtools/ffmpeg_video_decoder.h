@@ -223,7 +223,7 @@ class QXTOOLS_EXPORT FfmpegDecoder : public video::Decoder {
   void WaitUntilDelivered();
 
  private:
-  struct Reserved {  // not used
+  struct Reserved {  // not used; kept for the binary layout of earlier releases
     std::uint64_t before = 0;
     std::int32_t value = 5;
     std::uint64_t after = 0;
@@ -237,7 +237,7 @@ class QXTOOLS_EXPORT FfmpegDecoder : public video::Decoder {
 
   // The worker co-owns what stop_, callback_ and queue_ point to: it can outlive the decoder. New
   // members go into DecoderState, as applications may hold decoders by value.
-  velkar::vision::ImageFrameImpl frame_;  // not used
+  velkar::vision::ImageFrameImpl frame_;  // not used; kept for the same reason
   std::shared_ptr<std::atomic<bool>> stop_;
   Reserved reserved_;
   const AVCodec* p_avcodec_ = nullptr;

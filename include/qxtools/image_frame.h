@@ -35,7 +35,9 @@ namespace velkar::vision {
 // The base of all frames; a plain ImageFrame is a valid, empty one.
 //
 // Derive from it to hand your own storage to the library. Virtual slots and data members are a
-// binary interface: their order never changes.
+// binary interface: their order never changes. The Aux accessors belong to the wider vision stack;
+// they are kept for the binary layout of earlier releases. This library never calls them, and its
+// own frames return the defaults.
 //
 // Threads: no lock. Any number of threads may call the accessors at once; CostVolume() does.
 class QXTOOLS_EXPORT ImageFrame {
@@ -43,33 +45,43 @@ class QXTOOLS_EXPORT ImageFrame {
   ImageFrame() = default;
   ImageFrame(const ImageFrame&) = default;
   ImageFrame& operator=(const ImageFrame&) = default;
+  // Frees `name`, never the pixels.
   virtual ~ImageFrame();
 
+  // Reserved slot, returns 0.
   virtual std::uint64_t Aux64A() const;
+  // Reserved slot, returns -1.
   virtual std::int64_t Aux64B() const;
+  // Reserved slot, returns -1.
   virtual std::int32_t Aux32A() const;
   // First byte of the pixels; null for an empty frame. The frame does not own them.
   virtual std::uint8_t* Data() const;
   // Owner of the memory behind Data(), or empty if something else keeps it alive.
   virtual std::shared_ptr<void> Holder() const;
+  // Reserved slot, returns 0.
   virtual std::uint64_t Aux64C() const;
+  // Reserved slot, returns 0.
   virtual std::uint64_t Aux64D() const;
+  // Reserved slot, returns 0.
   virtual std::uint64_t Aux64E() const;
   // Number of bytes at Data().
   virtual std::uint32_t DataSize() const;
+  // Reserved slot, returns 0.
   virtual std::uint32_t Aux32B() const;
-  // Columns, in pixels.
+  // Number of columns (pixels per row).
   virtual std::uint32_t Width() const;
-  // Rows.
+  // Number of rows.
   virtual std::uint32_t Height() const;
+  // Reserved slot, returns 0.
   virtual std::uint32_t Aux32C() const;
   // Interleaved values per pixel. In a feature map, value c of the pixel at (row y, column x) is
   // byte (y * Width() + x) * Channel() + c.
   virtual std::uint32_t Channel() const;
+  // Reserved slot, returns 0.
   virtual std::uint32_t Aux32D() const;
 
   QXPixelFormat pixel_format = kQXPixelFormatUnknown;
-  std::uint64_t reserved0 = 0;
+  std::uint64_t reserved0 = 0;  // neither is used by the library
   std::uint64_t reserved1 = 0;
   std::string name;    // free-form label; the library never reads it
   float scale = 1.0F;  // quantisation scale of the values; the cost volumes multiply these

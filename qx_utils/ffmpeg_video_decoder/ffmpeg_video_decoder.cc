@@ -162,8 +162,8 @@ int FfmpegDecoder::SendFrame(std::shared_ptr<StreamPacket> packet, void* user_da
   if (packet == nullptr) return kDecodeNullPacket;
   if (!IsOpen(p_avcodec_ctx_.get())) return kDecodeNotInitialised;
   if (!IsDrain(*packet) && !IsPayload(*packet)) return kDecodeInvalidPacket;
-  const internal::FfmpegPtr<AVFrame> ptFrame(av_frame_alloc());
-  if (ptFrame == nullptr) {
+  const internal::FfmpegPtr<AVFrame> picture(av_frame_alloc());
+  if (picture == nullptr) {
     PrintAssertFailed(__func__, __LINE__, "ptFrame != NULL");
     return kDecodeOutOfMemory;
   }
@@ -171,11 +171,11 @@ int FfmpegDecoder::SendFrame(std::shared_ptr<StreamPacket> packet, void* user_da
   if (IsDrain(*packet)) {
     const DecodeStatus drained = SubmitDrain(context);
     const DecodeStatus received =
-        drained == kDecodeOk ? ReceivePicture(context, ptFrame.get()) : drained;
-    return received == kDecodeOk ? QueuePicture(*ptFrame, user_data) : received;
+        drained == kDecodeOk ? ReceivePicture(context, picture.get()) : drained;
+    return received == kDecodeOk ? QueuePicture(*picture, user_data) : received;
   }
   const DecodeStatus submitted = SubmitPacket(context, packet, state_->sent);
-  return submitted == kDecodeOk ? QueuePictures(*ptFrame, user_data) : submitted;
+  return submitted == kDecodeOk ? QueuePictures(*picture, user_data) : submitted;
 }
 
 // FFmpeg accepts the next packet only when all its finished pictures were taken. Its H.264 decoder

@@ -9,17 +9,18 @@ namespace qx::utils::ffmpeg {
 namespace {
 
 const std::map<AVPixelFormat, QXPixelFormat>& Formats() {
-  static const std::map<AVPixelFormat, QXPixelFormat> av2qx_map = {
+  static const std::map<AVPixelFormat, QXPixelFormat> formats = {
       {AV_PIX_FMT_NV12, kQXPixelFormatNV12},
       {AV_PIX_FMT_NV21, kQXPixelFormatNV21},
       {AV_PIX_FMT_YUV420P, kQXPixelFormatYUV420P},
   };
-  return av2qx_map;
+  return formats;
 }
 
 }  // namespace
 
 QXPixelFormat ConvertAvPixelFormat(AVPixelFormat av_format) {
+  // CHECK prints its expression, and that text is part of the interface: do not rename these.
   const auto& av2qx_map = Formats();
   const auto it = av2qx_map.find(av_format);
   CHECK(it != av2qx_map.end()) << "not found pixel format " << static_cast<int>(av_format);

@@ -45,8 +45,9 @@ float CombinedScale(const FrameView& left, const FrameView& right, const FrameVi
   return right.scale * left.scale * output.scale * per_channel;
 }
 
-// Bytes are read while costs are written, so a volume laid over an input is computed elsewhere.
-void RunAnywhere(const FrameView& left, const FrameView& right, const FrameView& output) {
+// The kernels read inputs while they write costs, so an output that overlaps an input is computed
+// in a temporary buffer.
+void RunWithTemporary(const FrameView& left, const FrameView& right, const FrameView& output) {
   const std::size_t bytes = static_cast<std::size_t>(output.Elements());
   const bool shared = Overlap(left, output) || Overlap(right, output);
   const std::unique_ptr<std::int8_t[]> copy(shared ? new std::int8_t[bytes] : nullptr);
@@ -61,21 +62,21 @@ void RunAnywhere(const FrameView& left, const FrameView& right, const FrameView&
   if (shared) std::memcpy(output.data, copy.get(), bytes);
 }
 
-void Compute(const FrameView* input_l, const FrameView* input_r, const FrameView* output) {
-  internal::CheckCostVolumeFrames(input_l, input_r, output);
-  if (const char* error = GeometryError(*input_l, *input_r, *output)) {
-    LOG(ERROR) << "cost_volume leaves the output untouched: " << error << "; left " << *input_l
-               << input_l->data_size << " bytes, right " << *input_r << input_r->data_size
-               << " bytes, output " << *output << output->data_size << " bytes";
+void Compute(const FrameView& left, const FrameView& right, const FrameView& output) {
+  internal::CheckCostVolumeFrames(&left, &right, &output);
+  if (const char* error = GeometryError(left, right, output)) {
+    LOG(ERROR) << "cost_volume leaves the output untouched: " << error << "; left " << left
+               << left.data_size << " bytes, right " << right << right.data_size
+               << " bytes, output " << output << output.data_size << " bytes";
     return;
   }
-  const auto bytes = static_cast<std::size_t>(output->Elements());
+  const auto bytes = static_cast<std::size_t>(output.Elements());
   if (bytes == 0) return;
-  if (input_l->channels < kCostVolumeBlock) {
-    std::memset(output->data, 0, bytes);  // no whole block of channels: every sum is empty
+  if (left.channels < kCostVolumeBlock) {
+    std::memset(output.data, 0, bytes);  // no whole block of channels: every sum is empty
     return;
   }
-  RunAnywhere(*input_l, *input_r, *output);
+  RunWithTemporary(left, right, output);
 }
 
 }  // namespace
@@ -92,7 +93,7 @@ void CostVolume(ImageFrame* input_l, ImageFrame* input_r, ImageFrame* output) {
   const FrameView left(*input_l);
   const FrameView right(*input_r);
   const FrameView volume(*output);
-  Compute(&left, &right, &volume);
+  Compute(left, right, volume);
 }
 
 }  // namespace qx::utils::image

@@ -1,4 +1,4 @@
-// What a cost volume needs to know of a frame, and the checks with which each of them begins.
+// What the cost volumes read of a frame, and the checks that all of them begin with.
 #pragma once
 
 #include <cstdint>
@@ -8,17 +8,17 @@
 
 namespace qx::utils::internal {
 
-// A frame's attributes, read once: a frame of somebody else's could answer differently each time.
+// A frame's attributes, read once: a user-defined frame may return different values on each call.
 struct FrameView {
   explicit FrameView(const velkar::vision::ImageFrame& frame);
 
-  // As ImageFrame's accessors.
+  // Named as ImageFrame's accessors, so that CheckCostVolumeFrames() takes either.
   std::uint32_t DataSize() const { return data_size; }
   std::uint32_t Height() const { return height; }
   std::uint32_t Width() const { return width; }
   std::uint32_t Channel() const { return channels; }
 
-  // Elements, or more than 32 bits hold when the product does not fit.
+  // height x width x channels, or a value above 32 bits if the product overflows.
   std::uint64_t Elements() const;
 
   QXPixelFormat pixel_format;
@@ -30,11 +30,14 @@ struct FrameView {
   std::uint32_t channels;
 };
 
-// "(height, width, channels) ", with the blank at the end.
+// "(height, width, channels) ", with a trailing blank.
 std::ostream& operator<<(std::ostream& out, const FrameView& view);
 
-// Ends the process through a fatal log line unless all frames hold 8-bit maps and the inputs are of
-// one size; logs the inputs' shapes. Frame: FrameView or ImageFrame; nobody asks for Data().
+// Ends the process through a fatal log line unless all frames hold 8-bit maps and the inputs have
+// the same size; logs the inputs' shapes. Frame: FrameView or ImageFrame. Never calls Data().
+//
+// Takes pointers because a failed check prints its own expression, "input_l->DataSize() == ...",
+// and that text is part of the interface: the parameters' names and the arrows must not change.
 template <typename Frame>
 void CheckCostVolumeFrames(const Frame* input_l, const Frame* input_r, const Frame* output);
 
