@@ -22,7 +22,6 @@ using velkar::vision::ImageFrameImpl;
 using Microseconds = std::chrono::duration<double, std::micro>;
 
 constexpr int kRuns = 201;
-constexpr char kContainer[] = "/lib/firmware/xilinx/k26brannoc/k26brannoc.xclbin";
 
 struct Share {
   double p10, median, p90;  // microseconds
@@ -77,8 +76,10 @@ int main(int, char** argv) {
     Kernel_FPGA kernel(0, static_cast<int>(left.size()), static_cast<int>(cost.size()));
     object = Measure([&] { kernel.CostVolume_FPGA(l.get(), r.get(), out.get()); });
   }
-  const Share one_shot = Measure(
-      [&] { qx::utils::image::CostVolume_FPGA(l.get(), r.get(), out.get(), kContainer, "", 0); });
+  const Share one_shot = Measure([&] {
+    qx::utils::image::CostVolume_FPGA(l.get(), r.get(), out.get(),
+                                      qx::utils::image::kDefaultXclbinPath, "", 0);
+  });
   std::printf("%-34s %12.1f %12.1f %12.1f\n", "Kernel_FPGA", object.p10, object.median, object.p90);
   std::printf("%-34s %12.1f %12.1f %12.1f\n", "CostVolume_FPGA", one_shot.p10, one_shot.median,
               one_shot.p90);

@@ -143,7 +143,7 @@ class Command(unittest.TestCase):
         before = self.files()
         for line, message in table('''
             $Q board --device 9                     no device 9
-            xclbin_path=empty.mp4 $Q board          'empty.mp4' is no container of an emulated board
+            xclbin_path=empty.mp4 $Q board          'empty.mp4' is not a valid emulated-board container
             $Q probe missing.mp4                    No such file
             $Q probe folder.yuv                     Is a directory
             $Q probe garbage.mp4                    'garbage.mp4': not a media file

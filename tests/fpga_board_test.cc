@@ -79,9 +79,9 @@ class FpgaBoard : public ::testing::Test {
   }
 
   // Runs and returns the error, empty when the run went through.
-  std::string ErrorOf(Way way, const char* container = kContainerPath, int device = 0) {
+  std::string ErrorOf(Way way, const char* container = kDefaultXclbinPath, int device = 0) {
     try {
-      maps_.Run(way, kUnitName, container, device);
+      maps_.Run(way, kDefaultCuName, container, device);
       return "";
     } catch (const std::runtime_error& error) {
       return error.what();
@@ -167,7 +167,7 @@ TEST_F(FpgaBoard, ContainerTextsAreChecked) {
       {"40, \"group\": 1", "40, \"group\": 7", "argument 2: no memory group 7"},
       {"{\"offset\": 16, \"group\": 0}, ", "", "\"arguments\" must list"},
       {"12288", "100", "memory group 1: base and size"},
-      {"12288", "\"0xC0001000\"", "memory group 1: must lie below 4 GiB"},
+      {"12288", "\"0xC0001000\"", "memory group 1: must be below 4 GiB"},
       {"12288", "\"0x60001000\"", "memory group 1: overlaps"},
   };
   for (const auto& [from, to, error] : cases) {
@@ -194,7 +194,7 @@ TEST_F(FpgaBoard, ContainerFileDecidesAddressesOffsetsAndGeometry) {
   EXPECT_FALSE(GetStatus().built_in);
   // The one-shot looks for the registers at their usual place, where nothing answers.
   SetKernelTimeLimit(milliseconds(10));
-  EXPECT_THROW(maps_.Run(Way::kOneShot, kUnitName, file_.c_str()), KernelTimeout);
+  EXPECT_THROW(maps_.Run(Way::kOneShot, kDefaultCuName, file_.c_str()), KernelTimeout);
   EXPECT_EQ(ErrorOf(Way::kOld, file_.c_str()), "");
   EXPECT_EQ(maps_.cost, maps_.Expected());
 }
@@ -208,10 +208,10 @@ TEST_F(FpgaBoard, WhatCannotBeLoadedOrBoundSaysWhy) {
   fs::resize_file(large, (1 << 20) + 1);
   const std::pair<std::string, std::string> cases[] = {
       {"/nowhere", "cannot open the container '/nowhere'"},
-      {"/proc/self/stat", "'/proc/self/stat' is no container of an emulated board"},
-      {"/proc", "'/proc' is no regular file"},
-      {"/dev/zero", "'/dev/zero' is no regular file"},
-      {fifo, fifo + "' is no regular file"},
+      {"/proc/self/stat", "'/proc/self/stat' is not a valid emulated-board container"},
+      {"/proc", "'/proc' is not a regular file"},
+      {"/dev/zero", "'/dev/zero' is not a regular file"},
+      {fifo, fifo + "' is not a regular file"},
       {large, large + "' is larger than 1 MiB"},
       {file_, "which has 'Warp:{Corr_1}'"}};
   for (const auto& [path, error] : cases) {
@@ -219,7 +219,7 @@ TEST_F(FpgaBoard, WhatCannotBeLoadedOrBoundSaysWhy) {
   }
   fs::remove(fifo);
   fs::remove(large);
-  EXPECT_THAT(ErrorOf(Way::kOneShot, kContainerPath, 1), HasSubstr("no device 1"));
+  EXPECT_THAT(ErrorOf(Way::kOneShot, kDefaultXclbinPath, 1), HasSubstr("no device 1"));
   setenv("cu_name", "Warp:{Corr_1}", 1);  // binds, but it is not the kernel whose address is asked
   EXPECT_THAT(ErrorOf(Way::kObject), HasSubstr("no core 0 of kernel 'Corr'"));
 }
@@ -227,19 +227,20 @@ TEST_F(FpgaBoard, WhatCannotBeLoadedOrBoundSaysWhy) {
 TEST_F(FpgaBoard, ExclusiveAndSharedHandlesExcludeEachOther) {
   using Mode = xrt::kernel::cu_access_mode;
   xrt::device device(0);
-  const xrt::uuid container = device.load_xclbin(kContainerPath);
+  const xrt::uuid container = device.load_xclbin(kDefaultXclbinPath);
   {
     const Kernel_FPGA first(0, 512, 64), second(0, 512, 64);
     EXPECT_THAT(ErrorOf(Way::kOld), HasSubstr("is in use"));
     EXPECT_EQ(ErrorOf(Way::kOneShot), "");
-    xrt::kernel shared(device, device.load_xclbin(kContainerPath), kUnitName, Mode::shared);
+    xrt::kernel shared(device, device.load_xclbin(kDefaultXclbinPath), kDefaultCuName,
+                       Mode::shared);
     EXPECT_THROW(shared.write_register(0x10, 0), std::runtime_error);
     WriteContainer(kContainer);  // another container, while the unit is open
     EXPECT_THAT(ErrorOf(Way::kOneShot, file_.c_str()), HasSubstr("cannot load"));
   }
   const xrt::uuid other = device.load_xclbin(file_);
-  EXPECT_THROW(xrt::kernel(device, container, kUnitName, Mode::shared), std::runtime_error);
-  xrt::kernel exclusive(device, other, kUnitName, Mode::exclusive);
+  EXPECT_THROW(xrt::kernel(device, container, kDefaultCuName, Mode::shared), std::runtime_error);
+  xrt::kernel exclusive(device, other, kDefaultCuName, Mode::exclusive);
   for (const Way way : kWays) {
     EXPECT_THAT(ErrorOf(way, file_.c_str()), HasSubstr("is in use exclusively"));
   }
@@ -252,7 +253,7 @@ TEST_F(FpgaBoard, ExclusiveAndSharedHandlesExcludeEachOther) {
 // never overlap, and that of a released one is used again.
 TEST_F(FpgaBoard, BuffersAreBlocksOfPhysicalMemory) {
   xrt::device device(0);
-  device.load_xclbin(kContainerPath);
+  device.load_xclbin(kDefaultXclbinPath);
   const auto make = [&](std::size_t bytes, unsigned group = 0) {
     return std::make_unique<xrt::bo>(device, bytes, xrt::bo::flags::normal, group);
   };

@@ -239,7 +239,7 @@ TEST_F(FpgaProtocol, WaitsWhileTheWordIsOneAndSleepsTheRestOfAnInterruptedSleep)
 
 // Limits of nearly as many milliseconds as there are nanoseconds overflowed: every run failed.
 TEST_F(FpgaProtocol, ALimitOfAnySizeIsKept) {
-  const std::string late = "the correlation kernel did not end within ";
+  const std::string late = "the correlation kernel did not finish within ";
   const std::tuple<milliseconds, std::vector<std::uint32_t>, std::string> cases[] = {
       {milliseconds::max(), {0, 1, 1, 1, 0}, ""},
       {milliseconds(9300000000000), {0, 1, 1, 1, 0}, ""},
@@ -262,10 +262,10 @@ TEST_F(FpgaProtocol, ARunThatGoesOnKeepsItsBuffersAndItsInputs) {
   const TracedLog log;
   SetKernelTimeLimit(milliseconds(1));
   for (const Way way : kWays) {
-    EXPECT_THAT(ErrorOf(way, {0, 1}), HasSubstr("did not end within 1 ms"));
+    EXPECT_THAT(ErrorOf(way, {0, 1}), HasSubstr("did not finish within 1 ms"));
     EXPECT_THAT(Lines("~bo "), IsEmpty());
     EXPECT_THAT(Lines("error: "),
-                ElementsAre("the correlation kernel still runs: its buffers, 1088 "
+                ElementsAre("the correlation kernel is still running: its buffers, 1088 "
                             "bytes, are kept until the next run finds it idle"));
     EXPECT_EQ(ErrorOf(way, {1}), "the correlation kernel is still busy with an earlier run");
     EXPECT_THAT(Lines("~bo "), SizeIs(way == Way::kOld ? 0 : 3));  // its own
@@ -283,8 +283,8 @@ TEST_F(FpgaProtocol, ARunThatGoesOnKeepsItsBuffersAndItsInputs) {
 
 TEST_F(FpgaProtocol, FailuresOfTheRegisterDeviceSayWhatIsNeeded) {
   const std::tuple<const char*, int, const char*> cases[] = {
-      {"open", EACCES, "(this needs the privileges of the superuser): Permission denied"},
-      {"mmap", EPERM, "(this needs the privileges of the superuser): Operation not permitted"},
+      {"open", EACCES, "(this needs superuser privileges): Permission denied"},
+      {"mmap", EPERM, "(this needs superuser privileges): Operation not permitted"},
       {"open", ENOENT,
        "cannot open /dev/mem for the correlation kernel's registers: No such file"}};
   for (const auto& [call, error, message] : cases) {

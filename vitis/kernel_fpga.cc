@@ -1,99 +1,89 @@
+// The long-lived way of running the correlation kernel.
 #include <glog/logging.h>
 
 #include <cstdlib>
-#include <utility>
 
-#include "board/register_device.h"
 #include "qxtools/fpga_correlation.h"
+#include "vitis/bound_unit.h"
 #include "vitis/buffers.h"
-#include "vitis/correlation.h"
 #include "vitis/registers.h"
+#include "vitis/run.h"
+#include "vitis/scale_exponent.h"
 
 namespace qx::utils::image {
 namespace {
 
+using correlation::Buffers;
+using correlation::RegisterDevice;
+using correlation::RegisterPage;
 using velkar::vision::ImageFrame;
 
 constexpr std::chrono::microseconds kPollInterval{100};
-// The kernel whose base address the device handle is asked for, whatever unit is bound.
-constexpr char kKernelName[] = "Corr";
 
 std::string VariableOr(const char* name, const char* fallback) {
   const char* value = std::getenv(name);
   return value != nullptr ? value : fallback;
 }
 
-std::string ContainerPath() { return VariableOr("xclbin_path", correlation::kDefaultContainer); }
-std::string UnitName() { return VariableOr("cu_name", correlation::kDefaultUnit); }
+std::string XclbinPath() { return VariableOr("xclbin_path", kDefaultXclbinPath); }
+std::string CuName() { return VariableOr("cu_name", kDefaultCuName); }
 
-std::shared_ptr<xrt::kernel> BuildKernel(xrt::device& device, const std::string& xclbin_path,
-                                         const std::string& cu_name) {
-  const xrt::uuid container = correlation::LoadContainer(device, xclbin_path);
-  auto kernel = correlation::OpenKernel(device, container, cu_name, correlation::Access::kShared);
-  VLOG(1) << "Open successfully ";
-  return kernel;
-}
-
-xrt::device OpenDevice(int device_index) {
-  VLOG(1) << "Open the device: " << device_index;
-  return xrt::device(static_cast<unsigned int>(device_index));
+correlation::BoundUnit BindShared(int device_index, const std::string& xclbin_path,
+                                  const std::string& cu_name) {
+  return correlation::Bind({device_index, xclbin_path, cu_name, correlation::Access::kShared},
+                           {"Open the device: ", false, true});
 }
 
 }  // namespace
 
 Kernel_FPGA::Kernel_FPGA(int device_index, int input_size, int output_size)
-    : xclbin_path_(ContainerPath()),
-      cu_name_(UnitName()),
+    : xclbin_path_(XclbinPath()),
+      cu_name_(CuName()),
       device_index_(device_index),
       input_size_(input_size),
       output_size_(output_size) {
-  correlation::RequireSizes(input_size_, output_size_);
-  xrt::device device = OpenDevice(device_index_);
-  kernel_ = BuildKernel(device, xclbin_path_, cu_name_);
-  const correlation::Buffers buffers =
-      correlation::CreateBuffers(device, *kernel_, input_size_, output_size_);
+  const correlation::BufferSizes sizes{input_size_, output_size_};
+  RequirePositive(sizes);
+  correlation::BoundUnit unit = BindShared(device_index_, xclbin_path_, cu_name_);
+  const Buffers buffers = CreateBuffers(unit, sizes);
+  kernel_ = unit.kernel;
   bo_left_ = buffers.left;
   bo_right_ = buffers.right;
   bo_output_ = buffers.output;
-  cu_base_addr_ = board::ComputeUnitBaseAddress(kKernelName, 0);
-  phys_addr_ = correlation::LowAddresses(buffers);
-  correlation::RegisterDevice memory;
-  regs_ = correlation::MapRegisters(memory.fd(), cu_base_addr_);
-  mem_fd_ = memory.Release();
+  cu_base_addr_ = correlation::RegisterAddress();
+  phys_addr_ = LowAddresses(buffers);
+  RegisterDevice device;
+  regs_ = RegisterPage(device, cu_base_addr_).Release();
+  mem_fd_ = device.Release();
 }
 
 Kernel_FPGA::~Kernel_FPGA() {
-  correlation::UnmapRegisters(regs_);
-  correlation::CloseRegisterDevice(mem_fd_);
+  const RegisterDevice device(mem_fd_);
+  const RegisterPage page(regs_);
 }
 
 void Kernel_FPGA::CostVolume_FPGA(ImageFrame* input_l, ImageFrame* input_r, ImageFrame* output) {
   const correlation::SystemTime start = std::chrono::system_clock::now();
   const std::uint32_t exponent =
       correlation::ToUnsigned(correlation::ScaleExponent(*input_l, *input_r, *output));
-  const correlation::Buffers buffers{bo_left_, bo_right_, bo_output_};
+  const Buffers buffers{bo_left_, bo_right_, bo_output_};
   correlation::MappedRegisters registers(*kernel_, regs_);
-  correlation::RequireIdle(
-      registers);  // before the inputs of a run that still goes on are replaced
-  correlation::SendInputs(buffers, *input_l, *input_r);
-  correlation::Run(registers, buffers, {phys_addr_[0], phys_addr_[1], phys_addr_[2], exponent},
-                   kPollInterval);
+  RequireIdle(registers);  // first: a run in progress still reads its inputs
+  SendInputs(buffers, *input_l, *input_r);
+  Run(registers, buffers, {phys_addr_[0], phys_addr_[1], phys_addr_[2], exponent}, kPollInterval);
   VLOG(1) << "FPGA CORR Time Cost: " << correlation::MillisecondsSince(start) << "ms";
-  correlation::ReceiveOutput(buffers, *output);
+  ReceiveOutput(buffers, *output);
 }
 
 CorrelationUnit DescribeCorrelationUnit(int device_index) {
-  CorrelationUnit unit{ContainerPath(), UnitName(), 0, {}, {}};
-  xrt::device device = OpenDevice(device_index);
-  const auto kernel = BuildKernel(device, unit.xclbin_path, unit.cu_name);
-  unit.base_address = board::ComputeUnitBaseAddress(kKernelName, 0);
-  for (std::size_t i = 0; i < unit.offsets.size(); ++i) {
-    unit.offsets[i] = kernel->offset(static_cast<int>(i));
-  }
-  for (std::size_t i = 0; i < unit.memory_groups.size(); ++i) {
-    unit.memory_groups[i] = kernel->group_id(static_cast<int>(i));
-  }
-  return unit;
+  CorrelationUnit description{XclbinPath(), CuName(), 0, {}, {}};
+  const auto unit = BindShared(device_index, description.xclbin_path, description.cu_name);
+  description.base_address = correlation::RegisterAddress();
+  int argument = 0;
+  for (auto& offset : description.offsets) offset = unit.kernel->offset(argument++);
+  argument = 0;
+  for (auto& group : description.memory_groups) group = unit.kernel->group_id(argument++);
+  return description;
 }
 
 }  // namespace qx::utils::image

@@ -10,14 +10,13 @@
 #include <system_error>
 
 #include "board/emulated/board_environment.h"
+#include "qxtools/fpga_correlation.h"
 
 namespace qx::board {
 namespace {
 
 namespace fs = std::filesystem;
 
-// Where an installed board keeps its container; answered by the built-in one when there is none.
-constexpr char kDefaultPath[] = "/lib/firmware/xilinx/k26brannoc/k26brannoc.xclbin";
 constexpr std::uintmax_t kMaxContainerBytes = 1 << 20;
 constexpr char kHint[] =
     "this qxtools emulates the board; build it with QXTOOLS_DEVICE_RUNTIME=system for a real one";
@@ -26,20 +25,20 @@ constexpr char kHint[] =
   throw std::runtime_error("emulated board: " + what);
 }
 
-// Throws unless a file that exists is a regular one of at most kMaxContainerBytes.
+// Throws if the file exists but is not a regular one of at most kMaxContainerBytes.
 void RequireSmallFile(const std::string& path) {
   std::error_code error;
   const fs::file_status status = fs::status(path, error);
   if (!fs::exists(status)) return;
-  if (!fs::is_regular_file(status)) Fail("the container '" + path + "' is no regular file");
+  if (!fs::is_regular_file(status)) Fail("the container '" + path + "' is not a regular file");
   const std::uintmax_t bytes = fs::file_size(path, error);
   if (error || bytes > kMaxContainerBytes) {
-    Fail("the container '" + path + "' is larger than 1 MiB: it is none of an emulated board; " +
+    Fail("the container '" + path + "' is larger than 1 MiB, so not an emulated-board container; " +
          kHint);
   }
 }
 
-// Returns: the file's bytes, no more than kMaxContainerBytes even if it grows meanwhile.
+// Returns: the file's bytes, at most kMaxContainerBytes even if it grows meanwhile.
 std::string ReadSmallFile(std::ifstream& file) {
   std::string text;
   char block[4096];
@@ -58,8 +57,8 @@ Board::Board() : settings_(SettingsFromEnvironment()), unit_(memory_, log_) {
 }
 
 Board& Board::Get() {
-  // Never destroyed: objects that are destroyed after main(), such as a Kernel_FPGA with a global
-  // owner, still release their buffers and handles here.
+  // Never destroyed: a Kernel_FPGA with a global owner releases its buffers and handles after
+  // main().
   static Board& board = *new Board;
   return board;
 }
@@ -109,7 +108,7 @@ emulated_board::Status Board::GetStatus() const {
 Container Board::ReadContainer(const std::string& path, bool& built_in) const {
   RequireSmallFile(path);
   std::ifstream file(path, std::ios::binary);
-  built_in = !file && path == kDefaultPath;
+  built_in = !file && path == utils::image::kDefaultXclbinPath;
   if (built_in) return BuiltInContainer(settings_.geometry);
   if (!file) Fail("cannot open the container '" + path + "'");
   const std::string text = ReadSmallFile(file);
@@ -117,7 +116,7 @@ Container Board::ReadContainer(const std::string& path, bool& built_in) const {
     return ParseContainer(text);
   } catch (const std::exception& error) {
     const std::string hint = text.compare(0, 1, "{") == 0 ? "" : std::string("; ") + kHint;
-    Fail("'" + path + "' is no container of an emulated board: " + error.what() + hint);
+    Fail("'" + path + "' is not a valid emulated-board container: " + error.what() + hint);
   }
 }
 
@@ -145,7 +144,7 @@ std::shared_ptr<const Container> Board::container() const {
 
 void Board::OpenUnit(std::uint64_t id, const std::string& name, bool exclusive) {
   const std::lock_guard<std::mutex> lock(mutex_);
-  if (id == 0 || id != id_) Fail("the container was replaced by another one");
+  if (id == 0 || id != id_) Fail("another container has been loaded since");
   const std::string unit = container_->kernel + ":{" + container_->instance + '}';
   if (name != unit) {
     Fail("no compute unit '" + name + "' in '" + path_ + "', which has '" + unit + "'");

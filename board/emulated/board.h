@@ -19,7 +19,7 @@ namespace qx::board {
 // Threads: safe from any thread. Failures are std::runtime_error.
 class Board {
  public:
-  // The one board of the process, made on first use and there to its end.
+  // The one board of the process, created on first use and never destroyed.
   static Board& Get();
 
   CallLog& log() { return log_; }
@@ -31,9 +31,9 @@ class Board {
   emulated_board::Status GetStatus() const;
   void AddTransferTime(std::chrono::nanoseconds time) { transfer_ns_ += time.count(); }
 
-  // Loads the container at `path`. Returns: its number; the same for as long as it stays loaded.
+  // Loads the container at `path`. Returns: its number, which is the same while it stays loaded.
   std::uint64_t Load(const std::string& path);
-  // The loaded container; throws before the first load.
+  // The loaded container. Throws before the first load.
   std::shared_ptr<const Container> container() const;
 
   // Opens a handle of the unit `name` of container number `id`.
@@ -45,7 +45,7 @@ class Board {
  private:
   Board();
 
-  // Says in the log that the board is an emulated one, unless the process has shown that it knows.
+  // Warns in the log, once, that no real board is used, unless the process has shown that it knows.
   void TellOnce();
   Container ReadContainer(const std::string& path, bool& built_in) const;
 

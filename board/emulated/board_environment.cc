@@ -51,7 +51,8 @@ void ReadGeometry(emulated_board::Settings& settings) {
                       TakeNumber(rest, g.channels) && TakeSeparator(rest, 'x') &&
                       TakeNumber(rest, g.disparities) && rest.empty();
   if (!parsed)
-    return Ignore(kGeometry, value, "height, width, channels, disparities: 96x320x32x48");
+    return Ignore(kGeometry, value,
+                  "expected height x width x channels x disparities, such as 96x320x32x48");
   const std::string fault = GeometryFault(BuiltInContainer(g));
   if (!fault.empty()) return Ignore(kGeometry, value, fault);
   settings.geometry = g;
@@ -63,7 +64,7 @@ void ReadRunTime(emulated_board::Settings& settings) {
   std::uint32_t microseconds = 0;
   std::string rest = value;
   if (!TakeNumber(rest, microseconds) || !rest.empty()) {
-    return Ignore(kRunTime, value, "a number of microseconds");
+    return Ignore(kRunTime, value, "expected a number of microseconds");
   }
   settings.run_time = std::chrono::microseconds(microseconds);
 }
@@ -86,7 +87,7 @@ void InjectFaultsFromEnvironment(CallLog& log) {
     std::string count = at == std::string::npos ? "1" : item.substr(at + 1);
     unsigned nth = 0;
     if (!TakeNumber(count, nth) || !count.empty()) {
-      Ignore(kFaults, item, "a use number follows the '@'");
+      Ignore(kFaults, item, "expected a use number after the '@'");
       continue;
     }
     try {

@@ -33,7 +33,7 @@ void CallLog::Inject(const std::string& name, unsigned nth) {
   if (std::find(names.begin(), names.end(), name) == names.end()) {
     std::string known;
     for (const std::string& each : names) known += ' ' + each;
-    throw std::invalid_argument("no call '" + name + "' can fail; these can:" + known);
+    throw std::invalid_argument("unknown fault '" + name + "'; known are:" + known);
   }
   if (nth == 0) throw std::invalid_argument("uses of a call are counted from 1");
   const std::lock_guard<std::mutex> lock(mutex_);

@@ -1,4 +1,4 @@
-// The calls that reach the emulated board: which of them are to fail, and their recording.
+// The calls that reach the emulated board: faults injected into them, and their recording.
 #pragma once
 
 #include <atomic>
@@ -17,10 +17,10 @@ class CallLog {
   // Notes a call that cannot fail.
   void Note(const char* name, const std::string& detail);
 
-  // Counts one use of `name`. Returns: true when it has to fail.
+  // Counts one use of `name`. Returns: whether it must fail.
   [[nodiscard]] bool IsFaultDue(const char* name);
 
-  // Both: notes and counts one use of a call.
+  // Notes one use of a call and counts it. Returns: whether it must fail.
   [[nodiscard]] bool Fails(const char* name, const std::string& detail);
 
   void Inject(const std::string& name, unsigned nth);
@@ -28,7 +28,7 @@ class CallLog {
 
   void Start();
   std::vector<emulated_board::Call> Take();
-  bool recording() const { return recording_; }  // whether composing a detail is worth the time
+  bool recording() const { return recording_; }  // whether composing a detail is worthwhile
 
  private:
   struct Fault {

@@ -9,7 +9,8 @@
 #include <thread>
 
 #include "board/emulated/correlation_model.h"
-#include "board/volatile_word.h"
+#include "board/emulated/hex.h"
+#include "board/register_access.h"
 
 namespace qx::board {
 namespace {
@@ -18,11 +19,12 @@ constexpr std::uint32_t kControlOffset = 0;
 constexpr std::uint32_t kRunning = 1;
 constexpr std::uint32_t kErrorValue = 0x80000006;  // control word after a run that failed
 
-// How soon a start is noticed: at once for a while after inputs were sent, else at the next look.
+// How soon a start is noticed: at once for kAlertPeriod after inputs were sent, otherwise after up
+// to kRest.
 constexpr std::chrono::milliseconds kAlertPeriod{1};
 constexpr std::chrono::microseconds kRest{200};
 
-// Of all run times; longer ones would overflow the clock.
+// Limit of the run time; a longer one would overflow the clock.
 constexpr std::chrono::hours kLongest{24 * 365};
 
 }  // namespace
@@ -53,7 +55,7 @@ void ComputeUnit::Program(const Container& container) {
   watched_ = true;
 }
 
-// Touches nothing: a large geometry costs its memory in the first run.
+// Reserves address space only: a large geometry takes memory in its first run.
 void ComputeUnit::ReserveMemory(const emulated_board::Geometry& geometry) {
   const std::size_t pixels = std::size_t{geometry.height} * geometry.width;
   for (auto* map : {&left_, &right_}) {
@@ -189,7 +191,7 @@ void ComputeUnit::Run(Lock& lock) {
 }
 
 ComputeUnit::Job ComputeUnit::LatchJob() const {
-  // The unit takes 32-bit addresses: the words above them have no effect.
+  // The unit takes 32-bit addresses: the registers above them have no effect.
   const auto value = [this](std::size_t i) {
     return LoadWord(Register(container_.arguments[i].offset));
   };
@@ -203,10 +205,9 @@ bool ComputeUnit::Compute(const Job& job) {
   right_.resize(pixels * geometry.channels);
   if (!memory_.Read(job.left, left_.data(), left_.size()) ||
       !memory_.Read(job.right, right_.data(), right_.size())) {
-    LOG(ERROR)
-        << "emulated board: the kernel needs " << left_.size() << " bytes at each of 0x" << std::hex
-        << job.left << " and 0x" << job.right
-        << ", but no such buffers exist; do the buffer sizes match the container's geometry?";
+    LOG(ERROR) << "emulated board: the kernel needs " << left_.size() << " bytes at each of "
+               << Hex(job.left) << " and " << Hex(job.right)
+               << ", but no such buffers exist; do their sizes match the container's geometry?";
     return false;
   }
   Correlate(geometry, left_, right_, job.exponent, cost_);
@@ -218,8 +219,8 @@ void ComputeUnit::FinishRun(const Job& job, bool computed) {
   if (computed && memory_.Write(job.output, cost_.data(), cost_.size())) {
     value = settings_.end_value;
   } else if (computed) {
-    LOG(ERROR) << "emulated board: the kernel writes " << cost_.size() << " bytes at 0x" << std::hex
-               << job.output
+    LOG(ERROR) << "emulated board: the kernel writes " << cost_.size() << " bytes at "
+               << Hex(job.output)
                << ", but no such buffer exists; does its size match the container's geometry?";
   }
   ++statistics_.runs;

@@ -15,28 +15,27 @@
 
 namespace qx::board {
 
-// Threads: safe from any thread. A unit that has been programmed must not be destroyed any more:
-// its
-//          thread watches for as long as the process lives.
+// Threads: safe from any thread. A unit that has been programmed must not be destroyed: its thread
+//          watches until the process ends.
 class ComputeUnit {
  public:
   ComputeUnit(PhysicalMemory& memory, CallLog& log) : memory_(memory), log_(log) {}
   ComputeUnit(const ComputeUnit&) = delete;
   ComputeUnit& operator=(const ComputeUnit&) = delete;
 
-  // Becomes the unit of `container`, registers cleared; a run in progress is abandoned.
+  // Becomes the unit of `container` with cleared registers; abandons a run in progress.
   void Program(const Container& container);
   void Configure(const emulated_board::Settings& settings);
 
-  // While handles of the unit are open the thread watches closely; without any it sleeps.
+  // The thread watches while handles of the unit are open, and sleeps while there are none.
   void Attach();
   void Detach();
 
-  // A run is about to start: for a moment the thread does not rest, as the unit itself never does.
+  // Announces a run: for a moment the thread polls without sleeping, as hardware does.
   void ExpectStart();
 
-  // To be called after each store to the control word: waits for the end of a started run if the
-  // settings ask for that. A run that hangs is not waited for.
+  // Must be called after each store to the control word. With Settings::ends_at_once it waits for
+  // the end of a started run, except one that hangs.
   void AfterControlStore();
 
   std::uint32_t ReadRegister(std::uint32_t offset) const;
@@ -60,7 +59,7 @@ class ComputeUnit {
     void operator()(volatile std::uint32_t* registers) const;
   };
 
-  // The argument registers as a run finds them.
+  // The argument registers at the start of a run.
   struct Job {
     std::uint32_t left, right, output, exponent;
   };
@@ -82,12 +81,12 @@ class ComputeUnit {
   std::condition_variable changed_;
   std::unique_ptr<volatile std::uint32_t, Unmapper> registers_;
   Container container_;
-  // The unit's own memory, kept between runs: giving big blocks back to the system at the end of
-  // each run would hold up the application's threads. Used by the thread while a run is in
-  // progress, else under the mutex.
+  // The unit's own memory, kept between runs: returning big blocks to the system after each run
+  // would slow down the application's threads. Used by the unit's thread during a run, otherwise
+  // under the mutex.
   std::vector<std::int8_t> left_, right_, cost_;
   emulated_board::Settings settings_;
-  bool abandon_ = false;  // the run in progress shall end without a trace
+  bool abandon_ = false;  // the run in progress must end without a result
   bool hung_ = false;     // the run in progress waits for EndHungRun()
   Clock::time_point alert_until_;
   Statistics statistics_;

@@ -48,7 +48,7 @@ void CheckMemory(const Container& container) {
       Fail(name + ": base and size must be multiples of 4096, and the size not zero");
     }
     if (memory.size > kPhysicalMemoryBytes || memory.base > kPhysicalMemoryBytes - memory.size) {
-      Fail(name + ": must lie below 4 GiB");
+      Fail(name + ": must be below 4 GiB");
     }
     const Range range{memory.base, memory.size};
     for (const Range& other : taken) {

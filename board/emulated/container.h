@@ -1,5 +1,5 @@
-// The container that an emulated board is programmed with: a small JSON file that declares what a
-// bitstream's metadata would (docs/fpga.md shows one).
+// The container that programs an emulated board: a small JSON file in place of a bitstream's
+// metadata (docs/fpga.md shows one).
 #pragma once
 
 #include <array>
@@ -7,12 +7,12 @@
 #include <string>
 #include <vector>
 
+#include "board/board_interface.h"
 #include "qxtools/emulated_board.h"
 
 namespace qx::board {
 
 constexpr std::uint64_t kPhysicalMemoryBytes = std::uint64_t{1} << 32;
-constexpr std::uint64_t kPageBytes = 4096;
 constexpr std::uint64_t kRegisterBlockBytes = 65536;  // what the bus gives a compute unit
 
 // The default values are the built-in container.
@@ -33,18 +33,20 @@ struct Container {
   std::string identity;  // equal for equal containers
 };
 
-// Where the registers of the unit are: its page; offsets count from the start of the page.
-inline std::uint64_t PageOf(std::uint64_t address) { return address & ~(kPageBytes - 1); }
+// The page of an address. A unit's registers start at the page of its base address.
+inline std::uint64_t PageOf(std::uint64_t address) {
+  return address & ~std::uint64_t{kPageBytes - 1};
+}
 inline std::uint64_t RoundUpToPages(std::uint64_t bytes) { return PageOf(bytes + kPageBytes - 1); }
 
-// Throws std::runtime_error that says which part is wrong. ReadContainer() reads the text, without
-// a look at whether the values fit together; ParseContainer() does both.
+// Both throw std::runtime_error that says which part is wrong. ReadContainer() reads the text;
+// ParseContainer() also checks that the values fit together.
 Container ReadContainer(const std::string& text);
 Container ParseContainer(const std::string& text);
 Container BuiltInContainer(const emulated_board::Geometry& geometry);
 
-// Returns: what is wrong with a container's geometry, empty when nothing is: a dimension of zero,
-// or buffers for which its memory groups have no room.
+// Returns: what is wrong with a container's geometry (a dimension is zero, or its buffers do not
+// fit the memory groups), or an empty string.
 std::string GeometryFault(const Container& container);
 
 }  // namespace qx::board

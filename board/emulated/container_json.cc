@@ -1,4 +1,4 @@
-// Container files as JSON.
+// Reads container files, which are JSON.
 #include <cerrno>
 #include <cstdlib>
 #include <limits>

@@ -1,4 +1,4 @@
-// Stands for the reader of container files where this build has none.
+// Replaces container_json.cc in a build without container files.
 #include <stdexcept>
 
 #include "board/emulated/container.h"
@@ -7,8 +7,7 @@ namespace qx::board {
 
 Container ReadContainer(const std::string& /*text*/) {
   throw std::runtime_error(
-      "this build reads no container files: the library was configured without "
-      "QXTOOLS_CONTAINER_FILES");
+      "this library was built without support for container files (QXTOOLS_CONTAINER_FILES)");
 }
 
 }  // namespace qx::board

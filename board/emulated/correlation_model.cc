@@ -7,12 +7,12 @@
 namespace qx::board {
 namespace {
 
-// The unit reads 32 channels a beat and has no partial beat.
+// The unit reads 32 channels per beat and has no partial beats.
 constexpr std::uint32_t kBeatChannels = 32;
 constexpr float kNegativeSlope = 13.0F / 128.0F;
 
 std::int32_t DotProduct(const std::int8_t* a, const std::int8_t* b, std::uint32_t count) {
-  // Unsigned, because a sum of very many channels wraps as the unit's 32-bit adders do.
+  // Unsigned, so that the sum of very many channels wraps like the unit's 32-bit adders.
   std::uint32_t sum = 0;
   for (std::uint32_t i = 0; i < count; ++i) sum += static_cast<std::uint32_t>(a[i] * b[i]);
   return static_cast<std::int32_t>(sum);
@@ -28,7 +28,7 @@ std::int8_t Quantise(float value) {
 
 // 2^-exponent / channels, rounded once to single precision.
 float Factor(std::uint32_t channels, std::uint32_t exponent) {
-  // Beyond 400 every result has long become zero; the bound keeps the shift an int.
+  // From 400 on every result is zero; the bound lets the shift fit an int.
   const int shift = static_cast<int>(std::min<std::uint32_t>(exponent, 400));
   return std::ldexp(static_cast<float>(1.0 / channels), -shift);
 }

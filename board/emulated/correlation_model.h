@@ -1,5 +1,5 @@
-// What the correlation kernel computes, as plain arithmetic. Written apart from the processor's
-// cost volume, so that the two agreeing means something.
+// What the correlation kernel computes, as plain arithmetic. It shares no code with the processor's
+// cost volume, so that a comparison of the two is meaningful.
 #pragma once
 
 #include <cstdint>

@@ -1,4 +1,4 @@
-// The emulated board's physical memory: 4 GiB of which only what is touched takes space.
+// The emulated board's physical memory: a sparse file of 4 GiB in memory.
 #pragma once
 
 #include <cstddef>
@@ -21,11 +21,11 @@ class PhysicalMemory {
   // Physical addresses are offsets into this file.
   int fd() const { return fd_; }
 
-  // Reserves zeroed bytes within `group`. Returns: their address, or 0 when none are left.
+  // Reserves zeroed bytes within `group`. Returns: their address, or 0 if they do not fit.
   std::uint64_t Allocate(const emulated_board::MemoryGroup& group, std::uint64_t bytes);
   void Free(std::uint64_t address);
 
-  // Accesses of the device. Returns: false, and nothing is copied, when the range is not within one
+  // Accesses by the device. Returns: false, with nothing copied, if the range is not within one
   // allocated buffer.
   [[nodiscard]] bool Read(std::uint64_t address, void* destination, std::size_t bytes) const;
   [[nodiscard]] bool Write(std::uint64_t address, const void* source, std::size_t bytes);

@@ -1,4 +1,4 @@
-// A library built for a real board has no emulated one; every request says so.
+// qxtools/emulated_board.h in a library for a real board: every request is refused.
 #include "qxtools/emulated_board.h"
 
 #include <stdexcept>
@@ -7,7 +7,7 @@ namespace qx::emulated_board {
 namespace {
 
 [[noreturn]] void Refuse() {
-  throw std::logic_error("this qxtools drives a real board; it has no emulated one to control");
+  throw std::logic_error("this qxtools was built for a real board and has no emulated one");
 }
 
 }  // namespace

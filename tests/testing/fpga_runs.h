@@ -12,9 +12,6 @@
 
 namespace qx::utils::image {
 
-constexpr char kContainerPath[] = "/lib/firmware/xilinx/k26brannoc/k26brannoc.xclbin";
-constexpr char kUnitName[] = "Corr:{Corr_1}";
-
 enum class Way { kObject, kOneShot, kOld };
 constexpr Way kWays[] = {Way::kObject, Way::kOneShot, Way::kOld};
 
@@ -42,7 +39,7 @@ class StereoMaps {
   int output_size() const { return static_cast<int>(cost.size()); }
 
   // The whole way: whatever has to be opened is opened and released again.
-  void Run(Way way, const char* unit = kUnitName, const char* container = kContainerPath,
+  void Run(Way way, const char* unit = kDefaultCuName, const char* container = kDefaultXclbinPath,
            int device = 0) {
     if (way == Way::kObject) {
       Kernel_FPGA kernel(device, input_size(), output_size());

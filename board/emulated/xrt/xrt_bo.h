@@ -1,5 +1,5 @@
-// A device buffer of the emulated board: a host copy and a block of emulated physical memory that
-// only sync() makes equal. Every operation reports failure by throwing.
+// A device buffer of the emulated board: a host copy, and a block of emulated physical memory that
+// is updated only by sync(). Every operation reports failure by throwing.
 #pragma once
 
 #include <cstddef>

@@ -12,8 +12,8 @@ class device {
  public:
   explicit device(unsigned int index);
 
-  // Loads a container and programs the logic with it, unless it holds that container already and
-  // a compute unit is open.
+  // Loads a container and programs the logic with it. While a compute unit is open, only the
+  // container that is loaded already can be loaded.
   uuid load_xclbin(const std::string& path);
 
   operator void*() const;  // NOLINT(google-explicit-constructor): the raw handle that buffers take

@@ -14,7 +14,7 @@ class kernel {
  public:
   enum class cu_access_mode : std::uint8_t { exclusive = 0, shared = 1 };
 
-  // `name` is "Kernel:{Instance}". An exclusive handle tolerates no other handle of the unit.
+  // `name` is "Kernel:{Instance}". An exclusive handle must be the only one of its unit.
   kernel(const device& board, const uuid& container, const std::string& name, cu_access_mode mode);
 
   int group_id(int argument) const;

@@ -1,30 +1,23 @@
-#include "board/register_device.h"
+#include "board/board_interface.h"
 
 #include <sys/mman.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
 
 #include "board/emulated/board.h"
-#include "board/volatile_word.h"
+#include "board/emulated/hex.h"
+#include "board/register_access.h"
 
 namespace qx::board {
 namespace {
 
-std::string Describe(std::uint64_t first, std::uint64_t second) {
-  char text[48];
-  std::snprintf(text, sizeof(text), "0x%llx 0x%llx", static_cast<unsigned long long>(first),
-                static_cast<unsigned long long>(second));
-  return text;
-}
-
-// Accesses to the mapped registers are many; they cannot fail, and are described only if asked for.
+// Register accesses are frequent and cannot fail: their details are composed only while recording.
 void NoteAccess(const char* name, const volatile std::uint32_t* reg, std::uint32_t value) {
   CallLog& log = Board::Get().log();
   if (!log.recording()) return;
-  log.Note(name, Describe(reinterpret_cast<std::uintptr_t>(reg) % kPageBytes, value));
+  log.Note(name, Hex(reinterpret_cast<std::uintptr_t>(reg) % kPageBytes) + ' ' + Hex(value));
 }
 
 std::timespec Half(const std::timespec& time) {
@@ -52,7 +45,7 @@ int Open(const char* path, int flags) {
 
 void* Map(std::size_t bytes, int protection, int flags, int fd, off_t physical_addr) {
   const auto address = static_cast<std::uint64_t>(physical_addr);
-  if (Board::Get().log().Fails("mmap", Describe(address, bytes))) {
+  if (Board::Get().log().Fails("mmap", Hex(address) + ' ' + Hex(bytes))) {
     errno = EPERM;
     return MAP_FAILED;
   }

@@ -1,5 +1,5 @@
-// One 32-bit access to a device register: never merged, split, cached or reordered with its
-// neighbours, and ordered with the data that the register announces.
+// One 32-bit access to a device register: never merged, split, cached or reordered with other
+// register accesses, and ordered with the data whose arrival the register signals.
 #pragma once
 
 #include <cstdint>

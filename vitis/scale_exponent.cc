@@ -1,6 +1,4 @@
-#include "vitis/correlation.h"
-
-#include <glog/logging.h>
+#include "vitis/scale_exponent.h"
 
 #include <cmath>
 #include <limits>
@@ -23,24 +21,6 @@ std::int32_t ToSigned(float exponent) {
   if (exponent >= 2147483648.0F) return std::numeric_limits<std::int32_t>::max();
   if (exponent <= -2147483648.0F) return std::numeric_limits<std::int32_t>::min();
   return static_cast<std::int32_t>(exponent);
-}
-
-xrt::uuid LoadContainer(xrt::device& device, const std::string& xclbin_path) {
-  VLOG(1) << "Load the xclbin " << xclbin_path;
-  xrt::uuid container = device.load_xclbin(xclbin_path);
-  VLOG(1) << "Build the kernal " << xclbin_path;
-  return container;
-}
-
-std::shared_ptr<xrt::kernel> OpenKernel(const xrt::device& device, const xrt::uuid& container,
-                                        const std::string& unit, Access access) {
-  return std::make_shared<xrt::kernel>(device, container, unit,
-                                       static_cast<xrt::kernel::cu_access_mode>(access));
-}
-
-double MillisecondsSince(SystemTime start) {
-  const std::chrono::nanoseconds time = std::chrono::system_clock::now() - start;
-  return static_cast<double>(time.count()) / 1e9 * 1000.0;
 }
 
 }  // namespace qx::utils::image::correlation

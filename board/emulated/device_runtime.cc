@@ -1,12 +1,12 @@
-// The device runtime's operations on the emulated board.
+// The device runtime's classes (namespaces xrt and xir), carried out on the emulated board.
 #include <chrono>
-#include <cstdio>
 #include <cstring>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
 #include "board/emulated/board.h"
+#include "board/emulated/hex.h"
 #include "xir/xrt_device_handle.hpp"
 #include "xrt/xrt_bo.h"
 #include "xrt/xrt_device.h"
@@ -15,25 +15,20 @@
 namespace {
 
 using qx::board::Board;
+using qx::board::Hex;
 
 constexpr unsigned kDevices = 1;
 
-// Notes a call of the runtime, and throws when it is to fail.
+// Notes a call of the runtime; throws if a fault was injected for it.
 void Enter(const char* name, const std::string& detail) {
   if (Board::Get().log().Fails(name, detail)) {
     throw std::runtime_error("emulated board: " + std::string(name) + '(' + detail +
-                             ") failed, as it was told to");
+                             ") failed (injected fault)");
   }
 }
 
 void Require(bool condition, const std::string& what) {
   if (!condition) throw std::runtime_error("emulated board: " + what);
-}
-
-std::string Hex(std::uint64_t value) {
-  char text[20];
-  std::snprintf(text, sizeof(text), "0x%llx", static_cast<unsigned long long>(value));
-  return text;
 }
 
 const qx::board::Container::Argument& ArgumentOf(const qx::board::Container& container, int index) {
@@ -42,7 +37,7 @@ const qx::board::Container::Argument& ArgumentOf(const qx::board::Container& con
   return container.arguments[static_cast<std::size_t>(index)];
 }
 
-// Adds the time until the end of its scope to the board's account of transfers.
+// Adds the time spent in its scope to the board's transfer time.
 class TransferTimer {
  public:
   TransferTimer() : start_(std::chrono::steady_clock::now()) {}
@@ -88,7 +83,7 @@ struct kernel::Handle {
   Handle& operator=(const Handle&) = delete;
 
   void RequireRegister(std::uint32_t offset) const {
-    Require(exclusive, "registers through the runtime need an exclusively opened unit");
+    Require(exclusive, "the runtime accesses registers only through an exclusive handle");
     Require(offset % 4 == 0 && offset < qx::board::kRegisterBlockBytes,
             "no register " + Hex(offset));
   }

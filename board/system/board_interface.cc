@@ -1,10 +1,10 @@
-#include "board/register_device.h"
+#include "board/board_interface.h"
 
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
-#include "board/volatile_word.h"
+#include "board/register_access.h"
 
 namespace qx::board {
 

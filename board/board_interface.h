@@ -1,8 +1,8 @@
-// What the correlation code needs of the operating system to reach a compute unit's registers.
+// All that vitis/ needs of the board besides the device runtime's own classes: the register device
+// "/dev/mem", sleeping, single register accesses, and the compute unit's address.
 //
-// Each function has the arguments, result and errno of the call it stands for. In a build for a
-// board they are those calls on "/dev/mem"; in the emulated build they reach the emulated board's
-// physical memory, and the machine's own "/dev/mem" is never opened.
+// Two implementations: system/ makes the calls on a real board; emulated/ makes them on the
+// emulated board's physical memory and never opens the machine's own "/dev/mem".
 #pragma once
 
 #include <sys/types.h>
@@ -14,6 +14,9 @@
 
 namespace qx::board {
 
+constexpr std::size_t kPageBytes = 4096;  // of registers, as they are mapped
+
+// Each has the arguments, result and errno of the call that its comment names.
 int Open(const char* path, int flags);                                                 // open
 void* Map(std::size_t bytes, int protection, int flags, int fd, off_t physical_addr);  // mmap
 int Unmap(void* map, std::size_t bytes);                                               // munmap
