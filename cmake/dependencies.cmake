@@ -1,8 +1,8 @@
-# What the library calls: FFmpeg, glog, OpenMP. One interface target carries them all.
+# The library's dependencies, FFmpeg, glog and OpenMP, as one interface target.
 find_package(PkgConfig REQUIRED)
 find_package(Threads REQUIRED)
 find_package(OpenMP REQUIRED COMPONENTS CXX)
-# The versions of FFmpeg 4.0.
+# FFmpeg 4.0 or later.
 pkg_check_modules(FFMPEG REQUIRED IMPORTED_TARGET
   libavformat>=58.12 libavcodec>=58.18 libavutil>=56.14)
 pkg_check_modules(GLOG REQUIRED IMPORTED_TARGET libglog)

@@ -1,5 +1,5 @@
-# The target `docs`: the reference site from the public headers, README and docs/, in docs/html of
-# the build folder. A warning is an error.
+# The target `docs` builds the reference site from the public headers, README and docs/, into docs/html
+# of the build directory. A warning is an error.
 find_package(Doxygen QUIET)
 if(DOXYGEN_FOUND)
   configure_file(docs/Doxyfile.in ${PROJECT_BINARY_DIR}/Doxyfile @ONLY)

@@ -1,6 +1,6 @@
-# What `cmake --install` puts where, in three components: runtime, development, command.
+# What `cmake --install` installs, in three components: runtime, development, command.
 include(CMakePackageConfigHelpers)
-option(QXTOOLS_DEBIAN "Install as the Debian packages do, for packaging/build-packages.sh" OFF)
+option(QXTOOLS_DEBIAN "Install in the layout of the Debian packages (set by packaging/build-packages.sh)" OFF)
 
 install(TARGETS qxtools EXPORT qxtoolsTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
@@ -19,7 +19,7 @@ install(FILES ${PROJECT_BINARY_DIR}/qxtoolsConfig.cmake
               ${PROJECT_BINARY_DIR}/qxtoolsConfigVersion.cmake
   DESTINATION ${QXTOOLS_CMAKE_DIR} COMPONENT development)
 
-# The pkg-config file finds its prefix from where it lies, however deep the library folder is.
+# The pkg-config file computes its prefix from its own place, however deep the library directory is.
 string(REGEX REPLACE "[^/]+" ".." QXTOOLS_PC_PREFIX "${CMAKE_INSTALL_LIBDIR}/pkgconfig")
 configure_file(cmake/qxtools.pc.in ${PROJECT_BINARY_DIR}/qxtools.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/qxtools.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig
@@ -37,8 +37,8 @@ if(NOT QXTOOLS_BUILD_TOOLS)
   return()
 endif()
 
-# The command finds the library from where it lies itself, so that a prefix can be moved. A package
-# installs both where the system looks.
+# The command finds the library relative to itself, so that a prefix can be moved. The Debian packages
+# install both in the system's directories.
 if(NOT QXTOOLS_DEBIAN AND NOT DEFINED CMAKE_INSTALL_RPATH)
   file(RELATIVE_PATH libraries_from_programs
        ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR})
@@ -54,7 +54,7 @@ set(can_make_pages ${Python3_FOUND})
 if(CMAKE_CROSSCOMPILING OR QXTOOLS_SANITIZE OR QXTOOLS_COVERAGE)
   set(can_make_pages OFF)
 endif()
-option(QXTOOLS_MAN_PAGES "Make man pages from the command's help texts" ${can_make_pages})
+option(QXTOOLS_MAN_PAGES "Create man pages from the command's help texts (needs Python 3)" ${can_make_pages})
 if(QXTOOLS_MAN_PAGES)
   set(QXTOOLS_MAN_DIR ${PROJECT_BINARY_DIR}/man)
   set(make_man ${PROJECT_SOURCE_DIR}/packaging/make_man.py)

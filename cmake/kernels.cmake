@@ -1,21 +1,21 @@
 # qxtools_add_kernel(processor source flags...): adds a kernel's source to the library when it is built
 # for that processor (x86_64 or aarch64), compiled with the instruction set that the flags name.
 #
-# Kernels are optimised in every build type, since their tests compare many shapes, and never fuse
-# a multiplication with an addition: every variant rounds where the definition rounds.
+# Kernels are optimised in every build type, because their tests compare many shapes. They never fuse a
+# multiplication with an addition: every variant rounds where the definition rounds.
 #
-# The compiler uses every extension that a flag allows, so the processor is asked for each: a flag -mX
-# without __builtin_cpu_supports("X") in cpu_features.cc is an error.
+# The compiler uses every extension that a flag allows, so cpu_features.cc must check for each: a flag
+# -mX without __builtin_cpu_supports("X") there is an error.
 function(qxtools_add_kernel processor source)
   if(NOT CMAKE_SYSTEM_PROCESSOR STREQUAL processor)
     return()
   endif()
-  file(READ ${PROJECT_SOURCE_DIR}/qx_utils/image/kernels/cpu_features.cc questions)
+  file(READ ${PROJECT_SOURCE_DIR}/qx_utils/image/kernels/cpu_features.cc checks)
   foreach(flag ${ARGN})
     string(REGEX REPLACE "^-m" "" extension ${flag})
-    string(FIND "${questions}" "__builtin_cpu_supports(\"${extension}\")" found)
+    string(FIND "${checks}" "__builtin_cpu_supports(\"${extension}\")" found)
     if(found EQUAL -1 AND processor STREQUAL x86_64)
-      message(FATAL_ERROR "${source} needs ${extension}: let cpu_features.cc ask the processor for it")
+      message(FATAL_ERROR "${source} needs ${extension}: cpu_features.cc must check for it")
     endif()
   endforeach()
   target_sources(qxtools_objects PRIVATE ${source})

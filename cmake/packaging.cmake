@@ -1,5 +1,5 @@
-# The Debian packages: `cpack` in a build folder configured with QXTOOLS_DEBIAN and the prefix /usr
-# makes libqxtools1, libqxtools-dev and qxtools. packaging/build-packages.sh does all of it.
+# The Debian packages: with QXTOOLS_DEBIAN and the prefix /usr, `cpack` creates libqxtools1,
+# libqxtools-dev and qxtools. packaging/build-packages.sh does all of it.
 if(NOT QXTOOLS_DEBIAN)
   return()
 endif()
@@ -35,18 +35,18 @@ set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS
   "libqxtools${PROJECT_VERSION_MAJOR} (= ${PROJECT_VERSION})")
 set(CPACK_COMPONENT_DEVELOPMENT_DESCRIPTION
 "camera-based vision for robots - development files
-Headers, the link for the linker, and the files by which CMake and pkg-config
-find the library.")
+Headers, the linker's symbolic link, and the files with which CMake and
+pkg-config find the library.")
 
 set(CPACK_DEBIAN_COMMAND_PACKAGE_NAME qxtools)
 set(CPACK_DEBIAN_COMMAND_PACKAGE_SECTION video)
-# The libraries of other packages are found by themselves; the one of this build is not.
+# Dependencies on other packages are found automatically; the one on our own library is not.
 set(CPACK_DEBIAN_COMMAND_PACKAGE_DEPENDS
   "libqxtools${PROJECT_VERSION_MAJOR} (= ${PROJECT_VERSION})")
 set(CPACK_COMPONENT_COMMAND_DESCRIPTION
 "camera-based vision for robots - command-line tool
-Probes and decodes camera streams and turns a stereo pair of them into
-disparity pictures.")
+Probes and decodes camera streams, and computes disparity maps from stereo
+pairs.")
 
 foreach(package libqxtools${PROJECT_VERSION_MAJOR}:runtime libqxtools-dev:development qxtools:command)
   string(REPLACE ":" ";" pair ${package})

@@ -1,12 +1,12 @@
-# Cross build for 64-bit Arm Linux with clang and lld against the Debian root that
-# scripts/setup-aarch64.sh unpacks; programs run under user-mode emulation as the board's processor.
+# Cross build for 64-bit Arm Linux with clang and lld, against the Debian root that
+# scripts/setup-aarch64.sh unpacks. Programs run under user-mode emulation of the board's processor.
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR aarch64)
 
-# With a base folder ccache makes paths relative, and CMake mistakes the compiler's include folders.
+# With a base directory ccache makes paths relative, and CMake misreads the compiler's include paths.
 unset(ENV{CCACHE_BASEDIR})
 
-# Try-compile projects read this file too and learn the root from the environment.
+# Try-compile projects read this file, too, and get the root from the environment.
 if(NOT QXTOOLS_AARCH64_ROOT)
   set(QXTOOLS_AARCH64_ROOT "$ENV{QXTOOLS_AARCH64_ROOT}")
 endif()
@@ -16,8 +16,8 @@ endif()
 set(ENV{QXTOOLS_AARCH64_ROOT} "${QXTOOLS_AARCH64_ROOT}")
 set(CMAKE_SYSROOT "${QXTOOLS_AARCH64_ROOT}")
 
-# QXTOOLS_AARCH64_COMPILER=gcc takes Debian's cross compiler, which fits the bookworm root alone: its
-# address sanitizer runs under emulation.
+# QXTOOLS_AARCH64_COMPILER=gcc selects Debian's cross compiler, whose address sanitizer runs under
+# emulation. It fits only the bookworm root.
 foreach(language C CXX ASM)
   set(CMAKE_${language}_COMPILER_TARGET aarch64-linux-gnu)
   set(CMAKE_${language}_FLAGS_INIT "-mcpu=cortex-a53")
@@ -45,7 +45,7 @@ set(ENV{PKG_CONFIG_SYSROOT_DIR} "${QXTOOLS_AARCH64_ROOT}")
 set(ENV{PKG_CONFIG_LIBDIR}
   "${QXTOOLS_AARCH64_ROOT}/usr/lib/aarch64-linux-gnu/pkgconfig:${QXTOOLS_AARCH64_ROOT}/usr/share/pkgconfig")
 
-# The root's own include folders come after the standard library's; named again they would not.
+# The root's own include directories come after the standard library's; if named again, they would not.
 set(ENV{PKG_CONFIG_SYSTEM_INCLUDE_PATH}
   "/usr/include:/usr/include/aarch64-linux-gnu:${QXTOOLS_AARCH64_ROOT}/usr/include:${QXTOOLS_AARCH64_ROOT}/usr/include/aarch64-linux-gnu")
 

@@ -1,5 +1,5 @@
-# Warnings, sanitizers and coverage counters for our own code. Link qxtools_warnings to every target
-# of ours.
+# Warnings, sanitizers and coverage counters for our own code. Link qxtools_warnings to each of our
+# targets.
 add_library(qxtools_warnings INTERFACE)
 target_compile_options(qxtools_warnings INTERFACE -Wall -Wextra -Wpedantic -Wconversion)
 if(QXTOOLS_WERROR)

@@ -72,7 +72,7 @@ FNR == 1 && /^\/\/ / {
 }
 /^ *\/\/( |$)/ {
   margin = substr($0, 1, indent_of($0))
-  if (trailing == length(margin) && trailing > 0) {  # goes on with the comment after a member
+  if (trailing == length(margin) && trailing > 0) {  # continues the comment after a member
     sub(/\/\/ /, "///< ")
     print
     next

@@ -1,13 +1,12 @@
 #!/usr/bin/env bash
-# Puts the Debian packages into a repository of their own, in a bare Debian 12 root below build/, and
-# installs each by its name, so that it gets what it depends on and nothing else. With libqxtools-dev
-# the examples are built and run: no sources of ours, no headers of FFmpeg, glog or OpenMP.
-# Needs root, to unpack and enter that root.
+# Puts the Debian packages into a repository in a bare Debian 12 root below build/, and installs each
+# one by name, with only its dependencies. With libqxtools-dev, builds and runs the examples without
+# our sources and without headers of FFmpeg, glog or OpenMP. Must run as root, to enter that root.
 #
 # usage: test-packages.sh      (after build-packages.sh)
 . "$(dirname "${BASH_SOURCE[0]}")/../scripts/common.sh"
 
-[ "$(id -u)" -eq 0 ] || die "needs root, to unpack a Debian 12 root and to run in it"
+[ "$(id -u)" -eq 0 ] || die "must run as root to unpack a Debian 12 root and run in it"
 packages=(build/packages/*.deb)
 [ -e "${packages[0]}" ] || die "no packages in build/packages; run: packaging/build-packages.sh"
 scripts/install-packages.sh package roots
@@ -15,7 +14,7 @@ samples/make-clips.sh
 
 root=$project/build/roots/packages
 say "Unpacking a bare Debian 12 root"
-unpack_root "$root" bookworm --variant=minbase || die "Debian 12 could not be unpacked"
+unpack_root "$root" bookworm --variant=minbase || die "cannot unpack Debian 12"
 mkdir "$root/packages"
 cp "${packages[@]}" "$root/packages/"
 (cd "$root/packages" && dpkg-scanpackages --multiversion . >Packages 2>/dev/null)
@@ -34,7 +33,7 @@ inside() {
 install_packages() {
   inside "apt-get install -y -q --no-install-recommends $* >install.log 2>&1 || { tail -n 20 install.log; exit 1; }"
 }
-# Nothing that one package brought may help the next.
+# The next package must not find anything that this one installed.
 remove_packages() {
   inside "apt-get purge -y -q --autoremove $* >remove.log 2>&1 || { tail -n 20 remove.log; exit 1; }
     ! dpkg -l 2>/dev/null | grep qxtools"
@@ -46,7 +45,7 @@ install_packages libqxtools1
 inside 'ldconfig -p | grep libqxtools'
 remove_packages libqxtools1
 
-# The command once came without the library that it is linked to.
+# The package of the command once lacked the dependency on the library.
 say "qxtools by its name"
 install_packages qxtools
 inside 'qxtools --version; qxtools doctor; qxtools probe left.mp4'
@@ -56,7 +55,7 @@ say "libqxtools-dev by its name, and the examples"
 install_packages libqxtools-dev g++ cmake make pkg-config
 inside '
   for header in libavformat/avformat.h glog/logging.h; do
-    ! find /usr/include -path "*/$header" | grep . || { echo "$header is here: proves nothing"; exit 1; }
+    ! find /usr/include -path "*/$header" | grep . || { echo "$header is installed, so this test would prove nothing"; exit 1; }
   done
   examples=/usr/share/doc/libqxtools-dev/examples
   cmake -S "$examples" -B build -DCMAKE_CXX_FLAGS="-Wall -Wextra -Werror" -DQXTOOLS_EXAMPLE_INPUT=/root/left.mp4 >/dev/null

@@ -8,7 +8,7 @@
 #   left.mp4 left.mkv left.ts    the same packets in containers; right.mp4 is the other eye
 #   ground-truth.png         disparities of the left clip's first picture; grey = 2 x disparity, 0 unknown
 #   aloe-left.pgm aloe-right.pgm aloe-disparity-left.pgm   the samples in grey
-#   short_start_codes.h264   left.h264 with its first parameter set behind a start code of 3 bytes
+#   short_start_codes.h264   left.h264 with a start code of 3 bytes before its first parameter set
 #   bframes.h264 .mp4 .mkv .ts   Main, reordered pictures in a pyramid, so pictures are held back at the end
 #   baseline.h264            Constrained Baseline
 #   interlaced.h264          field coding; 240 lines are padded to 256 and cropped
@@ -27,7 +27,7 @@
 #   mjpeg.mkv mpeg4.mp4      video, but no H.264 or H.265
 #   audio.m4a                no video at all
 #
-# Does nothing when the folder is up to date. May be run by several processes at once.
+# Does nothing if the directory is up to date. Several processes may run it at the same time.
 set -eu
 root=$(cd "$(dirname "$0")/.." && pwd)
 out=${1:-$root/build/clips}
@@ -47,7 +47,7 @@ mkdir "$work"
 cd "$work"
 
 ff() { ffmpeg -nostdin -v error -y "$@"; }
-# FFmpeg tells stream copies of raw H.264 to set timestamps; they are in order here.
+# FFmpeg asks for timestamps when it copies raw H.264; the pictures are in order here.
 copy() { ff -fflags +genpts "$@"; }
 
 window='crop=320:240:40+8*n:24+6*n'
@@ -110,7 +110,7 @@ ff -i small.mp4 -i left.mp4 -map 0:v -map 1:v -c copy two_videos.mp4
 ff -i mpeg4.mp4 -i left.mp4 -map 0:v -map 1:v -c copy other_codec_first.mkv
 rm ./*.nut small.mp4 small.h264 large.h264
 
-# Every clip appears whole; the stamp comes last, so a set that was cut short is made again.
+# Clips appear only when complete. The stamp comes last, so an incomplete set is made again.
 rm -f "$out/.stamp.txt"
 mv ./* "$out"
 printf '%s\n' "$stamp" > "$out/.stamp.txt"

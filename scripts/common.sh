@@ -1,4 +1,4 @@
-# Sourced by the other scripts: where the project is, and how they speak.
+# Sourced by the other scripts: the project's directory and shared functions.
 set -euo pipefail
 
 project=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
@@ -25,8 +25,8 @@ configure_and_build() {
   fi
 }
 
-# unpack_root FOLDER SUITE MMDEBSTRAP-OPTION...: makes a Debian root; the log lies beside it.
-# Returns: 77 when the mirror no longer serves the suite, with the reason on standard output.
+# unpack_root DIRECTORY SUITE MMDEBSTRAP-OPTION...: creates a Debian root, and DIRECTORY.log.
+# Returns: 77 if the mirror no longer serves the suite, with the reason on standard output.
 unpack_root() {
   local root=$1 suite=$2 log=$1.log
   shift 2
@@ -34,14 +34,14 @@ unpack_root() {
   mkdir -p "$(dirname "$root")"
   mmdebstrap --mode=root "$@" "$suite" "$root" "deb $(debian_mirror) $suite main" >"$log" 2>&1 && return
   grep '^E:' "$log" | cut -c1-300
-  grep -qE '^E: (The repository|Failed to fetch)' "$log" || die "$suite could not be unpacked; $log tells why"
+  grep -qE '^E: (The repository|Failed to fetch)' "$log" || die "cannot unpack $suite; see $log"
   return 77
 }
 
-# Debian 11 has no CLI11; it is headers alone, so this system's package serves in any root.
+# Debian 11 has no CLI11. It consists of headers only, so this system's package works in any root.
 unpack_cli11() {
   (cd "$1/.." && rm -f libcli11-dev_*.deb && apt-get download -q libcli11-dev >/dev/null &&
-    dpkg-deb -x libcli11-dev_*.deb "$1") || die "libcli11-dev could not be fetched"
+    dpkg-deb -x libcli11-dev_*.deb "$1") || die "cannot download libcli11-dev"
 }
 
 # The address of the package mirror that this machine uses.

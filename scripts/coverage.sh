@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# Runs all tests in a build that counts what they reach, and prints per file and in all how many
-# lines of the library they cover, and how many branches of the parsers. Fails below the limits.
-# Kernels of instruction sets that this processor does not have are left out.
+# Runs all tests in a build with counters, and prints how many lines of the library and branches of the
+# parsers they cover, per file and in total. Fails below the limits in coverage_report.py. Leaves out
+# kernels of instruction sets that this processor does not have.
 #
 # usage: coverage.sh [FILE...]
 #   FILE   also lists this file's lines that no test reaches
@@ -17,10 +17,10 @@ ctest --test-dir "$build" --output-on-failure -j "$(nproc)" >"$build/tests.log" 
   { grep -vE ' Start |Passed ' "$build/tests.log" && die "tests failed in $build"; }
 grep -E 'tests passed|Total Test time' "$build/tests.log"
 "llvm-profdata-$llvm" merge -sparse "$build"/profiles/*.profraw -o "$build/tests.profdata" ||
-  die "no profiles were written"
+  die "the tests wrote no profiles"
 
-# The shared library holds every function of the library, and counts from the tests' static twin are
-# added to its own: both are made of the same objects.
+# The shared library contains every function. Counts from the tests' static library are added to its
+# own, since both consist of the same objects.
 ignored=()
 while IFS=: read -r isa state; do
   [[ $state == *supported* ]] || ignored+=("-ignore-filename-regex=_$isa\.cc$")

@@ -16,7 +16,7 @@ samples/make-clips.sh build/clips
 rm -rf "$out"
 "$qxtools" stereo build/clips/left.h264 build/clips/right.h264 -o "$out/clip" --disparities 112
 
-say "A still pair, held against its ground truth"
+say "A still pair, compared with its ground truth"
 "$qxtools" stereo samples/aloe/left.jpg samples/aloe/right.jpg -o "$out/still" --disparities 112 \
   --ground-truth samples/aloe/disparity-left.png --gt-scale 2
 

@@ -21,7 +21,7 @@ fuzz() {
   if ! "build/asan-ubsan/fuzz/$target" -max_total_time="$seconds" -print_final_stats=1 -verbosity=1 \
     -artifact_prefix="build/fuzz-corpus/$target-" "$kept" "fuzz/corpus/$target" >"$log" 2>&1; then
     tail -n 30 "$log"
-    printf '%-28s FOUND A FAULT; the input lies in build/fuzz-corpus/%s-*\n' "$target" "$target"
+    printf '%-28s FOUND A FAULT; the input is in build/fuzz-corpus/%s-*\n' "$target" "$target"
     return 1
   fi
   stat() { sed -n "s/^stat::$1: *//p" "$log"; }
@@ -31,4 +31,4 @@ fuzz() {
 }
 export -f fuzz
 export seconds
-printf '%s\0' "${targets[@]}" | xargs -0 -P "$(nproc)" -I{} bash -c 'fuzz {}' || die "a fault was found"
+printf '%s\0' "${targets[@]}" | xargs -0 -P "$(nproc)" -I{} bash -c 'fuzz {}' || die "a target found a fault"

@@ -1,14 +1,14 @@
 #!/usr/bin/env bash
-# Installs the packages that the project needs and that are missing.
+# Installs the packages that the project needs, if they are missing.
 #
 # usage: install-packages.sh [demo|test|faults|cameras|bench|package|roots]...
-#   demo     what building and running the command takes (the default)
-#   test     demo, and what scripts/test.sh takes
-#   faults   demo, and what scripts/test-faults.sh takes beyond test
-#   cameras  demo, and what scripts/test-cameras.sh takes beyond test
-#   bench    demo, and the rivals that the benchmarks measure against
-#   package  demo, and what packaging/build-packages.sh takes
-#   roots    demo, and what the scripts take that test for boards
+#   demo     for building and running the command (always included)
+#   test     for scripts/test.sh
+#   faults   for scripts/test-faults.sh, in addition to test
+#   cameras  for scripts/test-cameras.sh, in addition to test
+#   bench    the libraries that the benchmarks compare with
+#   package  for packaging/build-packages.sh
+#   roots    for the scripts that test for boards
 # Written for Debian and Ubuntu; needs root or sudo only when something is missing.
 . "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 
@@ -26,7 +26,7 @@ test_packages=(
 )
 faults_packages=(valgrind)
 cameras_packages=(vlc-bin vlc-plugin-base)
-command -v npm >/dev/null || cameras_packages+=(npm) # other packages of it conflict with Debian's
+command -v npm >/dev/null || cameras_packages+=(npm) # other sources' packages conflict with Debian's
 bench_packages=(libyuv-dev libdnnl-dev libopencv-dev)
 package_packages=(dpkg-dev lintian file)
 roots_packages=(mmdebstrap qemu-user "lld-$llvm" "clang-$llvm" g++-aarch64-linux-gnu)
@@ -64,5 +64,5 @@ if ! { "${as_root[@]}" apt-get update -q &&
   "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -y -q --no-install-recommends \
     "${missing[@]}"; } >"$log" 2>&1; then
   tail -n 20 "$log" >&2
-  die "the packages could not be installed; the last lines of the package manager stand above"
+  die "cannot install the packages; the package manager's last lines are above"
 fi

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Checks format and lint of every C++ file; a file that passed is not checked again until it, a
-# header or the rules change.
+# Checks format and lint of every C++ file; a file that passed is checked again only when it,
+# a header or the rules have changed.
 #
 # usage: lint.sh      (build/dev must be configured: its compile commands are used)
 . "$(dirname "${BASH_SOURCE[0]}")/common.sh"
@@ -35,6 +35,6 @@ check() {
 export -f check
 if [ ${#pending[@]} -gt 0 ]; then
   printf '%s\0' "${pending[@]}" | xargs -0 -P "$(nproc)" -I{} bash -c 'check {}' ||
-    die "lint: the findings stand above"
+    die "lint: see the findings above"
 fi
 echo "format and lint: ${#files[@]} files clean (${#pending[@]} checked by clang-tidy now)"

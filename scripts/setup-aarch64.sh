@@ -1,10 +1,10 @@
 #!/usr/bin/env bash
-# Unpacks the root folder that the preset `aarch64` builds against: 64-bit Arm libraries and headers
-# of everything that the library, the command and their tests need. Does nothing when it is there.
+# Unpacks the root directory that the preset `aarch64` builds against: 64-bit Arm libraries and headers
+# of everything that the library, the command and their tests need. Does nothing if it already exists.
 #
-# usage: setup-aarch64.sh [SUITE [FOLDER]]
-#   SUITE    bookworm (FFmpeg 5.1, the default) or bullseye (FFmpeg 4.3, the boards' generation)
-#   FOLDER   absolute; build/roots/aarch64 unless given
+# usage: setup-aarch64.sh [SUITE [DIRECTORY]]
+#   SUITE       bookworm (FFmpeg 5.1, the default) or bullseye (FFmpeg 4.3, the boards' generation)
+#   DIRECTORY   absolute; build/roots/aarch64 unless given
 # Exit status 77: the mirror no longer serves the suite.
 . "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 
@@ -15,7 +15,7 @@ packages+=,libgtest-dev,libgmock-dev,nlohmann-json3-dev,libpng-dev,libc6-dev,lib
 case $suite in
   bookworm) packages+=,libcli11-dev,libstdc++-12-dev,libomp-$llvm-dev ;;
   bullseye) packages+=,libstdc++-10-dev,libomp-11-dev ;;
-  *) die "unknown suite '$suite'; usage: setup-aarch64.sh [bookworm|bullseye [FOLDER]]" ;;
+  *) die "unknown suite '$suite'; usage: setup-aarch64.sh [bookworm|bullseye [DIRECTORY]]" ;;
 esac
 [ "$(cat "$root/.complete" 2>/dev/null || true)" != "$suite" ] || exit 0
 scripts/install-packages.sh roots
@@ -24,7 +24,7 @@ say "Unpacking $suite for arm64 into $root"
 status=0
 unpack_root "$root" "$suite" --variant=extract --arch=arm64 --include="$packages" || status=$?
 if [ "$status" -eq 77 ]; then
-  echo "$suite is no longer served for arm64; the reason stands above"
+  echo "the mirror no longer serves $suite for arm64 (see above)"
   exit 77
 fi
 [ "$suite" != bullseye ] || unpack_cli11 "$root"

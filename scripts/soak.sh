@@ -1,20 +1,20 @@
 #!/usr/bin/env bash
 # Runs bench/soak.cc against the test clips and RTSP peers of the loopback interface: a camera that
-# plays, and some that close, fall silent, trickle or send garbage. Every minute a line with what
-# the process holds; fails when something grows after the warm-up. Ctrl-C ends it early.
+# plays, and some that close, fall silent, trickle or send garbage. Prints every minute what the process
+# holds, and fails if something grows after the warm-up. Ctrl-C ends it early.
 #
 # usage: soak.sh [MINUTES]      (30)
 . "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 
 minutes=${1:-30}
-[[ $minutes =~ ^[1-9][0-9]*$ ]] || die "'$minutes' is no number of minutes; usage: soak.sh [MINUTES]"
+[[ $minutes =~ ^[1-9][0-9]*$ ]] || die "'$minutes' is not a valid number of minutes; usage: soak.sh [MINUTES]"
 scripts/install-packages.sh test
 configure_and_build dev soak
 samples/make-clips.sh build/clips
 
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
-# The peers end when nothing holds the other end of their standard input any more.
+# The peers end when the other end of their standard input is closed.
 mkfifo "$work/alive"
 exec 9<>"$work/alive"
 peers=('rtsp_camera.py build/clips/left.h264' 'rtsp_faults.py describe close' 'rtsp_faults.py play close'
@@ -32,10 +32,10 @@ for i in "${!peers[@]}"; do
   if [ -s "$work/port$i" ]; then
     urls+=("rtsp://127.0.0.1:$(<"$work/port$i")/cam")
   else
-    echo "SKIPPED: the peer '${peers[i]}' does not start"
+    echo "SKIPPED: the peer '${peers[i]}' did not start"
   fi
 done
 build/dev/bench/soak "$minutes" build/clips "${urls[@]}" 9>&- &
 soak=$!
-trap 'kill -TERM $soak' INT TERM  # it ends by itself then, and reports
-wait $soak || wait $soak          # the first is cut short by the signal
+trap 'kill -TERM $soak' INT TERM  # it then stops and reports
+wait $soak || wait $soak          # the signal interrupts the first one

@@ -2,11 +2,11 @@
 # Builds for 64-bit Arm and runs the tests under user-mode emulation: as the board's processor
 # (Cortex-A53, no dot product) and as one that has dot products; the NEON kernels once more under
 # the address and undefined-behaviour sanitizers; and a build against FFmpeg 4, whose binaries must
-# start on the boards' C library. docs/boards.md tells what this shows and what it cannot show.
+# start on the boards' C library. docs/boards.md says what this shows and what it cannot show.
 #
 # usage: test-aarch64.sh [--fast]
-#   --fast   frames, copies, parsers and kernels as the board's processor, the kernels as the other
-#            one, too; nothing else
+#   --fast   only frames, copies, parsers and kernels on the board's processor, and the kernels on the
+#            other one
 . "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 
 fast=
@@ -33,7 +33,7 @@ needs_only_old_glibc() {
   local file needed newest
   for file in "$@"; do
     needed=$("llvm-readelf-$llvm" --version-info "$file" | grep -oE 'GLIBC_[0-9.]+' | sort -uV)
-    [ -n "$needed" ] || die "$file needs no versioned symbol of the C library: is it a program?"
+    [ -n "$needed" ] || die "$file uses no versioned symbol of the C library: is it a program?"
     newest=$(printf '%s\n' "$needed" "GLIBC_$newest_glibc" | sort -V | tail -n 1)
     [ "$newest" = "GLIBC_$newest_glibc" ] || die "$file needs $newest; the boards have $newest_glibc"
     echo "$(basename "$file"): nothing newer than $(tail -n 1 <<<"$needed")"
@@ -44,10 +44,10 @@ scripts/install-packages.sh test roots
 status=0
 scripts/setup-aarch64.sh || status=$?
 if [ $status -eq 77 ]; then
-  echo "SKIPPED: without that root nothing can be built"
+  echo "SKIPPED: nothing can be built without that root"
   exit 0
 fi
-[ $status -eq 0 ] || die "the root could not be made"
+[ $status -eq 0 ] || die "cannot create the root"
 if [ -n "$fast" ]; then
   programs=(argb_test bit_reader_test cost_volume_kernels_test image_copy_test image_frame_test
     memory_buffer_test parameter_parser_test start_code_test)
@@ -87,10 +87,10 @@ root=$project/build/roots/aarch64-bullseye
 status=0
 scripts/setup-aarch64.sh bullseye "$root" || status=$?
 if [ $status -eq 77 ]; then
-  echo "SKIPPED: without that root there is no such build"
+  echo "SKIPPED: this build needs that root"
   exit 0
 fi
-[ $status -eq 0 ] || die "the FFmpeg 4 root could not be made"
+[ $status -eq 0 ] || die "cannot create the FFmpeg 4 root"
 folder=build/aarch64-ffmpeg4
 cmake --preset aarch64 -B $folder -DQXTOOLS_AARCH64_ROOT="$root" >/dev/null
 cmake --build $folder

@@ -4,9 +4,9 @@
 # rtsp-streaming-server (installed below build/cameras), VLC, and the project's own at a chosen pace:
 # pauses, slow links, limits, cancels, servers that are killed and started again. About two minutes.
 #
-# usage: test-cameras.sh [WORD...]              the cases whose line holds all the words; all if none
-#        test-cameras.sh --endure MINUTES       two cameras, killed every five minutes, and what the
-#                                               process holds every minute
+# usage: test-cameras.sh [WORD...]              only cases whose line contains all the words
+#        test-cameras.sh --endure MINUTES       two cameras, killed every five minutes; prints what
+#                                               the process holds every minute
 #        test-cameras.sh --gate READER CLIPS    the part that is a test: nothing is installed or built
 . "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 
@@ -24,7 +24,7 @@ configure_and_build dev camera_reader
 clips=build/clips reader=build/dev/bench/cameras/camera_reader
 samples/make-clips.sh "$clips"
 if [ "${1-}" = --endure ]; then
-  [[ ${2-} =~ ^[1-9][0-9]*$ ]] || die "--endure needs a number of minutes"
+  [[ ${2-} =~ ^[1-9][0-9]*$ ]] || die "--endure needs a positive number of minutes"
   run --endure "$2"
   exit
 fi
@@ -32,6 +32,6 @@ node_package=rtsp-streaming-server
 if [ ! -d "build/cameras/npm/node_modules/$node_package" ]; then
   mkdir -p build/cameras/npm
   npm install --prefix build/cameras/npm --no-audit --no-fund "$node_package@2.1.0" >build/cameras/npm.log 2>&1 ||
-    echo "SKIPPED: $node_package is not installed; build/cameras/npm.log tells why"
+    echo "SKIPPED: $node_package is not installed; build/cameras/npm.log says why"
 fi
 run --only "$*"

@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
-# The fault tests at length, which takes about half an hour. Under the address and under the thread
+# Runs the fault tests at length, in about half an hour. Under the address and under the thread
 # sanitizer: every truncation of a short clip per container, and 1, 8 and 64 flipped bits of it,
-# from the demuxer to the last sample; 10,000 decoders that die in five ways; the table of RTSP
-# faults three times over. Under valgrind: the tests of the demuxer, the filter and the decoder.
+# from the demuxer to the last sample; 10,000 decoders destroyed in five ways; the table of
+# RTSP faults three times. Under valgrind: the tests of the demuxer, the filter and the decoder.
 #
 # usage: test-faults.sh
 . "$(dirname "${BASH_SOURCE[0]}")/common.sh"
@@ -14,7 +14,7 @@ build() {
   configure_and_build "$@" >build/faults/build.log || die "the build failed; see build/faults/build.log"
 }
 
-# run NAME MINUTES COMMAND...: the log lies in build/faults/; what hangs counts as failed.
+# run NAME MINUTES COMMAND...: writes a log into build/faults/. A command that hangs has failed.
 run() {
   local name=$1 minutes=$2 log=build/faults/$1.log begin=$SECONDS
   shift 2

@@ -1,11 +1,11 @@
 #!/usr/bin/env bash
-# Builds and tests against the FFmpeg 4 generation (libavformat 58, GCC 10, CMake 3.18), the one of
-# the boards, in a Debian 11 root below build/. Needs root: it mounts the sources into that root.
+# Builds and tests against the FFmpeg 4 generation (libavformat 58, GCC 10, CMake 3.18) that
+# the boards have, in a Debian 11 root below build/. Must run as root to mount the sources there.
 #
 # usage: test-ffmpeg4.sh [CTEST ARGUMENT...]
 . "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 
-[ "$(id -u)" -eq 0 ] || die "needs root, to unpack a Debian 11 root and to mount the sources into it"
+[ "$(id -u)" -eq 0 ] || die "must run as root to unpack a Debian 11 root and mount the sources into it"
 scripts/install-packages.sh roots
 
 root=$project/build/roots/debian11
@@ -18,7 +18,7 @@ if [ ! -f "$root/.complete" ]; then
   status=0
   unpack_root "$root" bullseye --variant=minbase --include="$packages" || status=$?
   if [ "$status" -eq 77 ]; then
-    echo "SKIPPED: Debian 11 is no longer served; the reason stands above"
+    echo "SKIPPED: the mirror no longer serves Debian 11 (see above)"
     exit 0
   fi
   unpack_cli11 "$root"
@@ -38,7 +38,7 @@ mount_below /proc /proc
 mount_below /dev /dev
 
 say "Build and test against FFmpeg 4"
-# Nothing in this system's environment holds in there.
+# This system's environment does not apply in there.
 env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/root chroot "$root" /bin/bash -euc '
   cd /src
   cmake -S . -B build/ffmpeg4 -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DQXTOOLS_WERROR=ON \

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# Installs what is missing, builds, checks format and lint, and runs all tests: as they are, under
-# the address and undefined-behaviour sanitizers and under the thread sanitizer; what has vector code
-# once more without it; and the kernels as 64-bit Arm programs under emulation.
+# Installs what is missing, builds, checks format and lint, and runs all tests: plain, under the
+# address and undefined-behaviour sanitizers, and under the thread sanitizer. Runs the tests of vector
+# code again without it, and the kernels as 64-bit Arm programs under emulation.
 #
 # usage: test.sh [--quick]
 #   --quick   one build without sanitizers, and its tests
@@ -23,7 +23,7 @@ run_tests() {
   grep -E 'tests passed|Total Test time|Skipped' "$log"
 }
 
-# run_all_tests PRESET: as the processor can, then the tests of what has vector code without it.
+# run_all_tests PRESET: with the best instruction sets, then the tests of vector code without it.
 run_all_tests() {
   run_tests "$1" tests
   echo "without vector code:"

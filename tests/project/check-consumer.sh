@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
-# Installs a build into a folder of its own, moves the folder and uses it as somebody else would: runs
-# the command, compiles each public header alone, and builds a program through CMake and through
-# pkg-config, and the examples. The same program takes the sources in as a subproject, without the
-# libraries that only the command and the tests need.
+# Installs a build into a directory, moves the directory and uses it as an application would: runs the
+# command, compiles each public header separately, and builds the examples, and a program with CMake and
+# with pkg-config. The program is then built with the sources as a subproject, without the libraries that
+# only the command and the tests need.
 #
 # usage: check-consumer.sh BUILD_DIR
 . "$(dirname "${BASH_SOURCE[0]}")/../../scripts/common.sh"
@@ -13,18 +13,18 @@ rm -rf "$stage" "$stage.before"
 cmake --install "$build" --prefix "$stage.before" >/dev/null
 mv "$stage.before" "$stage"
 
-# The installed command once found its library in the system's folders alone.
+# The installed command once found its library only in the system's directories.
 env -u LD_LIBRARY_PATH "$stage/bin/qxtools" --version || die "the installed command does not start"
 if find "$stage" -path '*lintian*' -o -name copyright | grep .; then
-  die "the files above belong into a Debian package"
+  die "the files above belong in a Debian package"
 fi
 
-# Each page once was about "qxtools", and said nothing of its exit status.
+# Each page was once titled "qxtools", and did not mention the exit status.
 check_page() {
   local page=$1 name text section
   name=$(basename "$page" .1.gz)
   text=$(zcat "$page")
-  grep -qF ".TH ${name^^} 1 " <<<"${text//\\-/-}" || die "$page has another title"
+  grep -qF ".TH ${name^^} 1 " <<<"${text//\\-/-}" || die "$page has the wrong title"
   for section in NAME SYNOPSIS DESCRIPTION OPTIONS 'EXIT STATUS' 'SEE ALSO'; do
     grep -qxF ".SH $section" <<<"$text" || die "$page has no section $section"
   done
@@ -39,12 +39,12 @@ check_header() {
     for standard in 17 20; do
       echo "#include <$header>" | "$compiler" -std=c++$standard -Wall -Wextra -Wpedantic -Werror \
         -I"$stage/include" -fsyntax-only -x c++ - ||
-        die "$header does not compile alone with $compiler in C++$standard"
+        die "$header does not compile on its own with $compiler in C++$standard"
     done
   done
   if echo "#include <$header>" | g++ -std=c++17 -I"$stage/include" -E -x c++ - |
     grep -E '^# [0-9]+ ".*/(libav[a-z]+|glog|omp|[a-z]+intrin)[/.]'; then
-    die "$header pulls in what a consumer need not have"
+    die "$header includes a header that applications may not have"
   fi
 }
 count=0
@@ -68,7 +68,7 @@ export PKG_CONFIG_PATH=$(dirname "$(find "$stage" -name qxtools.pc)")
 g++ -std=c++17 tests/project/consumer/main.cc $(pkg-config --cflags --libs qxtools) -o "$build/consumer/by-pkg-config"
 LD_LIBRARY_PATH=$(pkg-config --variable=libdir qxtools) "$build/consumer/by-pkg-config"
 
-# Without an input the examples' tests that read one stay away.
+# Without an input, the examples' tests that read one are not registered.
 examples=$build/consumer/examples
 cmake -S "$stage/share/doc/qxtools/examples" -B "$examples" -G Ninja -DCMAKE_PREFIX_PATH="$stage" >/dev/null
 cmake --build "$examples" >/dev/null
@@ -77,4 +77,4 @@ cmake --build "$examples" >/dev/null
 absent=()
 for package in CLI11 nlohmann_json PNG GTest; do absent+=("-DCMAKE_DISABLE_FIND_PACKAGE_$package=ON"); done
 build_consumer "$build/subproject" -DQXTOOLS_SOURCES="$project" "${absent[@]}"
-echo "consumer: the command, $count headers alone, and the library through CMake, pkg-config and as a subproject"
+echo "consumer: the command, $count headers on their own, and the library with CMake, pkg-config and as a subproject"
