@@ -23,6 +23,7 @@
 #include <thread>
 #include <vector>
 
+#include "bench/stereo_limit.h"
 #include "bench/stereo_opencv.h"
 #include "bench/stereo_scenes.h"
 #include "qxtools/instruction_sets.h"
@@ -159,6 +160,16 @@ void PrintTable(const Scene& scene, int threads, const std::string& isa,
   }
 }
 
+void PrintLimit(const AggregationSpeed& speed) {
+  std::printf("  aggregation and selection alone: %.2f ms, %.2f G values/s", speed.seconds * 1e3,
+              speed.values * 1e-9);
+  if (speed.bound > 0) {
+    std::printf(", %.0f %% of the bound that docs/stereo.md derives",
+                100 * speed.values / speed.bound);
+  }
+  std::printf("\n");
+}
+
 void Measure(const Scene& scene, int threads, int rounds, const std::string& isa) {
   omp_set_num_threads(threads);
   SetOpenCvThreads(threads);
@@ -168,6 +179,7 @@ void Measure(const Scene& scene, int threads, int rounds, const std::string& isa
   }
   RunRounds(contenders, rounds);
   PrintTable(scene, threads, isa, contenders);
+  PrintLimit(MeasureAggregation(scene, rounds));
 }
 
 // Runs this program with one instruction set, which is chosen once for a process. Returns whether
@@ -202,6 +214,7 @@ std::vector<std::string> InstructionSetsToMeasure() {
 
 std::vector<Scene> ScenesOf(const std::vector<std::string>& specs) {
   std::vector<Scene> scenes;
+  scenes.reserve(specs.size() + 3);
   for (const std::string& spec : specs) scenes.push_back(LoadScene(spec));
   if (scenes.empty()) scenes.push_back(LoadScene(QXTOOLS_SAMPLES_DIR "/aloe:112:2"));
   scenes.push_back(CutScene(scenes.front(), 640, 480, 128));

@@ -1,6 +1,7 @@
 // Stereo pairs to measure with.
 #pragma once
 
+#include <cstdint>
 #include <string>
 
 #include "tools/image.h"
@@ -10,7 +11,7 @@ namespace qx::bench {
 struct Scene {
   std::string name;
   tools::FramePtr left, right;       // kQXPixelFormatGray8, of the same size
-  int disparities;                   // to search
+  int disparities = 1;               // to search
   tools::Image<std::uint8_t> truth;  // empty: not known
   double truth_scale = 1;            // grey value per pixel of disparity
 };

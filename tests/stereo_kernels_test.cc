@@ -121,12 +121,12 @@ TEST_F(StereoKernels, ProductsOfFeaturesAreCorrelations) {
   const auto correlation = [&](int a, int b) {
     double sum_a = 0, sum_b = 0, ab = 0, aa = 0, bb = 0, product = 0;
     for (std::size_t i = 0; i < kFeatureChannels; ++i) {
-      const int at = kFeatureOffsets[i].dy * kWidth + kFeatureOffsets[i].dx + 3 * kWidth;
-      const double u = grey[static_cast<std::size_t>(at + a)];
-      const double v = grey[static_cast<std::size_t>(at + b)];
+      const std::uint8_t* const neighbour =
+          grey.data() + 3 * kWidth + kFeatureOffsets[i].dy * kWidth + kFeatureOffsets[i].dx;
+      const double u = neighbour[a], v = neighbour[b];
       sum_a += u, sum_b += v, ab += u * v, aa += u * u, bb += v * v;
       const auto value = [&](int x) {
-        return map[static_cast<std::size_t>(3 * kWidth + x) * kFeatureChannels + i];
+        return map[(std::size_t{3 * kWidth} + static_cast<std::size_t>(x)) * kFeatureChannels + i];
       };
       product += value(a) * value(b);
     }

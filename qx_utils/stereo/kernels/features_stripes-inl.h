@@ -32,11 +32,11 @@
 namespace qx::utils::stereo {
 namespace {
 
-constexpr std::size_t kStripe = 128;  // columns
-constexpr std::size_t kMargin = 3;    // columns on each side of a stripe
-constexpr std::size_t kRows = 7;      // of a neighbourhood
-constexpr std::size_t kReadBeyond = 32;
-constexpr std::size_t kPadded = kStripe + kReadBeyond;
+inline constexpr std::size_t kStripe = 128;  // columns
+inline constexpr std::size_t kMargin = 3;    // columns on each side of a stripe
+inline constexpr std::size_t kRows = 7;      // of a neighbourhood
+inline constexpr std::size_t kReadBeyond = 32;
+inline constexpr std::size_t kPadded = kStripe + kReadBeyond;
 
 enum Quantity { kGrey, kSquareLow, kSquareHigh, kQuantities };
 
@@ -56,8 +56,8 @@ struct StripeRow {
 
 // Copies columns first - kMargin .. first + columns + kMargin - 1 of a picture row; the outermost
 // pixels repeat beyond the border.
-void CopyRow(const std::uint8_t* row, std::size_t width, std::size_t first, std::size_t columns,
-             std::uint8_t* to) {
+inline void CopyRow(const std::uint8_t* row, std::size_t width, std::size_t first,
+                    std::size_t columns, std::uint8_t* to) {
   const std::size_t count = columns + 2 * kMargin;
   std::size_t i = 0;
   for (; first + i < kMargin; ++i) to[i] = row[0];
