@@ -397,6 +397,13 @@ class Command(unittest.TestCase):
             feeder.wait()
             self.assertEqual(self.files(), ['endless', 'x.yuv'])
             self.assertEqual(pathlib.Path('x.yuv').read_text(), 'old\n')
+        url = self.serve('left.h264', 20, closes=False)
+        stereo = subprocess.Popen(COMMAND.split() + ['stereo', url, '--side-by-side', '-o', 'out'])
+        while not os.path.exists('out/disparity-0001.pgm'):
+            time.sleep(0.02)
+        stereo.send_signal(signal.SIGINT)
+        self.assertEqual(stereo.wait(), -signal.SIGINT)
+        self.assertNotIn('part', ''.join(self.files()))
 
     # Serves a clip over TCP: `rounds` times to each one that connects, then lets it wait or closes.
     def serve(self, clip, rounds, closes):

@@ -176,8 +176,9 @@ void AddOptions(CLI::App& decode, DecodeOptions& options) {
   AcceptNumbers(
       decode.add_option("--frames", options.frames, "Stop after N pictures; default: after all"),
       1);
-  std::vector<std::string> names;
-  for (const PictureFormat& format : kPictureFormats) names.emplace_back(format.name);
+  std::vector<std::string> names(kPictureFormats.size());
+  std::transform(kPictureFormats.begin(), kPictureFormats.end(), names.begin(),
+                 [](const PictureFormat& format) { return format.name; });
   AcceptChoices(decode.add_option("--format", options.format,
                                   "What to write; default: by the output's extension"),
                 names);

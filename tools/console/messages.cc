@@ -120,7 +120,7 @@ Progress::~Progress() {
 void Progress::Update(std::size_t done) {
   const auto now = Clock::now();
   if (!is_terminal_ || now < next_) return;
-  next_ = now + std::chrono::milliseconds(100);
+  next_ = now + kInterval;
   const double seconds = std::chrono::duration<double>(now - start_).count();
   const double rate = static_cast<double>(done) / std::max(seconds, 1e-3);
   std::string line =

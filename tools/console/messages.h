@@ -50,11 +50,12 @@ class Progress {
 
  private:
   using Clock = std::chrono::steady_clock;
+  static constexpr std::chrono::milliseconds kInterval{100};
 
   std::size_t total_;
   bool is_terminal_;
   Clock::time_point start_ = Clock::now();
-  Clock::time_point next_ = start_;
+  Clock::time_point next_ = start_ + kInterval;
 };
 
 }  // namespace qx::tools

@@ -6,7 +6,7 @@
 namespace qx::tools {
 namespace {
 
-constexpr timespec kLook = {0, 50'000'000};  // 50 ms between two looks at the clock
+constexpr timespec kPollInterval = {0, 50'000'000};  // 50 ms
 
 }  // namespace
 
@@ -17,7 +17,7 @@ StopRequest::StopRequest(std::chrono::duration<double> limit) : limit_(limit) {
     sigaction(signal, nullptr, &action);
     if (action.sa_handler != SIG_IGN) sigaddset(&signals_, signal);
   }
-  // Threads that start from now on inherit this: the watcher alone takes the signals.
+  // Threads that start from now on inherit this: only the watcher receives the signals.
   pthread_sigmask(SIG_BLOCK, &signals_, &old_mask_);
   watcher_ = std::thread([this] { Watch(); });
 }
@@ -47,10 +47,10 @@ void StopRequest::Make() {
 
 void StopRequest::Watch() {
   while (!over_ && !made_) {
-    if (sigtimedwait(&signals_, nullptr, &kLook) > 0 || Clock::now() >= end_.load()) Make();
+    if (sigtimedwait(&signals_, nullptr, &kPollInterval) > 0 || Clock::now() >= end_.load()) Make();
   }
   pthread_sigmask(SIG_UNBLOCK, &signals_, nullptr);  // for the second signal
-  while (!over_) nanosleep(&kLook, nullptr);
+  while (!over_) nanosleep(&kPollInterval, nullptr);
 }
 
 }  // namespace qx::tools

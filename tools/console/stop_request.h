@@ -1,4 +1,4 @@
-// Ending a recording by a signal or after a time, so that its file can be finished.
+// Stops a recording on a signal or after a time limit, so that its file can be completed.
 #pragma once
 
 #include <atomic>
@@ -11,9 +11,10 @@
 namespace qx::tools {
 
 // While it lives, the first SIGINT, SIGTERM or SIGHUP asks the program to stop instead of ending
-// it; the second one ends it as usual. Signals that were ignored stay so.
+// it; the second one ends it as usual. Ignored signals stay ignored.
 //
-// Threads: made before the threads that must not take the signals, used by the thread that made it.
+// Threads: created before the threads that must not receive the signals; used by the thread that
+//          created it.
 class StopRequest {
  public:
   // Inputs: limit  zero: none. See StartClock().
@@ -23,11 +24,11 @@ class StopRequest {
   StopRequest& operator=(const StopRequest&) = delete;
   ~StopRequest();
 
-  // Sets what is called, once and on another thread, when the program is to stop; an empty function
-  // takes it back and waits until a call in progress has returned.
+  // Sets the function that is called, once and on another thread, when the program should stop. An
+  // empty function removes it and waits until a call in progress has returned.
   void SetAction(std::function<void()> action);
 
-  // Lets the time limit run from now on.
+  // Starts the time limit.
   void StartClock();
 
   bool IsMade() const { return made_; }

@@ -74,7 +74,7 @@ class VideoStream : public PictureSource {
   explicit VideoStream(const std::string& name) : name_(name), reader_(name) {}
 
   FramePtr Next() override {
-    const auto frame = reader_.Next();
+    FramePtr frame = reader_.Next();
     // If a picture is lost, all later ones would be paired with the other view of another moment.
     if (reader_.DamagedPackets() > 0) throw std::runtime_error("'" + name_ + "': damaged packet");
     if (!frame && IsUrl(name_) && !reader_.Fault().empty()) {

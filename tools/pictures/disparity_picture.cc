@@ -61,7 +61,7 @@ std::uint8_t Mix(std::uint8_t from, std::uint8_t to, float share) {
   return static_cast<std::uint8_t>(std::lround(mixed));
 }
 
-// Fills a rectangle as far as it lies inside the picture.
+// Fills the part of a rectangle that is inside the picture.
 void FillRectangle(Image<Rgb>& picture, int x, int y, int width, int height) {
   const int x_end = std::min(x + width, picture.width);
   for (int v = std::max(y, 0); v < std::min(y + height, picture.height); ++v) {
@@ -170,13 +170,17 @@ Image<float> PixelsOf(const DisparityImage& map) {
 }
 
 Image<Rgb> Paint(const DisparityImage& map, DisparityRange range) {
+  const int far = range.first * kDisparityUnits;
+  const int span = std::max(range.count - 1, 1) * kDisparityUnits;
+  std::vector<Rgb> colours;  // of far .. far + span
+  for (int value = 0; value <= span; ++value) {
+    colours.push_back(ColourOf(static_cast<float>(value) / static_cast<float>(span)));
+  }
   Image<Rgb> picture(map.width, map.height + kLegendHeight, kBlack);
-  const float near = static_cast<float>(std::max(range.count - 1, 1) * kDisparityUnits);
-  const float far = static_cast<float>(range.first * kDisparityUnits);
   std::transform(map.values.begin(), map.values.end(), picture.values.begin(),
-                 [far, near](std::uint16_t value) {
+                 [&](std::uint16_t value) {
                    if (value == kMissingDisparity) return kBlack;
-                   return ColourOf((static_cast<float>(value) - far) / near);
+                   return colours[static_cast<std::size_t>(std::clamp(value - far, 0, span))];
                  });
   DrawLegend(picture, map.height, range);
   return picture;

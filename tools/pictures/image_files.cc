@@ -1,9 +1,11 @@
 #include "tools/pictures/image_files.h"
 
 #include <png.h>
+#include <sys/uio.h>
 
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace qx::tools {
@@ -46,11 +48,13 @@ void WritePng(const Image<std::uint16_t>& picture, OutputFile& file) {
 }
 
 void WritePgm(const Image<std::uint16_t>& picture, OutputFile& file) {
-  std::string bytes = "P5\n" + SizeText(picture.width, picture.height) + "65535\n";
-  bytes.reserve(bytes.size() + 2 * picture.values.size());
+  const std::string header = "P5\n" + SizeText(picture.width, picture.height) + "65535\n";
+  std::vector<std::uint8_t> bytes(header.begin(), header.end());
+  bytes.resize(header.size() + 2 * picture.values.size());
+  std::uint8_t* next = bytes.data() + header.size();
   for (const std::uint16_t value : picture.values) {
-    bytes.push_back(static_cast<char>(value >> 8U));
-    bytes.push_back(static_cast<char>(value & 0xFFU));
+    *next++ = static_cast<std::uint8_t>(value >> 8U);
+    *next++ = static_cast<std::uint8_t>(value & 0xFFU);
   }
   file.Write(bytes.data(), bytes.size());
 }
@@ -58,11 +62,14 @@ void WritePgm(const Image<std::uint16_t>& picture, OutputFile& file) {
 void WritePfm(const Image<float>& picture, OutputFile& file) {
   const std::uint16_t one = 1;
   const bool is_little_endian = *reinterpret_cast<const std::uint8_t*>(&one) == 1;
-  const std::string header =
+  std::string header =
       "Pf\n" + SizeText(picture.width, picture.height) + (is_little_endian ? "-1.0\n" : "1.0\n");
-  file.Write(header.data(), header.size());
+  std::vector<iovec> pieces = {{header.data(), header.size()}};
   const std::size_t row_bytes = picture.Offset(1) * sizeof(float);
-  for (int y = picture.height - 1; y >= 0; --y) file.Write(picture.Row(y), row_bytes);
+  for (int y = picture.height - 1; y >= 0; --y) {
+    pieces.push_back({const_cast<float*>(picture.Row(y)), row_bytes});  // only read
+  }
+  file.Write(std::move(pieces));
 }
 
 }  // namespace qx::tools
