@@ -26,7 +26,7 @@ build() {
   for source in "$@"; do
     cpu=-mcpu=cortex-a53
     [[ $source != *_dotprod.cc ]] || cpu=-march=armv8.2-a+dotprod
-    objects+=("$out/$program-$(basename "$source").o")
+    objects+=("$out/$program-${source//\//_}.o") # programs and kernels share names
     compile "$cpu" -c "$source" -o "${objects[-1]}"
   done
   compile -fuse-ld=lld -L"$(echo "$root"/usr/lib/llvm-*/lib)" "${objects[@]}" -o "$out/$program"
@@ -64,3 +64,8 @@ table cost_volume 'H x W x C x D' 'loop neon neon_dotprod' \
 build stereo bench/instructions/stereo.cc \
   qx_utils/stereo/kernels/{features,disparity_map}_{scalar,neon}.cc
 table stereo 'stage x H x W' 'scalar neon' 'features 96 448' 'median3 96 448' 'median5 96 448'
+
+build semi_global bench/instructions/semi_global.cc \
+  qx_utils/stereo/kernels/semi_global{,_scalar,_neon}.cc
+table semi_global 'H x W x D x paths' 'scalar neon' \
+  '8 320 64 8' '8 320 64 4' '8 320 112 8' '8 320 128 8' '8 320 128 4'

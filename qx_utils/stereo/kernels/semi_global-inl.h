@@ -7,6 +7,7 @@
 //   Counts                   numbers of vectors a pixel may have: Numbers<...>, ascending, 256
 //   cells
 //                            at the end
+//   kTail                    how many vectors may reach past the last disparity
 //   Load, Store              anywhere in memory
 //   Set, Broadcast           a byte in all lanes, from a register and from memory
 //   Min, Max, Add, Subtract, AddSaturated
@@ -118,6 +119,12 @@ struct Pixel {
   typename Isa::Vector slant;
 };
 
+// 255 in the cells of a vector that lie past the last disparity.
+template <typename Isa>
+QXTOOLS_INLINE auto PastTheLast(const SemiGlobalPlan& plan, std::size_t vector) {
+  return Isa::Load(kMasks.from + kMostCells - plan.disparities + vector * Isa::kBytes);
+}
+
 // Costs of the pixel in column x. Cells past the last disparity get the limit: paths through them
 // are never cheaper than those that keep to the last disparity.
 template <typename Isa, std::size_t kVectors>
@@ -137,13 +144,14 @@ QXTOOLS_INLINE void MatchCosts(const SemiGlobalPlan& plan, const std::int8_t* co
       cost = Isa::Blend(Isa::Load(kMasks.from + kMostCells - known + kAt), unknown, cost);
     });
   }
-  auto& last = pixel.cost[kVectors - 1];
-  last = Isa::Max(last,
-                  Isa::Load(kMasks.from + kMostCells - plan.disparities + (kVectors - 1) * kBytes));
   const auto limit = Isa::Set(plan.limit);
   Unroll<kVectors>([&](auto v) QXTOOLS_INLINE_BODY {
     constexpr std::size_t kVector = decltype(v)::kValue;
-    pixel.cost[kVector] = Isa::Min(pixel.cost[kVector], limit);
+    auto& cost = pixel.cost[kVector];
+    if constexpr (kVector + Isa::kTail >= kVectors) {
+      cost = Isa::Max(cost, PastTheLast<Isa>(plan, kVector));
+    }
+    cost = Isa::Min(cost, limit);
   });
 }
 
@@ -258,12 +266,11 @@ template <typename Isa, std::size_t kVectors>
 QXTOOLS_INLINE void StoreHalf(const SemiGlobalPlan& plan,
                               const typename Isa::Vector (&half)[kVectors], const Places& at,
                               Index<1> /*second half*/) {
-  constexpr std::size_t kLast = (kVectors - 1) * Isa::kBytes;
   Unroll<kVectors>([&](auto v) QXTOOLS_INLINE_BODY {
     constexpr std::size_t kAt = decltype(v)::kValue * Isa::kBytes;
     auto sum = Isa::AddSaturated(half[kAt / Isa::kBytes], Isa::Load(at.halves + kAt));
-    if constexpr (kAt == kLast) {
-      sum = Isa::Max(sum, Isa::Load(kMasks.from + kMostCells - plan.disparities + kLast));
+    if constexpr (kAt + Isa::kTail * Isa::kBytes >= kVectors * Isa::kBytes) {
+      sum = Isa::Max(sum, PastTheLast<Isa>(plan, kAt / Isa::kBytes));
     }
     Isa::Store(at.sums + kAt, sum);
   });
@@ -453,8 +460,8 @@ QXTOOLS_INLINE void Choose(const SemiGlobalPlan& plan, const std::uint8_t* sums,
     // Left pixels that meet this right pixel with a disparity that is less or more by one.
     const bool agrees = (sum[0] == smallest) | (*(sum - plan.pitch - 1) == smallest) |
                         (sum[plan.pitch + 1] == smallest);
-    const bool inside = cell + plan.first_disparity <= x;
-    chosen.found[x] = agrees & inside & (sum[0] < 255) ? 255 : 0;
+    const bool matches = (sum[0] < 255) & (cell + plan.first_disparity <= x);
+    chosen.found[x] = (agrees & matches) ? 255 : 0;
   }
 }
 
@@ -466,7 +473,7 @@ inline void Refine(const SemiGlobalPlan& plan, const Chosen& chosen, std::uint16
     const int cell = chosen.cell[x];
     const int difference = chosen.below[x] - chosen.above[x];
     const int curvature = chosen.below[x] + chosen.above[x] - 2 * chosen.least[x];
-    const int slope = (cell == 0) | (cell == last) ? 0 : 128 * difference;
+    const int slope = ((cell == 0) | (cell == last)) ? 0 : 128 * difference;
     const int divisor = curvature > 0 ? curvature : 1;
     const float quotient = static_cast<float>(slope) / static_cast<float>(divisor);
     const int fraction = static_cast<int>(quotient + 128.5F) - 128;

@@ -16,7 +16,10 @@ namespace {
 
 constexpr SemiGlobalVariant kVariants[] = {
 #if defined(__x86_64__)
+    {"avx512vnni", internal::kCpuAvx512Vnni, &kSemiGlobalAvx512},
     {"avx2", internal::kCpuAvx2, &kSemiGlobalAvx2},
+#elif defined(__aarch64__)
+    {"neon", internal::kCpuNeon, &kSemiGlobalNeon},
 #endif
     {"scalar", 0, &kSemiGlobalScalar},
 };

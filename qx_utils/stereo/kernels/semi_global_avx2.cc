@@ -9,8 +9,8 @@ namespace {
 struct Avx2 {
   using Vector = __m256i;
   using Quad = __m128i;
-  using Counts = Numbers<1, 2, 3, 4, 6, 8>;
-  static constexpr std::size_t kBytes = 32;
+  using Counts = Numbers<1, 2, 3, 4, 5, 6, 7, 8>;
+  static constexpr std::size_t kBytes = 32, kTail = 1;
 
   QXTOOLS_INLINE static Vector Load(const void* from) {
     return _mm256_loadu_si256(static_cast<const __m256i*>(from));
