@@ -201,7 +201,7 @@ TEST(StereoMatcher, ReadsTheLumaOfDecodedAndPlanarPicturesInPlace) {
   ASSERT_GT(luma.pitch, 320U) << "the clip no longer shows whether the pitch is read";
   const auto copy = [&](const FramePtr& frame, QXPixelFormat format) {
     const std::string samples = testing::Samples(frame);
-    const auto plain = NewFrame(format, 240, 320, 1);
+    auto plain = NewFrame(format, 240, 320, 1);
     std::copy_n(samples.begin(), 320 * 240, plain->Data());
     return plain;
   };
@@ -289,7 +289,7 @@ FramePtr ReadPgm(const std::string& name) {
   int brightest = 0;
   file >> magic >> width >> height >> brightest;
   file.get();
-  const auto frame = NewFrame(kQXPixelFormatGray8, height, width, 1);
+  auto frame = NewFrame(kQXPixelFormatGray8, height, width, 1);
   file.read(reinterpret_cast<char*>(frame->Data()), frame->DataSize());
   EXPECT_TRUE(file && magic == "P5" && brightest == 255) << name;
   return frame;
