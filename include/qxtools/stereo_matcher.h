@@ -86,7 +86,11 @@ struct StereoTimes {
 struct StereoResult {
   std::shared_ptr<velkar::vision::ImageFrameImpl> disparity;  // with gaps
   std::shared_ptr<velkar::vision::ImageFrameImpl> filled;     // without; empty unless asked for
-  // kQXPixelFormatGray8 of the same size; empty unless asked for.
+  // kQXPixelFormatGray8 of the same size, scale 1/255; empty unless asked for. 0 where `disparity`
+  // is missing, else the probability that it is off by at most 1, times 255, as it was measured
+  // with the default options: on average over three pairs, of the pixels with 121 .. 152 half are
+  // off by at most 1, of those with 153 .. 203 70 %, with 204 .. 241 88 %, with 242 and more 98 %.
+  // The table for each pair is in docs/stereo.md.
   std::shared_ptr<velkar::vision::ImageFrameImpl> confidence;
 };
 
