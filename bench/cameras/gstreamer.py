@@ -25,7 +25,7 @@ def parse_arguments():
     add('file')
     add('--port', default='0')
     add('--audio', action='store_true', help='a tone, as stream 0')
-    add('--described', action='store_true', help='parameter sets stand in the session description alone')
+    add('--described', action='store_true', help='send parameter sets only in the session description')
     add('--auth', choices=('basic', 'digest'), help='for the user operator with the password secret')
     return parser.parse_args()
 

@@ -1,4 +1,4 @@
-// Reads a camera that sends a raw file over and over, and compares what comes with the file.
+// Reads a camera that repeats a raw file, and compares what arrives with the file.
 //
 // usage: camera_reader read WHO URL FILE [--pictures N] [--seconds S] [--rate R] [--limit MS]
 //                                         [--open-limit MS] [--cancel-every MS] [--loose]
@@ -8,10 +8,9 @@
 //         options), `both` at the same time, or `reconnecting` (ReconnectingDemuxer). Ends after N
 //         pictures or S seconds and prints one line of JSON for each reader. --limit and
 //         --open-limit: SetTimeLimit() after opening and before; --cancel-every: Cancel(), and
-//         ClearCancel() after 20 or 120 ms; --loose: slices alone are compared.
-// endure  reads all cameras through ReconnectingDemuxer and prints every minute what the process
-//         holds. Ends with what was read of each, and status 1 when something has grown or is
-//         wrong.
+//         ClearCancel() after 20 or 120 ms; --loose: only slices are compared.
+// endure  reads all cameras through ReconnectingDemuxer, and prints every minute what the process
+//         holds. Ends with a summary of each camera, and status 1 if something grew or is wrong.
 #include <glog/logging.h>
 #include <signal.h>
 
@@ -126,7 +125,7 @@ class ReconnectingReader : public Reader {
  public:
   bool Open(const Options& options) override {
     demuxer_.Open(options.url, {});
-    return true;  // reading goes on trying
+    return true;  // Read() keeps trying
   }
   bool Read(Comparison& comparison) override {
     const auto packet = demuxer_.ReadFrame();

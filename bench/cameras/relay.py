@@ -1,11 +1,11 @@
 #!/usr/bin/python3
-"""Between an RTSP client that wants its media through the control connection and a server that sends
-them as datagrams alone.
+"""Relays between an RTSP client that wants media over the control connection (TCP) and a server that
+sends them only over UDP.
 
 usage: relay.py SERVER_PORT
 
-Prints its port once it listens; ends with its standard input. Requests and answers pass as they are,
-but for the transport and the port in the addresses; both ports need the same number of digits.
+Prints its port when it listens, and ends when its standard input ends. Passes requests and answers on,
+except for the transport and the port in the addresses; both ports must have the same number of digits.
 """
 import os
 import re

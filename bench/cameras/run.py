@@ -4,9 +4,9 @@
 usage: run.py --reader PROGRAM --clips DIR --work DIR [--gate] [--only WORDS] [--jobs N]
        run.py --reader PROGRAM --clips DIR --work DIR --endure MINUTES [--kill-every SECONDS]
 
---gate leaves out the servers that the gate does not install and what takes longer than 20 s.
---only runs the cases whose line holds all these words. Ends with status 1 when a case is not as it
-should be. A server that is not installed loses its cases, with a line that says so.
+--gate leaves out servers that the gate does not install, and cases that take longer than 20 s. --only
+runs the cases whose line contains all these words. The exit status is 1 if a case fails. The cases of a
+server that is not installed are skipped, with a line that says so.
 """
 import argparse
 import concurrent.futures
@@ -275,11 +275,11 @@ def all_cases():
     def add(*args, **more):
         cases.append(Case(*args, **more))
     add(OWN, 'H.264, sets in band', options='--undescribed')
-    add(OWN, 'H.264, sets described alone', options='--described')
+    add(OWN, 'H.264, sets only described', options='--described')
     add(OWN, 'H.264 with audio', options='--audio')
     add(OWN, 'H.264 with sender reports', options='--audio --reports')
     add(OWN, 'H.265, sets in band', clip='hevc.h265', options='--undescribed')
-    add(OWN, 'H.265, sets described alone', clip='hevc.h265', options='--described')
+    add(OWN, 'H.265, sets only described', clip='hevc.h265', options='--described')
     add(OWN, 'H.265 with audio', clip='hevc.h265', options='--audio')
     add(OWN, 'basic authentication', options='--auth basic')
     add(OWN, 'digest authentication', options='--auth digest')
@@ -292,10 +292,10 @@ def all_cases():
     add(OWN, 'key picture every 10 s', clip='long_gop.h264', options='--start 100', pictures=200, seconds=8)
     for pause, name in ((3, '3 s'), (11, '11 s')):
         for audio in ('', '--audio'):
-            add(OWN, 'video pauses for %s%s' % (name, ', audio goes on' if audio else ''),
+            add(OWN, 'video pauses for %s%s' % (name, ', audio continues' if audio else ''),
                 options='--pause 60:%d %s' % (pause, audio), call=pause * 1000 + 40, seconds=4 + pause,
                 time_outs=0 if audio else 1)
-    add(OWN, 'video pauses for 3 s, audio goes on', options='--pause 60:3 --audio', call=3040, seconds=7, limit=600)
+    add(OWN, 'video pauses for 3 s, audio continues', options='--pause 60:3 --audio', call=3040, seconds=7, limit=600)
     add(OWN, 'link of 60 kB/s', options='--bandwidth 60000', pictures=250, call=500, seconds=10)
     add(OWN, 'link of 4 kB/s', options='--bandwidth 4000', pictures=60, call=6000, seconds=45)
     for limit in (20, 150, 600):
@@ -308,7 +308,7 @@ def all_cases():
     add(OWN, 'stalls for 2 s within a packet', options='--stall 40:2', call=2040, seconds=7, limit=150)
     add(OWN, 'killed and started again', expect='restart', pictures=200, seconds=12)
     add(GSTREAMER, 'H.264')
-    add(GSTREAMER, 'H.264, sets described alone', options='--described')
+    add(GSTREAMER, 'H.264, sets only described', options='--described')
     add(GSTREAMER, 'H.264 with audio', options='--audio')
     add(GSTREAMER, 'H.265', clip='hevc.h265', call=180)
     add(GSTREAMER, 'H.265 with audio', clip='hevc.h265', options='--audio', call=180)
