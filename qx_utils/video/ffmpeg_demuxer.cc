@@ -52,7 +52,7 @@ std::shared_ptr<AVFormatContext> OpenInput(const std::string& url,
                                            const std::shared_ptr<InputWatch>& watch,
                                            bool leave_probing) {
   auto input = std::make_shared<DemuxerInput>(url, watch);
-  const InputWatch::Call call(*watch, IfRtsp(input->kind(), kRtspOpenLimit));
+  const InputWatch::Call call(*watch, input->kind(), IfRtsp(input->kind(), kRtspOpenLimit));
   int code = input->Open();
   if (code != 0) {
     LOG(ERROR) << "Open input stream FAILED: " << url << ", ret=" << code;
@@ -63,7 +63,8 @@ std::shared_ptr<AVFormatContext> OpenInput(const std::string& url,
   if (input->suspended() && leave_probing) {
     code = 0;
   } else if (input->suspended() && !watch->Cancelled()) {
-    const InputWatch::Call more(*watch, IfRtsp(input->kind(), internal::kSocketLimit));
+    const InputWatch::Call more(*watch, input->kind(),
+                                IfRtsp(input->kind(), internal::kSocketLimit));
     code = input->Probe();
   }
   if (watch->Cancelled()) code = AVERROR_EXIT;  // FFmpeg takes what was learned so far for success
@@ -206,7 +207,7 @@ std::shared_ptr<StreamPacket> FfmpegDemuxer::ReadFrame() {
     watch_->set_fault(DemuxerFault::kLost);
     return nullptr;
   }
-  InputWatch::Call call(*watch_, IfRtsp(input.kind(), kRtspReadLimit));
+  InputWatch::Call call(*watch_, input.kind(), IfRtsp(input.kind(), kRtspReadLimit));
   for (int failures = 0; failures < kMaxFailures;) {
     AVPacket packet;
     internal::InitPacket(packet);

@@ -10,11 +10,12 @@ using video::DemuxerFault;
 // FFmpeg asks again after this time if nothing has arrived.
 constexpr std::chrono::milliseconds kPoll(100);
 
-// `now` + `limit` without overflow.
-InputWatch::Clock::time_point After(InputWatch::Clock::time_point now,
-                                    InputWatch::Clock::duration limit) {
-  const auto left = InputWatch::Clock::time_point::max() - now;
-  return limit < left ? now + limit : InputWatch::Clock::time_point::max();
+// `limit` from now on, without overflow.
+InputWatch::Clock::time_point EndOf(InputWatch::Clock::duration limit) {
+  constexpr auto kNever = InputWatch::Clock::time_point::max();
+  if (limit == InputWatch::kNoLimit) return kNever;
+  const auto now = InputWatch::Clock::now();
+  return limit < kNever - now ? now + limit : kNever;
 }
 
 DemuxerFault FaultOf(int code) {
@@ -50,10 +51,11 @@ DemuxerFault FaultOf(int code) {
 
 }  // namespace
 
-InputWatch::Call::Call(InputWatch& watch, Clock::duration wait_limit)
-    : watch_(watch), wait_limit_(wait_limit), end_(After(Clock::now(), watch.limit_)) {
+InputWatch::Call::Call(InputWatch& watch, InputKind kind, Clock::duration wait_limit)
+    : watch_(watch), wait_limit_(wait_limit), end_(EndOf(watch.limit_)) {
   watch_.fault_ = DemuxerFault::kNone;
-  watch_.last_question_ = Clock::now();  // what passed between two calls is not the peer's
+  // What passed between two calls is not the peer's.
+  if (kind != InputKind::kLocal) watch_.last_question_ = Clock::now();
   watch_.longest_silence_ = watch_.silence_;
   Restart();
 }
@@ -63,7 +65,7 @@ InputWatch::Call::~Call() {
 }
 
 void InputWatch::Call::Restart() {
-  const auto deadline = std::min(end_, After(Clock::now(), wait_limit_));
+  const auto deadline = std::min(end_, EndOf(wait_limit_));
   watch_.deadline_.store(deadline, std::memory_order_relaxed);
 }
 

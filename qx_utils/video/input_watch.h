@@ -22,8 +22,9 @@ class InputWatch {
   // One call of the demuxer: while it is alive, FFmpeg's waits end at its deadline.
   class Call {
    public:
-    // `wait_limit` bounds the time until the next Restart(), SetLimit() the whole call.
-    Call(InputWatch& watch, Clock::duration wait_limit);
+    // `wait_limit` bounds the time until the next Restart(), SetLimit() the whole call. Of a local
+    // input nothing asks the clock unless there is a limit: files give a packet in 2 us.
+    Call(InputWatch& watch, InputKind kind, Clock::duration wait_limit);
     Call(const Call&) = delete;
     Call& operator=(const Call&) = delete;
     // Removes the deadline, so that closing the input can still notify the peer.
