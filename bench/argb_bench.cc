@@ -152,7 +152,7 @@ void Compare(int width, int height, bool bgr) {
       {"memcpy of the same traffic", [&] { std::memcpy(to.get(), from.get(), traffic / 2); }});
   char title[80];
   std::snprintf(title, sizeof(title), "%s to ARGB, %d x %d", bgr ? "BGR" : "RGB", width, height);
-  RunInterleaved(title, traffic, all);
+  CompareThroughput(title, traffic, all);
 }
 
 }  // namespace

@@ -5,17 +5,16 @@
 #include <omp.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <functional>
 #include <random>
 #include <string>
 #include <vector>
 
 #include "bench/cost_volume_rivals.h"
+#include "bench/interleaved.h"
 #include "qx_utils/image/kernels/cost_volume.h"
 #include "qx_utils/image/kernels/cpu_features.h"
 
@@ -53,33 +52,15 @@ double Multiplications(const Shape& s) {
   return static_cast<double>(s.height * s.channels * pairs);
 }
 
-double Seconds(const std::function<void()>& work) {
-  const auto start = std::chrono::steady_clock::now();
-  work();
-  return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-}
-
-double Median(std::vector<double> values) {
-  std::nth_element(values.begin(), values.begin() + static_cast<long>(values.size() / 2),
-                   values.end());
-  return values[values.size() / 2];
-}
-
 struct Result {
   Shape shape;
   std::string variant;
   int threads;
   double milliseconds, gmacs;
-  double loop, onednn, peak;  // speed relative to each; 0 when it is not there
+  double loop = 0, onednn = 0, peak = 0;  // speed relative to each; 0 when it is not there
 };
 
-// Runs take turns, so that other load on the machine meets all of them alike; a ratio is the
-// median of the ratios within a turn.
-std::vector<Result> Measure(const Shape& shape, int threads, int runs) {
-  Maps maps(shape);
-  const CostVolumeJob job{maps.left.data(), maps.right.data(), maps.cost.data(), shape.width,
-                          shape.channels,   shape.disparities, 0.0005F};
-  omp_set_num_threads(threads);
+std::vector<const CostVolumeVariant*> VariantsHere() {
   std::size_t count = 0;
   const CostVolumeVariant* table = utils::image::CostVolumeVariants(&count);
   std::vector<const CostVolumeVariant*> variants;
@@ -87,31 +68,54 @@ std::vector<Result> Measure(const Shape& shape, int threads, int runs) {
     const bool runs_here = (table[v].required & ~utils::internal::SupportedFeatures()) == 0;
     if (runs_here) variants.push_back(&table[v]);
   }
-  OnednnBands onednn(64);
-  std::vector<std::vector<double>> times(variants.size()), loop(variants.size()),
-      product(variants.size()), peak(variants.size());
-  for (int run = 0; run <= runs; ++run) {  // the first turn warms up
-    const double loop_seconds = Seconds([&] { ElementByElement(job, shape.height); });
-    const double product_seconds = Seconds([&] { onednn.Run(job, shape.height); });
-    double peak_macs = 0;
-#pragma omp parallel reduction(+ : peak_macs) num_threads(threads)
-    peak_macs += PeakMacsPerSecond();
-    for (std::size_t v = 0; v < variants.size(); ++v) {
-      const double seconds =
-          Seconds([&] { ComputeCostVolume(*variants[v]->kernel, job, shape.height); });
-      if (run == 0) continue;
-      times[v].push_back(seconds);
-      loop[v].push_back(loop_seconds / seconds);
-      product[v].push_back(OnednnBands::Available() ? product_seconds / seconds : 0);
-      peak[v].push_back(peak_macs > 0 ? Multiplications(shape) / seconds / peak_macs : 0);
-    }
+  return variants;
+}
+
+// The variants, and after them the loop and those of the other rivals that there are.
+std::vector<Result> Measure(const Shape& shape, int threads, int runs) {
+  Maps maps(shape);
+  const CostVolumeJob job{maps.left.data(), maps.right.data(), maps.cost.data(), shape.width,
+                          shape.channels,   shape.disparities, 0.0005F};
+  omp_set_num_threads(threads);
+  const std::vector<const CostVolumeVariant*> variants = VariantsHere();
+  std::vector<Contender> contenders;
+  contenders.reserve(variants.size() + 3);
+  for (const CostVolumeVariant* variant : variants) {
+    contenders.push_back(
+        {variant->name, [&, variant] { ComputeCostVolume(*variant->kernel, job, shape.height); }});
   }
+  const std::size_t loop = contenders.size(), onednn = loop + 1;
+  const std::size_t peak = OnednnBands::Available() ? onednn + 1 : onednn;
+  contenders.push_back({"loop", [&] { ElementByElement(job, shape.height); }});
+  OnednnBands bands(64);
+  if (OnednnBands::Available()) {
+    contenders.push_back({"oneDNN", [&] { bands.Run(job, shape.height); }});
+  }
+  if (PeakMacs() > 0) {
+    contenders.push_back({"peak", [threads] {
+#pragma omp parallel num_threads(threads)
+                            RunPeak();
+                          }});
+  }
+  Rounds rounds;
+  rounds.count = runs;
+  rounds.warm_up = 1;
+  rounds.one_core = false;
+  const std::vector<Times> times = RunInterleaved(contenders, rounds);
+  const auto times_as_fast = [&](std::size_t rival, std::size_t v) {
+    return MedianRatio(times[rival].elapsed, times[v].elapsed);
+  };
   std::vector<Result> results;
   for (std::size_t v = 0; v < variants.size(); ++v) {
-    const double seconds = Median(times[v]);
-    results.push_back({shape, variants[v]->name, threads, seconds * 1e3,
-                       Multiplications(shape) / seconds * 1e-9, Median(loop[v]), Median(product[v]),
-                       Median(peak[v])});
+    const double seconds = Median(times[v].elapsed);
+    Result result{shape, variants[v]->name, threads, seconds * 1e3,
+                  Multiplications(shape) / seconds * 1e-9};
+    result.loop = times_as_fast(loop, v);
+    if (OnednnBands::Available()) result.onednn = times_as_fast(onednn, v);
+    if (PeakMacs() > 0) {
+      result.peak = times_as_fast(peak, v) * Multiplications(shape) / (PeakMacs() * threads);
+    }
+    results.push_back(result);
   }
   return results;
 }

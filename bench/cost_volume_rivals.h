@@ -35,8 +35,9 @@ class OnednnBands {
   std::vector<std::vector<std::int32_t>> results_;  // per thread
 };
 
-// Multiply-adds per second of one thread's best 8-bit instruction on registers alone; 0 when the
-// processor has none.
-double PeakMacsPerSecond();
+// One thread's best 8-bit instruction on registers alone, and how many multiply-adds that is; 0
+// when the processor has none, and then RunPeak() must not be called.
+void RunPeak();
+double PeakMacs();
 
 }  // namespace qx::bench

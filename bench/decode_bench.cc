@@ -3,8 +3,7 @@
 //
 // Without clips it makes some of 320 x 240, 1280 x 720 and 1920 x 1080 with the ffmpeg command and
 // x264. The ways take turns of 25 packets each, which lie in memory, over the whole clip and N
-// times, so that whatever else the machine does disturbs all of them alike. Each keeps its decoder
-// throughout: starting one is not compared.
+// times. Each keeps its decoder throughout: starting one is not compared.
 //   reused    avcodec_send_packet on FFmpeg's own packets, avcodec_receive_frame, and one copy of
 //             the picture, row by row, into one buffer: the rival
 //   new       the same, into a new buffer for each picture
@@ -14,13 +13,11 @@
 //   slices    drop, with two threads for the slices of a picture
 //   pictures  drop, with two threads for a picture each
 // Prints for each way the medians over its turns of the time and of the processor time, and of
-// their ratios to the rival's next turn.
+// their ratios to the rival's turn of the same round.
 #include <algorithm>
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <ctime>
 #include <deque>
 #include <filesystem>
 #include <memory>
@@ -28,6 +25,7 @@
 #include <utility>
 #include <vector>
 
+#include "bench/interleaved.h"
 #include "qx_utils/ffmpeg_handles.h"
 #include "qxtools/ffmpeg_video_decoder.h"
 
@@ -51,7 +49,7 @@ Packets ReadPackets(const std::string& path) {
   }
 }
 
-// One way of decoding, with what its turns took.
+// One way of decoding.
 class Way {
  public:
   explicit Way(const char* name) : name_(name) {}
@@ -59,40 +57,22 @@ class Way {
   virtual void Decode(const AVPacket& packet) = 0;
   virtual void Finish() {}  // what the turn has begun
 
-  void TakeTurn(const Packets& packets, std::size_t begin) {
-    const std::clock_t processor = std::clock();
-    const auto start = std::chrono::steady_clock::now();
-    const std::size_t end = std::min(begin + kTurn, packets.size());
-    for (std::size_t i = begin; i < end; ++i) Decode(*packets[i]);
+  // The next packets of `packets`, from the first on again after the last.
+  void TakeTurn(const Packets& packets) {
+    const std::size_t end = std::min(next_ + kTurn, packets.size());
+    for (std::size_t i = next_; i < end; ++i) Decode(*packets[i]);
+    next_ = end < packets.size() ? end : 0;
     Finish();
-    const std::chrono::duration<double, std::milli> spent =
-        std::chrono::steady_clock::now() - start;
-    time_.push_back(spent.count());
-    processor_.push_back(1e3 * static_cast<double>(std::clock() - processor) / CLOCKS_PER_SEC);
   }
-  void Forget() { time_ = processor_ = {}; }
-  void Print(const Way& rival) const {
-    std::printf("%-10s %9.2f %7.3f %14.2f %7.3f %9zu\n", name_, Median(time_),
-                Median(Ratios(time_, rival.time_)), Median(processor_),
-                Median(Ratios(processor_, rival.processor_)), pictures_);
-  }
+  const char* name() const { return name_; }
   std::size_t pictures() const { return pictures_; }
 
  protected:
   std::size_t pictures_ = 0;
 
  private:
-  static std::vector<double> Ratios(std::vector<double> values, const std::vector<double>& rival) {
-    for (std::size_t i = 0; i < values.size(); ++i) values[i] /= rival[i];
-    return values;
-  }
-  static double Median(std::vector<double> values) {
-    std::sort(values.begin(), values.end());
-    return values.empty() ? 0 : values[values.size() / 2];
-  }
-
   const char* name_;
-  std::vector<double> time_, processor_;  // milliseconds
+  std::size_t next_ = 0;  // packet
 };
 
 class Bare : public Way {
@@ -173,23 +153,32 @@ std::vector<std::unique_ptr<Way>> Ways(bool threads) {
 bool Compare(const std::string& clip, bool threads, int runs) {
   const Packets packets = ReadPackets(clip);
   const auto ways = Ways(threads);
-  std::size_t first = 0;  // the ways begin in turn as well
-  for (int run = 0; run <= runs; ++run) {
-    for (std::size_t begin = 0; begin < packets.size(); begin += kTurn, ++first) {
-      for (std::size_t i = 0; i < ways.size(); ++i) {
-        ways[(first + i) % ways.size()]->TakeTurn(packets, begin);
-      }
-    }
-    if (run > 0) continue;  // this one warmed up
-    for (const auto& way : ways) way->Forget();
+  if (packets.empty()) {
+    std::fprintf(stderr, "decode_bench: %s: nothing to decode\n", clip.c_str());
+    return false;
   }
+  std::vector<qx::bench::Contender> contenders;
+  contenders.reserve(ways.size());
+  for (const auto& way : ways) {
+    contenders.push_back({way->name(), [&] { way->TakeTurn(packets); }});
+  }
+  qx::bench::Rounds rounds;
+  rounds.warm_up = static_cast<int>((packets.size() + kTurn - 1) / kTurn);
+  rounds.count = runs * rounds.warm_up;
+  rounds.one_core = false;
+  const std::vector<qx::bench::Times> times = qx::bench::RunInterleaved(contenders, rounds);
   std::printf("%s: %zu packets, %d runs\n%-10s %9s %7s %14s %7s %9s\n",
               std::filesystem::path(clip).filename().c_str(), packets.size(), runs, "way",
               "time ms", "ratio", "processor ms", "ratio", "pictures");
   bool ok = ways.front()->pictures() > 0;
-  for (const auto& way : ways) {
-    way->Print(*ways.front());
-    ok = ok && way->pictures() + 1 >= ways.front()->pictures();  // one may be under way
+  for (std::size_t i = 0; i < ways.size(); ++i) {
+    const qx::bench::Times& rival = times.front();
+    std::printf("%-10s %9.2f %7.3f %14.2f %7.3f %9zu\n", ways[i]->name(),
+                1e3 * qx::bench::Median(times[i].elapsed),
+                qx::bench::MedianRatio(times[i].elapsed, rival.elapsed),
+                1e3 * qx::bench::Median(times[i].processor),
+                qx::bench::MedianRatio(times[i].processor, rival.processor), ways[i]->pictures());
+    ok = ok && ways[i]->pictures() + 1 >= ways.front()->pictures();  // one may be under way
   }
   if (!ok) std::fprintf(stderr, "decode_bench: %s: pictures are missing\n", clip.c_str());
   return ok;

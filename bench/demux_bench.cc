@@ -11,11 +11,14 @@
 #include <memory>
 #include <vector>
 
+#include "bench/interleaved.h"
 #include "qx_utils/ffmpeg_handles.h"
 #include "qxtools/ffmpeg_demuxer.h"
 
 namespace {
 
+using qx::bench::Median;
+using qx::bench::MedianRatio;
 using qx::utils::internal::FfmpegPtr;
 using qx::utils::video::FfmpegDemuxer;
 using Clock = std::chrono::steady_clock;
@@ -24,14 +27,9 @@ double Seconds(Clock::time_point from, Clock::time_point to) {
   return std::chrono::duration<double>(to - from).count();
 }
 
-struct Times {
-  double open, read;
-};
-
 // Both loops read exactly `packets` packets of stream `index` and touch each: the pauses at the end
-// of a file are not what is compared.
-Times Bare(FfmpegDemuxer& opener, const char* path, int index, long packets) {
-  const auto begin = Clock::now();
+// of a file are not what is compared. They return the seconds of reading, without opening.
+double Bare(FfmpegDemuxer& opener, const char* path, int index, long packets) {
   const std::shared_ptr<AVFormatContext> input = opener.CreateFormatContext(path);
   const FfmpegPtr<AVPacket> packet(av_packet_alloc());
   const auto opened = Clock::now();
@@ -39,20 +37,14 @@ Times Bare(FfmpegDemuxer& opener, const char* path, int index, long packets) {
     if (packet->stream_index == index && packet->size > 0) --packets;
     av_packet_unref(packet.get());
   }
-  return {Seconds(begin, opened), Seconds(opened, Clock::now())};
+  return Seconds(opened, Clock::now());
 }
 
-Times Ours(FfmpegDemuxer& demuxer, const char* path, long packets) {
-  const auto begin = Clock::now();
+double Ours(FfmpegDemuxer& demuxer, const char* path, long packets) {
   demuxer.Open(path, {});
   const auto opened = Clock::now();
   while (packets > 0 && demuxer.ReadFrame()) --packets;
-  return {Seconds(begin, opened), Seconds(opened, Clock::now())};
-}
-
-double Median(std::vector<double> values) {
-  std::sort(values.begin(), values.end());
-  return values[values.size() / 2];
+  return Seconds(opened, Clock::now());
 }
 
 }  // namespace
@@ -66,21 +58,19 @@ int main(int argc, char** argv) {
   }
   long packets = 0;
   while (demuxer.ReadFrame()) ++packets;
-  const int rounds = argc > 2 ? std::max(1, std::atoi(argv[2])) : 101;
-  std::vector<double> bare, ours, read, whole;
-  for (int i = 0; i < rounds; ++i) {
-    const Times a = Bare(demuxer, argv[1], demuxer.VideoStreamIndex(), packets);
-    const Times b = Ours(demuxer, argv[1], packets);
-    bare.push_back(a.read);
-    ours.push_back(b.read);
-    read.push_back(b.read / a.read);
-    whole.push_back((b.open + b.read) / (a.open + a.read));
-  }
+  qx::bench::Rounds rounds;
+  rounds.count = argc > 2 ? std::max(1, std::atoi(argv[2])) : 101;
+  std::vector<double> bare, ours;
+  const std::vector<qx::bench::Times> whole = qx::bench::RunInterleaved(
+      {{"bare",
+        [&] { bare.push_back(Bare(demuxer, argv[1], demuxer.VideoStreamIndex(), packets)); }},
+       {"ours", [&] { ours.push_back(Ours(demuxer, argv[1], packets)); }}},
+      rounds);
   const double scale = 1e9 / static_cast<double>(packets);
-  std::printf("packets %ld, rounds %d (medians)\n", packets, rounds);
+  std::printf("packets %ld, rounds %d (medians)\n", packets, rounds.count);
   std::printf("av_read_frame  %8.0f ns per packet\n", Median(bare) * scale);
   std::printf("FfmpegDemuxer  %8.0f ns per packet\n", Median(ours) * scale);
-  std::printf("ratio          %8.3f read, %.3f open and read (at most 1.05)\n", Median(read),
-              Median(whole));
+  std::printf("ratio          %8.3f read, %.3f open and read (at most 1.05)\n",
+              MedianRatio(ours, bare), MedianRatio(whole[1].elapsed, whole[0].elapsed));
   return 0;
 }

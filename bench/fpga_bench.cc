@@ -10,6 +10,7 @@
 #include <thread>
 #include <vector>
 
+#include "bench/interleaved.h"
 #include "qxtools/emulated_board.h"
 #include "qxtools/fpga_correlation.h"
 
@@ -50,8 +51,7 @@ double MedianSleep() {
     std::this_thread::sleep_for(std::chrono::microseconds(100));
     sleeps.push_back(Microseconds(std::chrono::steady_clock::now() - start).count());
   }
-  std::sort(sleeps.begin(), sleeps.end());
-  return sleeps[kRuns / 2];
+  return qx::bench::Median(sleeps);
 }
 
 }  // namespace

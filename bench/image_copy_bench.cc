@@ -87,7 +87,7 @@ void Compare(int width, int height, int dst_pitch) {
   char title[80];
   std::snprintf(title, sizeof(title), "NV12 %d x %d, pitch %d to %d", width, height, width,
                 dst_pitch);
-  RunInterleaved(title, 2 * c.bytes(), all);
+  CompareThroughput(title, 2 * c.bytes(), all);
 }
 
 }  // namespace

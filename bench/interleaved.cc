@@ -6,39 +6,34 @@
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
+#include <functional>
 #include <new>
 #include <numeric>
 #include <random>
+#include <utility>
 
 namespace qx::bench {
 namespace {
 
-// One run takes at least this long, by repetition, to stay clear of the clock's own cost.
-constexpr double kMinSeconds = 200e-6;
-
-// The last-level cache takes a few rounds to give up what the contender before left there.
-constexpr int kUntimedRuns = 3;
-
-double ThreadSeconds() {
+double Seconds(clockid_t clock) {
   timespec now = {};
-  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
+  clock_gettime(clock, &now);
   return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
 }
 
-double Seconds(const std::function<void()>& run, int repeats) {
-  for (int i = 0; i < kUntimedRuns; ++i) run();
-  const double start = ThreadSeconds();
-  for (int i = 0; i < repeats; ++i) run();
-  return (ThreadSeconds() - start) / repeats;
+struct Turn {
+  double elapsed, processor;  // seconds of a run
+};
+
+Turn TakeTurn(const Contender& contender, int untimed, int repeats) {
+  for (int i = 0; i < untimed; ++i) contender.run();
+  const double processor = Seconds(CLOCK_PROCESS_CPUTIME_ID);
+  const double start = Seconds(CLOCK_MONOTONIC);
+  for (int i = 0; i < repeats; ++i) contender.run();
+  return {(Seconds(CLOCK_MONOTONIC) - start) / repeats,
+          (Seconds(CLOCK_PROCESS_CPUTIME_ID) - processor) / repeats};
 }
 
-double Median(std::vector<double> values) {
-  const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
-  std::nth_element(values.begin(), middle, values.end());
-  return *middle;
-}
-
-// Moving to another core in the middle would charge one contender for the cold caches.
 void StayOnThisCore() {
   cpu_set_t cores;
   CPU_ZERO(&cores);
@@ -48,31 +43,55 @@ void StayOnThisCore() {
 
 }  // namespace
 
-void RunInterleaved(const std::string& title, std::size_t bytes,
-                    const std::vector<Contender>& contenders, int rounds) {
-  StayOnThisCore();
-  const std::size_t count = contenders.size();
-  const int repeats = 1 + static_cast<int>(kMinSeconds / Seconds(contenders[0].run, 3));
-  std::vector<std::vector<double>> times(count), ratios(count);
-  std::vector<std::size_t> order(count);
+std::vector<Times> RunInterleaved(const std::vector<Contender>& contenders, const Rounds& rounds) {
+  if (rounds.one_core) StayOnThisCore();
+  int repeats = 1;
+  if (rounds.seconds > 0) {
+    const Turn turn = TakeTurn(contenders[0], rounds.untimed_runs, 3);
+    repeats += static_cast<int>(rounds.seconds / turn.processor);
+  }
+  std::vector<Times> times(contenders.size());
+  std::vector<std::size_t> order(contenders.size());
   std::iota(order.begin(), order.end(), std::size_t{0});
   std::mt19937 random(1);
-  for (int round = 0; round < rounds; ++round) {
-    std::vector<double> now(count);
+  for (int round = -rounds.warm_up; round < rounds.count; ++round) {
     std::shuffle(order.begin(), order.end(), random);
-    for (const std::size_t i : order) now[i] = Seconds(contenders[i].run, repeats);
-    for (std::size_t i = 0; i < count; ++i) {
-      times[i].push_back(now[i]);
-      ratios[i].push_back(now[i] / now[0]);
+    for (const std::size_t i : order) {
+      const Turn turn = TakeTurn(contenders[i], rounds.untimed_runs, repeats);
+      if (round < 0) continue;
+      times[i].elapsed.push_back(turn.elapsed);
+      times[i].processor.push_back(turn.processor);
     }
   }
+  return times;
+}
+
+double Median(std::vector<double> values) {
+  const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
+  std::nth_element(values.begin(), middle, values.end());
+  return *middle;
+}
+
+double MedianRatio(std::vector<double> values, const std::vector<double>& others) {
+  std::transform(values.begin(), values.end(), others.begin(), values.begin(), std::divides<>());
+  return Median(std::move(values));
+}
+
+void CompareThroughput(const std::string& title, std::size_t bytes,
+                       const std::vector<Contender>& contenders, int rounds) {
+  Rounds how;
+  how.count = rounds;
+  how.untimed_runs = 3;  // the last-level cache takes a few to give up what was left there before
+  how.seconds = 200e-6;
+  const std::vector<Times> times = RunInterleaved(contenders, how);
   std::printf("\n%s, %zu bytes read and written, medians of %d rounds\n", title.c_str(), bytes,
               rounds);
   std::printf("  %-44s %10s %8s %14s\n", "", "us", "GB/s", "time / first's");
-  for (std::size_t i = 0; i < count; ++i) {
-    const double seconds = Median(times[i]);
+  for (std::size_t i = 0; i < contenders.size(); ++i) {
+    const double seconds = Median(times[i].processor);
     std::printf("  %-44s %10.1f %8.2f %14.2f\n", contenders[i].name.c_str(), seconds * 1e6,
-                static_cast<double>(bytes) / seconds / 1e9, Median(ratios[i]));
+                static_cast<double>(bytes) / seconds / 1e9,
+                MedianRatio(times[i].processor, times[0].processor));
   }
 }
 

@@ -5,7 +5,6 @@
 #include <dlfcn.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
@@ -13,28 +12,28 @@
 #include <random>
 #include <vector>
 
+#include "bench/interleaved.h"
 #include "qx_utils/h264_h265_info_parse/start_code.h"
 
 extern "C" {
 #include <libavcodec/avcodec.h>
 }
 
+namespace qx::bench {
 namespace {
 
 using Buffer = std::vector<std::uint8_t>;
 // Counts the start codes of a whole buffer.
 using Scan = std::size_t (*)(const Buffer&);
 
-constexpr std::size_t kPacketBytes = std::size_t{256}
-                                     << 10;  // a large key frame; stays in the L2 cache
-constexpr int kRounds = 31;
-constexpr int kScansPerRound = 20;
+// A large key frame, which stays in the second cache.
+constexpr std::size_t kPacketBytes = std::size_t{256} << 10;
 
 std::size_t ScanWithFindStartCode(const Buffer& data) {
   const std::uint8_t* const end = data.data() + data.size();
   std::size_t count = 0;
-  const std::uint8_t* p = qx::utils::FindStartCode(data.data(), end);
-  for (; p != end; p = qx::utils::FindStartCode(p + qx::utils::kStartCodeBytes, end)) ++count;
+  const std::uint8_t* p = utils::FindStartCode(data.data(), end);
+  for (; p != end; p = utils::FindStartCode(p + utils::kStartCodeBytes, end)) ++count;
   return count;
 }
 
@@ -56,9 +55,13 @@ std::size_t ScanBySkipping(const Buffer& data) {
   return count;
 }
 
+volatile std::size_t scans_sum = 0;  // what was found, so that no scan is left out
+
 using FfmpegScanner = const std::uint8_t* (*)(const std::uint8_t*, const std::uint8_t*,
                                               std::uint32_t*);
-FfmpegScanner ffmpeg_scanner = nullptr;
+// Null where FFmpeg does not export it.
+const auto ffmpeg_scanner =
+    reinterpret_cast<FfmpegScanner>(dlsym(RTLD_DEFAULT, "avpriv_find_start_code"));
 
 std::size_t ScanWithFfmpeg(const Buffer& data) {
   const std::uint8_t* const end = data.data() + data.size();
@@ -115,20 +118,6 @@ std::size_t ScanWithMemchr(const Buffer& data) {
   return count;
 }
 
-double MedianGbPerSecond(Scan scan, const Buffer& data) {
-  std::vector<double> seconds;
-  volatile std::size_t sink = scan(data);
-  for (int round = 0; round < kRounds; ++round) {
-    const auto start = std::chrono::steady_clock::now();
-    for (int i = 0; i < kScansPerRound; ++i) sink = scan(data);
-    seconds.push_back(
-        std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count());
-  }
-  (void)sink;
-  std::nth_element(seconds.begin(), seconds.begin() + kRounds / 2, seconds.end());
-  return static_cast<double>(data.size()) * kScansPerRound / seconds[kRounds / 2] / 1e9;
-}
-
 Buffer RandomBytes(std::size_t bytes) {
   std::mt19937 random(1);
   Buffer data(bytes);
@@ -157,36 +146,46 @@ Buffer Slices() {
 }
 
 void Compare(const char* kind, const Buffer& data) {
-  const struct {
-    const char* name;
-    Scan scan;
-  } rivals[] = {{"FFmpeg byte scanner", ffmpeg_scanner == nullptr ? nullptr : ScanWithFfmpeg},
-                {"same algorithm, here", ScanBySkipping},
-                {"FFmpeg H.264 parser", ScanWithFfmpegParser},
-                {"memmem", ScanWithMemmem},
-                {"memchr for the 01", ScanWithMemchr}};
-  const double ours = MedianGbPerSecond(ScanWithFindStartCode, data);
-  std::printf("%-24s FindStartCode %31.2f GB/s\n", kind, ours);
-  for (const auto& rival : rivals) {
-    if (rival.scan == nullptr) continue;
-    const double theirs = MedianGbPerSecond(rival.scan, data);
-    std::printf("%-24s %-24s %20.2f GB/s   ratio %7.1f\n", kind, rival.name, theirs, ours / theirs);
+  std::vector<Contender> contenders;
+  const auto add = [&](const char* name, Scan scan) {
+    contenders.push_back({name, [scan, &data] { scans_sum += scan(data); }});
+  };
+  add("FindStartCode", ScanWithFindStartCode);
+  if (ffmpeg_scanner != nullptr) add("FFmpeg byte scanner", ScanWithFfmpeg);
+  add("same algorithm, here", ScanBySkipping);
+  add("FFmpeg H.264 parser", ScanWithFfmpegParser);
+  add("memmem", ScanWithMemmem);
+  add("memchr for the 01", ScanWithMemchr);
+  Rounds rounds;
+  rounds.count = 31;
+  rounds.untimed_runs = 1;
+  rounds.seconds = 200e-6;
+  const std::vector<Times> times = RunInterleaved(contenders, rounds);
+  const auto speed = [&](std::size_t i) {
+    return static_cast<double>(data.size()) / Median(times[i].processor) / 1e9;
+  };
+  std::printf("%-24s FindStartCode %31.2f GB/s\n", kind, speed(0));
+  for (std::size_t i = 1; i < contenders.size(); ++i) {
+    std::printf("%-24s %-24s %20.2f GB/s   ratio %7.1f\n", kind, contenders[i].name.c_str(),
+                speed(i), MedianRatio(times[i].processor, times[0].processor));
   }
 }
 
-}  // namespace
-
-int main() {
-  ffmpeg_scanner = reinterpret_cast<FfmpegScanner>(dlsym(RTLD_DEFAULT, "avpriv_find_start_code"));
-  av_log_set_level(AV_LOG_QUIET);
+void CompareAll() {
   Compare("slice data", Slices());
   Compare("random bytes", RandomBytes(kPacketBytes));
   Compare("all zeros", Buffer(kPacketBytes, 0));
   Compare("3-byte codes, no gaps", Repeated({0, 0, 1}));
   Compare("3-byte codes, 16 apart", Repeated({0, 0, 1, 9, 9, 9, 9, 9, 9, 9, 9, 9, 9, 9, 9, 9}));
-  Compare("4-byte codes, 64 apart", Repeated([] {
-            Buffer unit(64, 9);
-            std::copy_n("\0\0\0\1", 4, unit.begin());
-            return unit;
-          }()));
+  Buffer unit(64, 9);
+  std::copy_n("\0\0\0\1", 4, unit.begin());
+  Compare("4-byte codes, 64 apart", Repeated(unit));
+}
+
+}  // namespace
+}  // namespace qx::bench
+
+int main() {
+  av_log_set_level(AV_LOG_QUIET);
+  qx::bench::CompareAll();
 }
