@@ -55,10 +55,9 @@ __m256i WideCost(__m256i sums, __m256 scale) {
 struct Avx2 {
   using Vector = __m256i;
   using Sum = __m256i;
-  static constexpr std::size_t kVectorBytes = 32, kGroup = 4, kElementBytes = 2;
+  static constexpr std::size_t kVectorBytes = 32, kGroup = 4, kElementBytes = 2, kStep = 4;
   static constexpr std::size_t kPixels = 3;  // 12 sums, 3 left values and a vector: 16 registers
   static constexpr std::size_t kMinVectors = 4, kMaxVectors = 4;
-  static constexpr std::size_t kStep = kGroup;
   // Of the smallest second cache of these processors, 256 KiB, the rest is for left row and costs.
   static constexpr std::size_t kPackedBudget = std::size_t{192} * 1024;
   static constexpr bool kPacksLeft = true;  // widening them in the tile costs 5 to 10 %

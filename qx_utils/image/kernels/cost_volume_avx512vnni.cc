@@ -214,23 +214,15 @@ struct Avx512Vnni {
 };
 
 // Long K groups cost about a quarter more, but come in smaller steps of disparities.
-const CostVolumeKernel& KernelOf(const CostVolumeJob& job) {
+bool UsesLongGroups(const CostVolumeJob& job) {
   const std::size_t costs = Smaller(job.disparities, job.width);
   const std::size_t band = 16 * VectorsOf<Avx512Vnni<kShort>>(job);
-  const bool uses_long =
-      job.disparities < band || RoundUp(costs, band) * 4 > RoundUp(costs, 16) * 5;
-  return uses_long ? kKernel<Avx512Vnni<kLong>> : kKernel<Avx512Vnni<kShort>>;
-}
-
-std::size_t Scratch(const CostVolumeJob& job) { return KernelOf(job).scratch_bytes(job); }
-
-void Rows(const CostVolumeJob& job, std::size_t first_row, std::size_t end_row,
-          std::uint8_t* scratch) {
-  KernelOf(job).rows(job, first_row, end_row, scratch);
+  return job.disparities < band || RoundUp(costs, band) * 4 > RoundUp(costs, 16) * 5;
 }
 
 }  // namespace
 
-const CostVolumeKernel kCostVolumeAvx512Vnni = {Rows, Scratch};
+const CostVolumeKernel kCostVolumeAvx512Vnni =
+    kEitherKernel<Avx512Vnni<kShort>, Avx512Vnni<kLong>, UsesLongGroups>;
 
 }  // namespace qx::utils::image

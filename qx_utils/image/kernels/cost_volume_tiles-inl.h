@@ -214,11 +214,10 @@ QXTOOLS_INLINE void ComputeBand(const CostVolumeJob& job, const Plan& plan, cons
                                 std::size_t band, std::size_t bands) {
   // A band that would end past the last cost moves back and overlaps the one before.
   const std::size_t d = Smaller(band * plan.band, plan.cover - plan.band);
-  const std::size_t shares = bands * kVectorColumns<Isa>;
   const std::size_t columns = panel.end - panel.start;
   const std::size_t next = panel.row + panel.start + kBlockColumns<Isa>;  // pixel
-  const std::size_t inputs = kBlockColumns<Isa> * job.channels / shares;
-  const std::size_t costs = kBlockColumns<Isa> * job.disparities / shares;
+  const std::size_t inputs = Isa::kPixels * job.channels / bands;
+  const std::size_t costs = Isa::kPixels * job.disparities / bands;
   const std::size_t step = kVectorColumns<Isa> * job.disparities;
   const std::int8_t* left = panel.block;
   const std::int8_t* right = PackedAt<Isa>(plan, panel, panel.start) + d * kColumnBytes<Isa> -
@@ -369,6 +368,16 @@ void ComputeRows(const CostVolumeJob& job, std::size_t first_row, std::size_t en
 
 template <typename Isa>
 constexpr CostVolumeKernel kKernel = {ComputeRows<Isa>, ScratchBytes<Isa>};
+
+// Two sets of primitives; kTakesSecond() chooses for each job.
+template <typename First, typename Second, bool (*kTakesSecond)(const CostVolumeJob& job)>
+constexpr CostVolumeKernel kEitherKernel = {
+    [](const CostVolumeJob& job, std::size_t first, std::size_t end, std::uint8_t* scratch) {
+      (kTakesSecond(job) ? ComputeRows<Second> : ComputeRows<First>)(job, first, end, scratch);
+    },
+    [](const CostVolumeJob& job) {
+      return (kTakesSecond(job) ? ScratchBytes<Second> : ScratchBytes<First>)(job);
+    }};
 
 }  // namespace
 }  // namespace qx::utils::image
