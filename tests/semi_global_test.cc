@@ -72,7 +72,7 @@ struct Scene {
 
   std::vector<std::int8_t> volume;
   Bytes grey;
-  SemiGlobalJob job;
+  SemiGlobalJob job{};
 };
 
 // Follows all paths of one direction over the whole picture.
@@ -142,7 +142,7 @@ class Reference {
   }
 
   Bytes Half(int way) const {
-    const Bytes straight = Average(Follow(way, 0), Follow(0, way));
+    Bytes straight = Average(Follow(way, 0), Follow(0, way));
     if (job_.paths == 4) return straight;
     return Average(straight, Average(Follow(1, way), Follow(-1, way)));
   }

@@ -9,7 +9,9 @@
 //                            at the end
 //   kTail                    how many vectors may reach past the last disparity
 //   Load, Store              anywhere in memory
-//   Set, Broadcast           a byte in all lanes, from a register and from memory
+//   Set                      a byte in all lanes
+//   Splat, Broadcast         what a byte is kept as so that it can be read into all lanes
+//   Splatter(bytes, count, to)  makes splats of bytes; reads and writes up to kChunk of them
 //   Min, Max, Add, Subtract, AddSaturated
 //   Average                  rounded up
 //   Blend(mask, set, clear)  bytes of `set` where the mask's are 255, of `clear` where they are 0
@@ -54,7 +56,7 @@ QXTOOLS_INLINE void Unroll(const Body& body) {
 template <std::size_t... kNumbers>
 struct Numbers {};
 
-constexpr std::size_t kMostCells = 256;
+inline constexpr std::size_t kMostCells = 256;
 
 // Bytes that are 255 from the place kMostCells on, or there and at its two neighbours only: what is
 // loaded from kMostCells - d on is a mask of the cells from d on, or around d.
@@ -70,18 +72,24 @@ constexpr Masks MakeMasks() {
   return masks;
 }
 
-constexpr Masks kMasks = MakeMasks();
+inline constexpr Masks kMasks = MakeMasks();
 
 // Columns that are prepared together.
-constexpr std::size_t kChunk = 64;
+inline constexpr std::size_t kChunk = 64;
 
 // What a path pays for a jump to each of a chunk's columns. `any` is the cost of the cheapest path
 // that jumps, `least` that of the cheapest path before.
+template <typename Value>
 struct Jumps {
-  std::uint8_t horizontal[kChunk];  // prices
-  std::uint8_t any[kRowPaths][kChunk];
-  std::uint8_t least[kRowPaths][kChunk];
+  Value horizontal[kChunk];  // prices
+  Value any[kRowPaths][kChunk];
+  Value least[kRowPaths][kChunk];
 };
+
+// Jumps as they are broadcast. Instruction sets that broadcast from memory without a shuffle only
+// in words have every byte four times.
+template <typename Isa>
+using Splats = Jumps<typename Isa::Splat>;
 
 // Columns first .. first + count - 1 of a row, whose path costs follow each other in memory.
 struct Segment {
@@ -91,24 +99,26 @@ struct Segment {
 
 template <typename Isa, bool kDiagonals>
 QXTOOLS_INLINE void PrepareJumps(const SemiGlobalPlan& plan, const PassRow& row,
-                                 const Segment& segment, Jumps& jumps) {
+                                 const Segment& segment, Splats<Isa>& splats) {
+  alignas(kSemiGlobalAlignment) std::uint8_t any[kChunk], least[kChunk];
   const std::uint8_t* const grey = row.grey + segment.first;
-  const std::uint8_t* const before = row.grey_before + segment.first;
   for (std::size_t j = 0; j < segment.count; j += Isa::kBytes) {
-    const auto here = Isa::Load(grey + j);
-    Isa::Store(jumps.horizontal + j,
-               Isa::Prices(here, Isa::Load(grey + j - row.step), plan.prices));
-    for (std::size_t k = kDiagonals ? 0 : 1; k < (kDiagonals ? 3 : 2); ++k) {
-      Isa::Store(jumps.any[k] + j, Isa::Prices(here, Isa::Load(before + j + k - 1), plan.prices));
-    }
+    const auto before = Isa::Load(grey + j - row.step);
+    Isa::Store(any + j, Isa::Prices(Isa::Load(grey + j), before, plan.prices));
   }
-  const PathMinima* const minima = row.minima_before + segment.first;
+  Isa::Splatter(any, segment.count, splats.horizontal);
   for (std::size_t k = kDiagonals ? 0 : 1; k < (kDiagonals ? 3 : 2); ++k) {
+    const std::uint8_t* const grey_before = row.grey_before + segment.first + k - 1;
+    const PathMinima* const minima = row.minima_before + segment.first + k - 1;
     for (std::size_t j = 0; j < segment.count; ++j) {
-      const auto least = static_cast<std::uint8_t>(minima[j + k - 1] >> (8 * (k + 1)));
-      jumps.least[k][j] = least;
-      jumps.any[k][j] = static_cast<std::uint8_t>(jumps.any[k][j] + least);
+      least[j] = static_cast<std::uint8_t>(minima[j] >> (8 * (k + 1)));
     }
+    for (std::size_t j = 0; j < segment.count; j += Isa::kBytes) {
+      const auto price = Isa::Prices(Isa::Load(grey + j), Isa::Load(grey_before + j), plan.prices);
+      Isa::Store(any + j, Isa::Add(price, Isa::Load(least + j)));
+    }
+    Isa::Splatter(any, segment.count, splats.any[k]);
+    Isa::Splatter(least, segment.count, splats.least[k]);
   }
 }
 
@@ -280,7 +290,7 @@ template <typename Isa, std::size_t kVectors, bool kCompletes, bool kDiagonals>
 void ExtendSegment(const SemiGlobalPlan& plan_of_all, const PassRow& row, const Segment& segment) {
   using Vector = typename Isa::Vector;
   const SemiGlobalPlan plan = plan_of_all;  // a copy, which stores of costs cannot change
-  alignas(kSemiGlobalAlignment) Jumps jumps;
+  alignas(kSemiGlobalAlignment) Splats<Isa> jumps;
   PrepareJumps<Isa, kDiagonals>(plan, row, segment, jumps);
   Places at = PlacesOf(plan, row, segment);
   const std::ptrdiff_t step = row.step;
@@ -293,8 +303,8 @@ void ExtendSegment(const SemiGlobalPlan& plan_of_all, const PassRow& row, const 
     constexpr std::size_t kVector = decltype(v)::kValue;
     path[kVector] = Isa::Load(row.horizontal + kVector * Isa::kBytes);
   });
-  Vector least = Isa::Broadcast(reinterpret_cast<const std::uint8_t*>(at.minima - step));
-  Pixel<Isa, kVectors> pixel;
+  Vector least = Isa::Set(*reinterpret_cast<const std::uint8_t*>(at.minima - step));
+  Pixel<Isa, kVectors> pixel{};
   pixel.slant = Isa::Set(plan.slant);
   for (std::size_t n = 0; n < segment.count; ++n) {
     MatchCosts<Isa, kVectors>(plan, at.correlation, at.x, pixel);
@@ -363,13 +373,13 @@ struct Breaks {
   std::size_t columns[3];
 };
 
-Breaks BreaksOf(const SemiGlobalPlan& plan, const PassRow& row) {
+inline Breaks BreaksOf(const SemiGlobalPlan& plan, const PassRow& row) {
   const std::size_t turn = row.number % plan.slots;
   return {{turn, plan.slots - turn, plan.width - row.last_columns}};
 }
 
 // The next segment of columns first .. end - 1.
-Segment NextSegment(const Breaks& breaks, int step, std::size_t first, std::size_t end) {
+inline Segment NextSegment(const Breaks& breaks, int step, std::size_t first, std::size_t end) {
   std::size_t a = first, b = end;
   if (step > 0) {
     b = end - first > kChunk ? first + kChunk : end;
@@ -405,10 +415,10 @@ struct Chosen {
   std::uint8_t* below;  // sums at the cell before the chosen one, at it, and at the one after
   std::uint8_t* least;
   std::uint8_t* above;
-  std::uint8_t* found;  // 255 or 0; or the smallest sum elsewhere
+  std::uint8_t* found;  // 1 or 0; later the smallest sum elsewhere
 };
 
-Chosen SplitScratch(const SemiGlobalPlan& plan, std::uint8_t* scratch) {
+inline Chosen SplitScratch(const SemiGlobalPlan& plan, std::uint8_t* scratch) {
   const std::size_t pitch = plan.width + kSelectionSpare;
   return {scratch + kSemiGlobalAlignment,
           scratch + pitch,
@@ -461,24 +471,26 @@ QXTOOLS_INLINE void Choose(const SemiGlobalPlan& plan, const std::uint8_t* sums,
     const bool agrees = (sum[0] == smallest) | (*(sum - plan.pitch - 1) == smallest) |
                         (sum[plan.pitch + 1] == smallest);
     const bool matches = (sum[0] < 255) & (cell + plan.first_disparity <= x);
-    chosen.found[x] = (agrees & matches) ? 255 : 0;
+    chosen.found[x] = static_cast<std::uint8_t>(agrees & matches);
   }
 }
 
-// The quotients are exact enough: they are either halves or further from one than they are rounded.
+// Without branches, which would be taken at random. The quotients are exact enough: they are either
+// halves or further from one than they are rounded.
 inline void Refine(const SemiGlobalPlan& plan, const Chosen& chosen, std::uint16_t* disparity) {
   const int last = static_cast<int>(plan.disparities) - 1;
   const int first = static_cast<int>(plan.first_disparity);
+#pragma omp simd
   for (std::size_t x = 0; x < plan.width; ++x) {
     const int cell = chosen.cell[x];
-    const int difference = chosen.below[x] - chosen.above[x];
-    const int curvature = chosen.below[x] + chosen.above[x] - 2 * chosen.least[x];
-    const int slope = ((cell == 0) | (cell == last)) ? 0 : 128 * difference;
-    const int divisor = curvature > 0 ? curvature : 1;
-    const float quotient = static_cast<float>(slope) / static_cast<float>(divisor);
+    const int sides = chosen.below[x] + chosen.above[x] - 2 * chosen.least[x];
+    const int curvature = sides > 0 ? sides : 1;
+    const int inner = static_cast<int>(cell > 0) & static_cast<int>(cell < last);
+    const int slope = 128 * (chosen.below[x] - chosen.above[x]) * inner;
+    const float quotient = static_cast<float>(slope) / static_cast<float>(curvature);
     const int fraction = static_cast<int>(quotient + 128.5F) - 128;
-    const int refined = (first + cell) * 256 + fraction;
-    disparity[x] = static_cast<std::uint16_t>(chosen.found[x] != 0 ? refined : kNoMatch);
+    const int missing = chosen.found[x] - 1;  // 0 or -1, all bits of kNoMatch
+    disparity[x] = static_cast<std::uint16_t>(((first + cell) * 256 + fraction) | missing);
   }
 }
 
@@ -496,6 +508,7 @@ QXTOOLS_INLINE void Judge(const SemiGlobalPlan& plan, const std::uint8_t* sums,
     }
     elsewhere[x] = Isa::Least(smallest);
   }
+#pragma omp simd
   for (std::size_t x = 0; x < plan.width; ++x) {
     const int second = elsewhere[x];
     const int margin = second > chosen.least[x] ? second - chosen.least[x] : 0;

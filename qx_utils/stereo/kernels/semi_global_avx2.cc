@@ -6,9 +6,13 @@
 namespace qx::utils::stereo {
 namespace {
 
+// Keeps a count of trailing zeros defined where nothing is set; the count is not used then.
+constexpr std::uint64_t kTopBit = std::uint64_t{1} << 63;
+
 struct Avx2 {
   using Vector = __m256i;
-  using Quad = __m128i;
+  using Quad = __m256i;
+  using Splat = std::uint32_t;
   using Counts = Numbers<1, 2, 3, 4, 5, 6, 7, 8>;
   static constexpr std::size_t kBytes = 32, kTail = 1;
 
@@ -21,7 +25,18 @@ struct Avx2 {
   QXTOOLS_INLINE static Vector Set(std::uint8_t byte) {
     return _mm256_set1_epi8(static_cast<char>(byte));
   }
-  QXTOOLS_INLINE static Vector Broadcast(const std::uint8_t* from) { return Set(*from); }
+  QXTOOLS_INLINE static Vector Broadcast(const Splat* from) {
+    return _mm256_set1_epi32(static_cast<int>(*from));
+  }
+  QXTOOLS_INLINE static void Splatter(const std::uint8_t* bytes, std::size_t count, Splat* to) {
+    const Vector four_times = _mm256_setr_epi32(0, 0x01010101, 0x02020202, 0x03030303, 0x04040404,
+                                                0x05050505, 0x06060606, 0x07070707);
+    for (std::size_t i = 0; i < count; i += 8) {
+      long long eight;
+      __builtin_memcpy(&eight, bytes + i, sizeof(eight));
+      Store(to + i, _mm256_shuffle_epi8(_mm256_set1_epi64x(eight), four_times));
+    }
+  }
   QXTOOLS_INLINE static Vector Min(Vector a, Vector b) { return _mm256_min_epu8(a, b); }
   QXTOOLS_INLINE static Vector Max(Vector a, Vector b) { return _mm256_max_epu8(a, b); }
   QXTOOLS_INLINE static Vector Add(Vector a, Vector b) { return _mm256_add_epi8(a, b); }
@@ -57,15 +72,19 @@ struct Avx2 {
     const Vector ab = Min(_mm256_unpacklo_epi32(a, b), _mm256_unpackhi_epi32(a, b));
     const Vector cd = Min(_mm256_unpacklo_epi32(c, d), _mm256_unpackhi_epi32(c, d));
     const Vector all = Min(_mm256_unpacklo_epi64(ab, cd), _mm256_unpackhi_epi64(ab, cd));
-    __m128i quad = _mm_min_epu8(_mm256_castsi256_si128(all), _mm256_extracti128_si256(all, 1));
-    quad = _mm_min_epu8(quad, _mm_srli_epi32(quad, 16));
-    quad = _mm_min_epu8(quad, _mm_srli_epi32(quad, 8));
-    return _mm_shuffle_epi8(quad, _mm_set1_epi32(0x0C080400));
+    // Both halves go on alike, so that the first minimum needs no way across them.
+    Vector quad = Min(all, _mm256_permute2x128_si256(all, all, 0x01));
+    quad = Min(quad, _mm256_srli_epi32(quad, 16));
+    return Min(quad, _mm256_srli_epi32(quad, 8));
   }
   QXTOOLS_INLINE static void StoreMinima(PathMinima* to, Quad quad) {
-    *to = static_cast<PathMinima>(_mm_cvtsi128_si32(quad));
+    const __m128i low = _mm256_castsi256_si128(quad);
+    *to = static_cast<PathMinima>(
+        _mm_cvtsi128_si32(_mm_shuffle_epi8(low, _mm_set1_epi32(0x0C080400))));
   }
-  QXTOOLS_INLINE static Vector BroadcastFirst(Quad quad) { return _mm256_broadcastb_epi8(quad); }
+  QXTOOLS_INLINE static Vector BroadcastFirst(Quad quad) {
+    return _mm256_shuffle_epi8(quad, _mm256_setzero_si256());
+  }
 
   QXTOOLS_INLINE static __m128i LeastOf(Vector v) {
     const __m128i half = _mm_min_epu8(_mm256_castsi256_si128(v), _mm256_extracti128_si256(v, 1));
@@ -99,7 +118,7 @@ struct Avx2 {
       constexpr std::size_t kLow = 2 * (kPairs - 1 - decltype(n)::kValue);
       constexpr std::size_t kHigh = kLow + 1 < kVectors ? kLow + 1 : kLow;
       const std::uint64_t equal = Equal(v[kLow], v[kHigh], least);
-      const auto at = kLow * kBytes + static_cast<std::size_t>(__builtin_ctzll(equal));
+      const auto at = kLow * kBytes + static_cast<std::size_t>(__builtin_ctzll(equal | kTopBit));
       first = equal != 0 ? at : first;
     });
     return first;

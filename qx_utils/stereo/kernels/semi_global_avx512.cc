@@ -6,9 +6,13 @@
 namespace qx::utils::stereo {
 namespace {
 
+// Keeps a count of trailing zeros defined where nothing is set; the count is not used then.
+constexpr std::uint64_t kTopBit = std::uint64_t{1} << 63;
+
 struct Avx512 {
   using Vector = __m512i;
   using Quad = __m128i;
+  using Splat = std::uint32_t;
   using Counts = Numbers<1, 2, 3, 4>;
   static constexpr std::size_t kBytes = 64, kTail = 1;
 
@@ -17,7 +21,19 @@ struct Avx512 {
   QXTOOLS_INLINE static Vector Set(std::uint8_t byte) {
     return _mm512_set1_epi8(static_cast<char>(byte));
   }
-  QXTOOLS_INLINE static Vector Broadcast(const std::uint8_t* from) { return Set(*from); }
+  QXTOOLS_INLINE static Vector Broadcast(const Splat* from) {
+    return _mm512_set1_epi32(static_cast<int>(*from));
+  }
+  QXTOOLS_INLINE static void Splatter(const std::uint8_t* bytes, std::size_t count, Splat* to) {
+    const Vector four_times =
+        _mm512_setr_epi32(0, 0x01010101, 0x02020202, 0x03030303, 0x04040404, 0x05050505, 0x06060606,
+                          0x07070707, 0x08080808, 0x09090909, 0x0A0A0A0A, 0x0B0B0B0B, 0x0C0C0C0C,
+                          0x0D0D0D0D, 0x0E0E0E0E, 0x0F0F0F0F);
+    for (std::size_t i = 0; i < count; i += 16) {
+      const __m128i sixteen = _mm_loadu_si128(reinterpret_cast<const __m128i*>(bytes + i));
+      Store(to + i, _mm512_shuffle_epi8(_mm512_broadcast_i32x4(sixteen), four_times));
+    }
+  }
   QXTOOLS_INLINE static Vector Min(Vector a, Vector b) { return _mm512_min_epu8(a, b); }
   QXTOOLS_INLINE static Vector Max(Vector a, Vector b) { return _mm512_max_epu8(a, b); }
   QXTOOLS_INLINE static Vector Add(Vector a, Vector b) { return _mm512_add_epi8(a, b); }
@@ -90,7 +106,7 @@ struct Avx512 {
     Unroll<kVectors>([&](auto n) QXTOOLS_INLINE_BODY {
       constexpr std::size_t kVector = kVectors - 1 - decltype(n)::kValue;
       const std::uint64_t equal = _mm512_cmpeq_epi8_mask(v[kVector], least);
-      const auto at = kVector * kBytes + static_cast<std::size_t>(__builtin_ctzll(equal));
+      const auto at = kVector * kBytes + static_cast<std::size_t>(__builtin_ctzll(equal | kTopBit));
       first = equal != 0 ? at : first;
     });
     return first;

@@ -9,6 +9,7 @@ namespace {
 struct Neon {
   using Vector = uint8x16_t;
   using Quad = uint8x16_t;
+  using Splat = std::uint8_t;
   using Counts = Numbers<1, 2, 3, 4, 5, 6, 7, 8, 10, 12, 14, 16>;
   static constexpr std::size_t kBytes = 16, kTail = 2;
 
@@ -19,7 +20,10 @@ struct Neon {
     vst1q_u8(static_cast<std::uint8_t*>(to), v);
   }
   QXTOOLS_INLINE static Vector Set(std::uint8_t byte) { return vdupq_n_u8(byte); }
-  QXTOOLS_INLINE static Vector Broadcast(const std::uint8_t* from) { return vld1q_dup_u8(from); }
+  QXTOOLS_INLINE static Vector Broadcast(const Splat* from) { return vld1q_dup_u8(from); }
+  QXTOOLS_INLINE static void Splatter(const std::uint8_t* bytes, std::size_t count, Splat* to) {
+    for (std::size_t i = 0; i < count; i += kBytes) Store(to + i, Load(bytes + i));
+  }
   QXTOOLS_INLINE static Vector Min(Vector a, Vector b) { return vminq_u8(a, b); }
   QXTOOLS_INLINE static Vector Max(Vector a, Vector b) { return vmaxq_u8(a, b); }
   QXTOOLS_INLINE static Vector Add(Vector a, Vector b) { return vaddq_u8(a, b); }
