@@ -6,10 +6,9 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <functional>
 #include <iterator>
+#include <map>
 #include <sstream>
-#include <thread>
 
 #include "board/emulated/board_environment.h"
 #include "tests/testing/fpga_runs.h"
@@ -78,14 +77,8 @@ class FpgaBoard : public ::testing::Test {
     EXPECT_EQ(maps_.cost, maps_.Expected()) << NameOf(way);
   }
 
-  // Runs and returns the error, empty when the run went through.
-  std::string ErrorOf(Way way, const char* container = kDefaultXclbinPath, int device = 0) {
-    try {
-      maps_.Run(way, kDefaultCuName, container, device);
-      return "";
-    } catch (const std::runtime_error& error) {
-      return error.what();
-    }
+  std::string ErrorOf(Way way, const std::string& container = kDefaultXclbinPath, int device = 0) {
+    return maps_.ErrorOf(way, kDefaultCuName, container.c_str(), device);
   }
 
   const std::string file_ = testing::TempPath("fpga.container");
@@ -151,17 +144,12 @@ TEST_F(FpgaBoard, ContainerTextsAreChecked) {
       {"{", "", "parse error"},
       {"container 1", "container 2", "\"format\" must be"},
       {"\"kernel\": \"Corr\"", "\"kernel\": 5", "type must be string"},
-      {"\"kernel\": \"Corr\",", "", "'kernel' not found"},
-      {"\"0xA0000000\"", "\"0xFFFF8000\"", "base_address"},
+      {"\"0xA0000000\"", "\"0xFFFFF8000\"", "base_address"},
       {"\"0xA0000000\"", "\"A0000000\"", "must be a non-negative number"},
-      {"\"0xA0000000\"", "\"0xA00000000000000000\"", "must be a non-negative number"},
       {"\"height\": 2", "\"height\": 0", "no dimension"},
       {"\"height\": 2", "\"height\": 4294967295", "2^31 - 1"},
-      {"\"height\": 2", "\"height\": 4294967296", "exceeds 32 bits"},
       {"\"height\": 2", "\"height\": 17", "do not fit memory group 0: they need 16384 bytes"},
-      {"\"disparities\": 4", "\"disparities\": 769", "do not fit memory group 1"},
       {"\"offset\": 16", "\"offset\": 0", "argument 0: the offset"},
-      {"\"offset\": 16", "\"offset\": 18", "argument 0: the offset"},
       {"\"offset\": 16", "\"offset\": 4096", "argument 0: the offset"},
       {"\"offset\": 40", "\"offset\": 16", "argument 2: offset used twice"},
       {"40, \"group\": 1", "40, \"group\": 7", "argument 2: no memory group 7"},
@@ -182,20 +170,20 @@ TEST_F(FpgaBoard, ContainerTextsAreChecked) {
 }
 
 TEST_F(FpgaBoard, ContainerFileDecidesAddressesOffsetsAndGeometry) {
-  std::string text = Replaced("\"0xA0000000\"", "\"0xB0000010\"");  // low bits do not count
+  std::string text = Replaced("\"0xA0000000\"", "\"0x8B0000010\"");  // low bits do not count
   text.replace(text.find("\"offset\": 16"), 12, "\"offset\": 256");
   WriteContainer(text);
   ExpectGoodRun(Way::kObject);
   const CorrelationUnit unit = DescribeCorrelationUnit(0);
-  EXPECT_EQ(unit.base_address, 0xB0000010U);
+  EXPECT_EQ(unit.base_address, 0x8B0000010U);
   EXPECT_THAT(unit.offsets, ElementsAre(256, 0x1C, 40, 52));
   EXPECT_THAT(unit.memory_groups, ElementsAre(0, 0, 1));
   EXPECT_EQ(GetStatus().container, file_);
   EXPECT_FALSE(GetStatus().built_in);
   // The one-shot looks for the registers at their usual place, where nothing answers.
   SetKernelTimeLimit(milliseconds(10));
-  EXPECT_THROW(maps_.Run(Way::kOneShot, kDefaultCuName, file_.c_str()), KernelTimeout);
-  EXPECT_EQ(ErrorOf(Way::kOld, file_.c_str()), "");
+  EXPECT_THAT(ErrorOf(Way::kOneShot, file_), HasSubstr("did not finish within 10 ms"));
+  EXPECT_EQ(ErrorOf(Way::kOld, file_), "");
   EXPECT_EQ(maps_.cost, maps_.Expected());
 }
 
@@ -209,13 +197,12 @@ TEST_F(FpgaBoard, WhatCannotBeLoadedOrBoundSaysWhy) {
   const std::pair<std::string, std::string> cases[] = {
       {"/nowhere", "cannot open the container '/nowhere'"},
       {"/proc/self/stat", "'/proc/self/stat' is not a valid emulated-board container"},
-      {"/proc", "'/proc' is not a regular file"},
       {"/dev/zero", "'/dev/zero' is not a regular file"},
       {fifo, fifo + "' is not a regular file"},
       {large, large + "' is larger than 1 MiB"},
       {file_, "which has 'Warp:{Corr_1}'"}};
   for (const auto& [path, error] : cases) {
-    EXPECT_THAT(ErrorOf(Way::kOneShot, path.c_str()), HasSubstr(error));
+    EXPECT_THAT(ErrorOf(Way::kOneShot, path), HasSubstr(error));
   }
   fs::remove(fifo);
   fs::remove(large);
@@ -226,23 +213,21 @@ TEST_F(FpgaBoard, WhatCannotBeLoadedOrBoundSaysWhy) {
 
 TEST_F(FpgaBoard, ExclusiveAndSharedHandlesExcludeEachOther) {
   using Mode = xrt::kernel::cu_access_mode;
+  WriteContainer(kContainer);
   xrt::device device(0);
   const xrt::uuid container = device.load_xclbin(kDefaultXclbinPath);
   {
-    const Kernel_FPGA first(0, 512, 64), second(0, 512, 64);
+    xrt::kernel shared(device, container, kDefaultCuName, Mode::shared);
     EXPECT_THAT(ErrorOf(Way::kOld), HasSubstr("is in use"));
     EXPECT_EQ(ErrorOf(Way::kOneShot), "");
-    xrt::kernel shared(device, device.load_xclbin(kDefaultXclbinPath), kDefaultCuName,
-                       Mode::shared);
     EXPECT_THROW(shared.write_register(0x10, 0), std::runtime_error);
-    WriteContainer(kContainer);  // another container, while the unit is open
-    EXPECT_THAT(ErrorOf(Way::kOneShot, file_.c_str()), HasSubstr("cannot load"));
+    EXPECT_THAT(ErrorOf(Way::kOneShot, file_), HasSubstr("cannot load"));
   }
   const xrt::uuid other = device.load_xclbin(file_);
   EXPECT_THROW(xrt::kernel(device, container, kDefaultCuName, Mode::shared), std::runtime_error);
   xrt::kernel exclusive(device, other, kDefaultCuName, Mode::exclusive);
   for (const Way way : kWays) {
-    EXPECT_THAT(ErrorOf(way, file_.c_str()), HasSubstr("is in use exclusively"));
+    EXPECT_THAT(ErrorOf(way, file_), HasSubstr("is in use exclusively"));
   }
   EXPECT_THROW(exclusive.write_register(65536, 0), std::runtime_error);
   EXPECT_THROW((void)exclusive.read_register(2), std::runtime_error);
@@ -264,17 +249,13 @@ TEST_F(FpgaBoard, BuffersAreBlocksOfPhysicalMemory) {
   EXPECT_EQ(make(8193)->address(), base + 12288);  // the gap is too small
   EXPECT_EQ(make(8192)->address(), base);
   EXPECT_EQ(GetStatus().buffer_bytes, 8U);
-  const auto value = [&] {
-    std::uint64_t bytes = 0;
-    b->read(&bytes, 8, 0);
-    return bytes;
-  };
+  std::uint64_t value = 0;
   b->write(&one, 8, 0);
   b->sync(kSyncToDevice, 8, 0);
   b->write(&two, 8, 0);
-  EXPECT_EQ(value(), 2U);
   b->sync(kSyncFromDevice, 8, 0);
-  EXPECT_EQ(value(), 1U);
+  b->read(&value, 8, 0);
+  EXPECT_EQ(value, 1U);
   EXPECT_THROW(b->write(&one, 8, 1), std::runtime_error);
   EXPECT_THROW(b->sync(kSyncToDevice, 9, 0), std::runtime_error);
   for (const std::size_t bytes : {std::size_t{0}, std::size_t{0x40000000}, ~std::size_t{0}}) {
@@ -284,17 +265,16 @@ TEST_F(FpgaBoard, BuffersAreBlocksOfPhysicalMemory) {
 }
 
 TEST_F(FpgaBoard, RunsThatGiveNoResultAreReported) {
-  const auto errors_of = [](const Geometry& shape) {
-    StereoMaps maps(shape);
+  const std::pair<Geometry, const char*> cases[] = {
+      {{1, 8, 32, 8}, "the kernel needs 512 bytes"},
+      {{2, 8, 32, 2}, "the kernel writes 64 bytes at 0x40000000"},
+      {{2, 8, 32, 4}, "ends with an error value"}};
+  for (const auto& [shape, error] : cases) {
+    if (shape.disparities == 4) FailCall("unit.error");
     const LogCapture log;
-    maps.Run(Way::kOld);
-    return log.Messages(google::ERROR);
-  };
-  EXPECT_THAT(errors_of({1, 8, 32, 8}), ElementsAre(HasSubstr("the kernel needs 512 bytes")));
-  EXPECT_THAT(errors_of({2, 8, 32, 2}),
-              ElementsAre(HasSubstr("the kernel writes 64 bytes at 0x40000000")));
-  FailCall("unit.error");
-  EXPECT_THAT(errors_of({2, 8, 32, 4}), ElementsAre(HasSubstr("ends with an error value")));
+    StereoMaps(shape).Run(Way::kOld);
+    EXPECT_THAT(log.Messages(google::ERROR), ElementsAre(HasSubstr(error)));
+  }
 }
 
 TEST_F(FpgaBoard, SettingsComeFromTheEnvironmentAndAreChecked) {
@@ -322,12 +302,9 @@ TEST_F(FpgaBoard, SettingsComeFromTheEnvironmentAndAreChecked) {
     EXPECT_EQ(actual.str(), expected) << value;
     unsetenv(("QXTOOLS_BOARD_" + name).c_str());
   }
-  emulated_board::Settings bad[3];
-  bad[0].end_value = 1;
-  bad[1].run_time = std::chrono::microseconds(-1);
-  bad[2].geometry.channels = 0;
-  for (const auto& settings : bad) {
-    EXPECT_THROW(emulated_board::SetSettings(settings), std::invalid_argument);
+  for (const emulated_board::Settings& bad :
+       {emulated_board::Settings{{}, {}, 1}, {{}, std::chrono::microseconds(-1)}, {{1, 1, 0, 1}}}) {
+    EXPECT_THROW(emulated_board::SetSettings(bad), std::invalid_argument);
   }
   EXPECT_THROW(FailCall("xrt::bo::fly"), std::invalid_argument);
   EXPECT_THROW(FailCall("open", 0), std::invalid_argument);
@@ -337,6 +314,16 @@ TEST_F(FpgaBoard, EveryUseOfEveryCallCanFailAndNothingIsLeftBehind) {
   SetKernelTimeLimit(milliseconds(20));
   for (const Way way : kWays) ExpectGoodRun(way);
   const auto before = CountResources();
+  const std::string memory =
+      " /dev/mem for the correlation kernel's registers (this needs "
+      "superuser privileges): ";
+  const std::map<std::string, std::string> texts = {
+      // of errors that do not name the call
+      {"unit.error", ""},
+      {"nanosleep", ""},
+      {"unit.hang", "within 20 ms"},
+      {"open", "cannot open" + memory + "Permission denied"},
+      {"mmap", "cannot map" + memory + "Operation not permitted"}};
   std::vector<int> failures;
   for (const Way way : kWays) {
     failures.push_back(0);
@@ -346,58 +333,15 @@ TEST_F(FpgaBoard, EveryUseOfEveryCallCanFailAndNothingIsLeftBehind) {
         FailCall(call, nth);
         const std::string error = ErrorOf(way);
         if (emulated_board::ClearFaults() != 0) break;  // the run has fewer uses of this call
-        const bool passes = call == "unit.error" || call == "nanosleep";
-        EXPECT_THAT(error, HasSubstr(passes                ? ""
-                                     : call == "unit.hang" ? "within 20 ms"
-                                     : call == "mmap"      ? "map /dev/mem"
-                                                           : call));
-        EXPECT_EQ(error.empty(), passes);
+        const auto text = texts.find(call);
+        EXPECT_THAT(error, HasSubstr(text == texts.end() ? call : text->second));
+        EXPECT_EQ(error.empty(), text != texts.end() && text->second.empty());
         ExpectGoodRun(way);  // gives back what a run that hangs has kept
         EXPECT_EQ(CountResources(), before);
       }
     }
   }
   EXPECT_THAT(failures, ElementsAre(28, 26, 31));
-}
-
-// The buffers of a run that was given up went to the next object, and the late kernel wrote there.
-TEST_F(FpgaBoard, AKernelThatEndsLateWritesToNobodyElsesBuffers) {
-  SetKernelTimeLimit(milliseconds(20));
-  Kernel_FPGA kernel(0, 512, 64);
-  for (const auto& run : {std::function<void()>([&] { maps_.RunOn(kernel); }),
-                          std::function<void()>([&] { maps_.Run(Way::kOneShot); })}) {
-    FailCall("unit.hang");
-    EXPECT_THROW(run(), KernelTimeout);
-    const LogCapture log;
-    const std::size_t kept = GetStatus().buffers;
-    const Kernel_FPGA next(0, 512, 64);
-    EXPECT_EQ(GetStatus().buffers, kept + 3);
-    emulated_board::EndHungRun();
-    while (GetStatus().running) std::this_thread::yield();
-    EXPECT_THAT(log.Messages(google::ERROR), IsEmpty());
-    run();
-    EXPECT_EQ(maps_.cost, maps_.Expected());
-    EXPECT_EQ(GetStatus().buffers, 6U);
-  }
-}
-
-TEST_F(FpgaBoard, ARecordingHoldsCallsAccessesAndReleasesInOrder) {
-  auto kernel = std::make_unique<Kernel_FPGA>(0, 512, 64);
-  emulated_board::StartRecording();
-  maps_.RunOn(*kernel);
-  kernel.reset();
-  std::string recorded;
-  for (const auto& [name, detail] : emulated_board::TakeRecording()) {
-    if (name == "xrt::kernel::offset" || name == "close") continue;
-    recorded.append(name).append(" ").append(detail).append("; ");
-  }
-  EXPECT_EQ(recorded,
-            "load 0x0 0x0; xrt::bo::write 0x10000000 512; xrt::bo::write 0x10001000 512; "
-            "xrt::bo::sync 0x10000000 0; xrt::bo::sync 0x10001000 0; store 0x10 0x10000000; "
-            "store 0x1c 0x10001000; store 0x28 0x40000000; store 0x34 0x0; store 0x0 0x1; "
-            "unit.start ; unit.end ; load 0x0 0x6; xrt::bo::sync 0x40000000 1; "
-            "xrt::bo::read 0x40000000 64; munmap 4096; xrt::kernel::~kernel ; "
-            "xrt::bo::~bo 0x40000000; xrt::bo::~bo 0x10001000; xrt::bo::~bo 0x10000000; ");
 }
 
 }  // namespace

@@ -39,7 +39,7 @@ bool Overlap(const Range& a, const Range& b) {
 
 void CheckMemory(const Container& container) {
   if (container.base_address > kPhysicalMemoryBytes - kRegisterBlockBytes) {
-    Fail("\"base_address\" leaves no room for the registers below 4 GiB");
+    Fail("\"base_address\" leaves no room for the registers below 64 GiB");
   }
   std::vector<Range> taken = {{PageOf(container.base_address), kRegisterBlockBytes}};
   for (const auto& memory : container.memory) {
@@ -47,7 +47,7 @@ void CheckMemory(const Container& container) {
     if (memory.base % kPageBytes != 0 || memory.size % kPageBytes != 0 || memory.size == 0) {
       Fail(name + ": base and size must be multiples of 4096, and the size not zero");
     }
-    if (memory.size > kPhysicalMemoryBytes || memory.base > kPhysicalMemoryBytes - memory.size) {
+    if (memory.size > kBufferMemoryEnd || memory.base > kBufferMemoryEnd - memory.size) {
       Fail(name + ": must be below 4 GiB");
     }
     const Range range{memory.base, memory.size};

@@ -12,7 +12,8 @@
 
 namespace qx::board {
 
-constexpr std::uint64_t kPhysicalMemoryBytes = std::uint64_t{1} << 32;
+constexpr std::uint64_t kPhysicalMemoryBytes = std::uint64_t{1} << 36;
+constexpr std::uint64_t kBufferMemoryEnd = std::uint64_t{1} << 32;  // addresses have 32 bits
 constexpr std::uint64_t kRegisterBlockBytes = 65536;  // what the bus gives a compute unit
 
 // The default values are the built-in container.

@@ -99,12 +99,12 @@ kernel::kernel(const device& board, const uuid& container, const std::string& na
   handle_ = std::make_shared<Handle>(container, name, mode == cu_access_mode::exclusive);
 }
 
-int kernel::group_id(int argument) const {
+int kernel::group_id(int argument) {
   Enter("xrt::kernel::group_id", std::to_string(argument));
   return static_cast<int>(ArgumentOf(*handle_->container, argument).group);
 }
 
-std::uint32_t kernel::offset(int argument) const {
+std::uint32_t kernel::offset(int argument) {
   Enter("xrt::kernel::offset", std::to_string(argument));
   return ArgumentOf(*handle_->container, argument).offset;
 }
@@ -115,7 +115,7 @@ void kernel::write_register(std::uint32_t offset, std::uint32_t value) {
   Board::Get().unit().WriteRegister(offset, value);
 }
 
-std::uint32_t kernel::read_register(std::uint32_t offset) const {
+std::uint32_t kernel::read_register(std::uint32_t offset) {
   Enter("xrt::kernel::read_register", Hex(offset));
   handle_->RequireRegister(offset);
   return Board::Get().unit().ReadRegister(offset);
@@ -156,9 +156,9 @@ bo::bo(void* device, std::size_t bytes, flags kind, unsigned int memory_group) {
   block_ = std::make_shared<Block>(memory_group, bytes);
 }
 
-std::size_t bo::size() const { return block_->host.size(); }
+std::size_t bo::size() { return block_->host.size(); }
 
-std::uint64_t bo::address() const {
+std::uint64_t bo::address() {
   Enter("xrt::bo::address", block_->name);
   return block_->address;
 }
@@ -197,7 +197,7 @@ std::shared_ptr<XrtDeviceHandle> XrtDeviceHandle::get_instance() {
 }
 
 std::uint64_t XrtDeviceHandle::get_physical_base_address(const std::string& kernel,
-                                                         std::size_t core) const {
+                                                         std::size_t core) {
   Enter("xir::XrtDeviceHandle::get_physical_base_address", kernel + ' ' + std::to_string(core));
   const auto container = Board::Get().container();
   Require(kernel == container->kernel && core == 0,

@@ -1,4 +1,4 @@
-// The emulated board's physical memory: a sparse file of 4 GiB in memory.
+// The emulated board's physical memory: a sparse file of 64 GiB in memory.
 #pragma once
 
 #include <cstddef>

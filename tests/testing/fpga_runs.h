@@ -2,8 +2,10 @@
 #pragma once
 
 #include <cstdint>
+#include <exception>
 #include <memory>
 #include <random>
+#include <string>
 #include <vector>
 
 #include "qxtools/cost_volume.h"
@@ -16,7 +18,7 @@ enum class Way { kObject, kOneShot, kOld };
 constexpr Way kWays[] = {Way::kObject, Way::kOneShot, Way::kOld};
 
 inline const char* NameOf(Way way) {
-  return way == Way::kObject ? "Kernel_FPGA" : way == Way::kOneShot ? "one-shot" : "old one-shot";
+  return way == Way::kObject ? "Kernel_FPGA" : way == Way::kOneShot ? "one-shot" : "old_one-shot";
 }
 
 class StereoMaps {
@@ -51,6 +53,17 @@ class StereoMaps {
   }
   void RunOn(Kernel_FPGA& kernel) { kernel.CostVolume_FPGA(left.get(), right.get(), output.get()); }
 
+  // The same. Returns: the error, empty when there was none.
+  std::string ErrorOf(Way way, const char* unit = kDefaultCuName,
+                      const char* container = kDefaultXclbinPath, int device = 0) {
+    try {
+      Run(way, unit, container, device);
+      return "";
+    } catch (const std::exception& error) {
+      return error.what();
+    }
+  }
+
   // What the processor computes.
   Bytes Expected() const {
     Bytes bytes(cost.size());
@@ -66,9 +79,9 @@ class StereoMaps {
 
   const emulated_board::Geometry geometry;
   Bytes left_bytes, right_bytes, cost;
-  const std::shared_ptr<Frame> left = FrameOf(left_bytes, geometry.channels),
-                               right = FrameOf(right_bytes, geometry.channels);
-  std::shared_ptr<Frame> output = FrameOf(cost, geometry.disparities);
+  std::shared_ptr<Frame> left = FrameOf(left_bytes, geometry.channels),
+                         right = FrameOf(right_bytes, geometry.channels),
+                         output = FrameOf(cost, geometry.disparities);
 };
 
 // Settings of a board for small maps whose runs end before the first look at the control word;

@@ -14,7 +14,7 @@ class XrtDeviceHandle {
 
   // Physical base address of the registers of core `core` of `kernel`. Throws when the loaded
   // container has no such unit.
-  std::uint64_t get_physical_base_address(const std::string& kernel, std::size_t core) const;
+  std::uint64_t get_physical_base_address(const std::string& kernel, std::size_t core);
 };
 
 }  // namespace xir

@@ -1,5 +1,6 @@
 // A device buffer of the emulated board: a host copy, and a block of emulated physical memory that
-// is updated only by sync(). Every operation reports failure by throwing.
+// is updated only by sync(). Every operation reports failure by throwing. None is const, because a
+// real runtime's need not be.
 #pragma once
 
 #include <cstddef>
@@ -19,8 +20,8 @@ class bo {
 
   bo(void* device, std::size_t bytes, flags kind, unsigned int memory_group);
 
-  std::size_t size() const;
-  std::uint64_t address() const;  // physical
+  std::size_t size();
+  std::uint64_t address();  // physical
 
   void write(const void* source, std::size_t bytes, std::size_t offset);
   void read(void* destination, std::size_t bytes, std::size_t offset);
