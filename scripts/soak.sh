@@ -17,14 +17,13 @@ trap 'rm -rf "$work"' EXIT
 # The peers end when the other end of their standard input is closed.
 mkfifo "$work/alive"
 exec 9<>"$work/alive"
-peers=('rtsp_camera.py build/clips/left.h264' 'rtsp_faults.py describe close' 'rtsp_faults.py play close'
-  'rtsp_faults.py stream silent' 'rtsp_faults.py stream trickle' 'rtsp_faults.py stream garbage')
+faults=(: describe:close play:close stream:silent stream:trickle stream:garbage)
 urls=()
-for i in "${!peers[@]}"; do
-  # shellcheck disable=SC2086 # words of a command
-  tests/testing/${peers[i]} <"$work/alive" >"$work/port$i" 2>/dev/null 9>&- &
+for i in "${!faults[@]}"; do
+  tests/testing/rtsp_camera.py build/clips/left.h264 --fault "${faults[i]}" \
+    <"$work/alive" >"$work/port$i" 2>/dev/null 9>&- &
 done
-for i in "${!peers[@]}"; do
+for i in "${!faults[@]}"; do
   for _ in {1..100}; do
     [ ! -s "$work/port$i" ] || break
     sleep 0.1
@@ -32,7 +31,7 @@ for i in "${!peers[@]}"; do
   if [ -s "$work/port$i" ]; then
     urls+=("rtsp://127.0.0.1:$(<"$work/port$i")/cam")
   else
-    echo "SKIPPED: the peer '${peers[i]}' did not start"
+    echo "SKIPPED: the peer with fault '${faults[i]}' did not start"
   fi
 done
 build/dev/bench/soak "$minutes" build/clips "${urls[@]}" 9>&- &

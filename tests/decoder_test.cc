@@ -56,31 +56,23 @@ constexpr Setting kSettings[] = {{"least delay", 0, kDecodeOneThread, 1},
                                  {"slices", 0, kDecodeSliceThreads, 3},
                                  {"pictures", kMaxReorderDepth, kDecodePictureThreads, 3}};
 
-// Times and key pictures, in the order of the times. Raw streams have none and keep their order.
-using Moments = std::vector<std::tuple<std::int64_t, int, int, bool>>;
-
-Moments MomentsOf(const std::vector<testing::PacketPtr>& packets) {
-  Moments moments;
-  for (const auto& packet : packets) {
-    const auto times = *video::PacketTimesOf(packet);
-    moments.emplace_back(times.presentation, times.time_base_num, times.time_base_den, times.key);
-  }
-  std::stable_sort(moments.begin(), moments.end(), [](const auto& one, const auto& other) {
-    return std::get<0>(one) < std::get<0>(other);
+// Requires that the frames have the times and key marks of the packets, in the order of the times.
+// Raw streams have none and keep their order.
+void ExpectTimes(const std::vector<FramePtr>& frames,
+                 const std::vector<testing::PacketPtr>& packets) {
+  std::vector<video::PacketTimes> times;
+  for (const auto& packet : packets) times.push_back(*video::PacketTimesOf(packet));
+  std::stable_sort(times.begin(), times.end(), [](const auto& one, const auto& other) {
+    return one.presentation < other.presentation;
   });
-  return moments;
-}
-
-Moments MomentsOf(const std::vector<FramePtr>& frames) {
-  Moments moments;
-  for (const FramePtr& frame : frames) {
-    const FrameLayout& layout = *LayoutOf(frame);
-    moments.emplace_back(layout.presentation_time, layout.time_base_num, layout.time_base_den,
-                         layout.key);
-    EXPECT_FALSE(layout.damaged || layout.discontinuity);
-    EXPECT_EQ(layout.wall_clock_us, video::kNoTime);
+  ASSERT_EQ(frames.size(), times.size());
+  for (std::size_t i = 0; i < times.size(); ++i) {
+    const FrameLayout& l = *LayoutOf(frames[i]);
+    const auto& t = times[i];
+    EXPECT_EQ(std::tie(l.presentation_time, l.time_base_num, l.time_base_den, l.key),
+              std::tie(t.presentation, t.time_base_num, t.time_base_den, t.key));
+    EXPECT_FALSE(l.damaged || l.discontinuity || l.wall_clock_us != video::kNoTime);
   }
-  return moments;
 }
 
 class DecodeClip : public ::testing::TestWithParam<const char*> {};
@@ -111,7 +103,7 @@ TEST_P(DecodeClip, GivesFfmpegsPicturesInOrderWithTheirPointersAndTimes) {
     std::string samples;
     for (const FramePtr& frame : frames) samples += testing::Samples(frame);
     EXPECT_TRUE(samples == expected) << samples.size() << " bytes for " << expected.size();
-    EXPECT_EQ(MomentsOf(frames), MomentsOf(packets));
+    ExpectTimes(frames, packets);
   }
 }
 INSTANTIATE_TEST_SUITE_P(Clips, DecodeClip,
@@ -411,10 +403,7 @@ TEST(CopyPicture, KeepsPitchesRoundsChromaDownAndRefusesWhatDoesNotFit) {
   }
 }
 
-TEST(ConvertAvPixelFormat, KnowsThreeFormatsAndDiesOfOthers) {
-  EXPECT_EQ(ConvertAvPixelFormat(AV_PIX_FMT_YUV420P), 7);
-  EXPECT_EQ(ConvertAvPixelFormat(AV_PIX_FMT_NV12), 6);
-  EXPECT_EQ(ConvertAvPixelFormat(AV_PIX_FMT_NV21), 5);
+TEST(ConvertAvPixelFormat, DiesOfUnknownFormats) {
   EXPECT_DEATH(ConvertAvPixelFormat(AV_PIX_FMT_NONE),
                "Check failed: it != av2qx_map.end\\(\\) not found pixel format -1");
 }

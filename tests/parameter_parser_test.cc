@@ -1,6 +1,9 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <fstream>
+#include <sstream>
+
 #include "fuzz/params_properties.h"
 #include "tests/testing/test.h"
 
@@ -70,34 +73,20 @@ BitWriter ScalingLists(unsigned int lists) {
   return w;
 }
 
-// Made with: ffmpeg -f lavfi -i testsrc=size=1920x1080 -frames:v 2 -c:v libx264 (interlaced: with
-// -x264-params interlaced=1; 4:2:2: pix_fmt yuv422p10 and interlaced=1; 4:4:4: pix_fmt yuv444p)
-// and, at 1922x1082, -c:v libx265 (main; pix_fmt yuv444p10; -x265-params temporal-layers=1).
+// Those of encoders, which parameter_sets.txt lists.
 Cases EncoderCases() {
-  return {
-      {"x264 high", FromHex("67640028acd940780227e5c044000003000400000300c83c60c658"),
-       H264(1920, 1080)},
-      {"x264 baseline", FromHex("6742c028d900780227e5c044000003000400000300c83c60c920"),
-       H264(1920, 1080, 66)},
-      {"x264 interlaced", FromHex("67640028acd94078044fde0220000003002000000643e2c5b2c0"),
-       H264(1920, 1080)},
-      {"x264 4:4:4", FromHex("67f40028919b280f0044fc4e0220000003002000000641e30632c0"),
-       H264(1920, 1080, 244, 40, 3)},
-      {"x264 4:2:2 interlaced", FromHex("677a0028b6cd94078044fcb8088000000300800000190f8b16cb"),
-       H264(1920, 1080, 122, 40, 2)},
-      {"x265 main",
-       FromHex("420101016000000300900000030000030078a003c480110724996566924caf01680800000300080000"
-               "0300c840"),
-       H265(1928, 1088)},
-      {"x265 4:4:4",
-       FromHex("4201010408000003009c08000003000078900078900220e79db2cacd24995e02d01000000300100000"
-               "03019080"),
-       H265(1928, 1088, 4, 120, 3)},
-      {"x265 temporal layers",
-       FromHex("4201020160000003009000000300000300780000a003c4801107249965662b349265780b4040000003"
-               "004000000642"),
-       H265(1928, 1088)},
-  };
+  Cases cases;
+  std::ifstream list(QXTOOLS_PARAMETER_SETS);
+  for (std::string line; std::getline(list, line);) {
+    std::istringstream words(line);
+    std::string hex;
+    VideoParams p = {};
+    words >> hex >> p.width >> p.height >> p.profile_idc >> p.level_idc >> p.chroma_format_idc >>
+        p.nal_unit_type >> p.is_h265;
+    if (hex != "#") cases.push_back({hex, FromHex(hex), p});
+  }
+  EXPECT_THAT(cases, SizeIs(8));
+  return cases;
 }
 
 Cases WrittenH264Cases() {

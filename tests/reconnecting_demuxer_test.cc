@@ -159,7 +159,7 @@ TEST(ReconnectingDemuxer, PausesGrowUntilCancelled) {
 
 // Another thread cancels a pause of half a minute, a wait for an answer and a read in mid-stream.
 TEST(ReconnectingDemuxer, CancelEndsAnyWaitAndReadingGoesOn) {
-  const RtspPeer silent({"rtsp_faults.py", "describe", "silent"});
+  const RtspPeer silent({"rtsp_camera.py", kClips + "left.h264", "--fault", "describe:silent"});
   const RtspPeer slow({"rtsp_camera.py", kClips + "left.h264", "--pause", "35:2"});
   ReconnectPolicy policy;
   policy.first_pause = seconds(30);

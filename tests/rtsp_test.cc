@@ -37,13 +37,12 @@ void ForAllAtOnce(const Rows& rows,
 }
 
 struct Fault {
-  std::string name;  // stage and action
+  std::string name;  // stage:action
   DemuxerFault fault;
 };
 
 void ExpectFault(const Fault& row) {
-  const std::size_t blank = row.name.find(' ');
-  const RtspPeer server({"rtsp_faults.py", row.name.substr(0, blank), row.name.substr(blank + 1)});
+  const RtspPeer server({"rtsp_camera.py", kClips + "left.h264", "--fault", row.name});
   ASSERT_TRUE(server.started());
   FfmpegDemuxer demuxer;
   auto begin = steady_clock::now();
@@ -63,28 +62,28 @@ TEST(Rtsp, FaultsEndInTimeWithTheirNames) {
   const DemuxerFault timed_out = DemuxerFault::kTimedOut;
   const DemuxerFault closed = DemuxerFault::kClosedByPeer;
   const std::vector<Fault> rows = {
-      {"accept silent", timed_out},
-      {"options silent", timed_out},
-      {"describe silent", timed_out},
-      {"setup silent", timed_out},
-      {"play silent", timed_out},
-      {"stream silent", timed_out},
-      {"accept close", closed},
-      {"options close", closed},
-      {"describe close", closed},
-      {"setup close", closed},
-      {"play close", closed},
-      {"stream close", closed},
-      {"options error", DemuxerFault::kRefused},
-      {"describe error", DemuxerFault::kRefused},
-      {"play error", DemuxerFault::kRefused},
-      {"setup refused", DemuxerFault::kUnsupportedTransport},
-      {"describe trickle", timed_out},
-      {"stream trickle", timed_out},
-      {"describe garbage", timed_out},
-      {"stream garbage", timed_out},
-      {"describe huge", closed},
-      {"describe badsdp", DemuxerFault::kNoVideoStream},
+      {"accept:silent", timed_out},
+      {"options:silent", timed_out},
+      {"describe:silent", timed_out},
+      {"setup:silent", timed_out},
+      {"play:silent", timed_out},
+      {"stream:silent", timed_out},
+      {"accept:close", closed},
+      {"options:close", closed},
+      {"describe:close", closed},
+      {"setup:close", closed},
+      {"play:close", closed},
+      {"stream:close", closed},
+      {"options:error", DemuxerFault::kRefused},
+      {"describe:error", DemuxerFault::kRefused},
+      {"play:error", DemuxerFault::kRefused},
+      {"setup:refused", DemuxerFault::kUnsupportedTransport},
+      {"describe:trickle", timed_out},
+      {"stream:trickle", timed_out},
+      {"describe:garbage", timed_out},
+      {"stream:garbage", timed_out},
+      {"describe:huge", closed},
+      {"describe:badsdp", DemuxerFault::kNoVideoStream},
   };
   ForAllAtOnce(rows, ExpectFault);
 }
@@ -170,7 +169,7 @@ TEST(Rtsp, NoticesAKilledServer) { ExpectNoticed(SIGKILL, DemuxerFault::kClosedB
 TEST(Rtsp, NoticesAFrozenServer) { ExpectNoticed(SIGSTOP, DemuxerFault::kTimedOut); }
 
 TEST(Rtsp, TimeLimitAndCancelEndAWait) {
-  const RtspPeer server({"rtsp_faults.py", "describe", "silent"});
+  const RtspPeer server({"rtsp_camera.py", kClips + "left.h264", "--fault", "describe:silent"});
   ASSERT_TRUE(server.started());
   FfmpegDemuxer demuxer;
   demuxer.SetTimeLimit(milliseconds(300));

@@ -3,11 +3,24 @@
 
 Every client gets the file from the start, over and over, through its control connection. Picture n
 has the presentation time n / FPS. Prints the port once it listens; ends with its standard input.
+
+With --fault STAGE:ACTION it misbehaves instead of answering a request.
+STAGE:  accept options describe setup play, or stream (after PLAY was answered)
+ACTION: silent     says nothing and keeps the connection
+        close      closes the connection
+        error      answers 404
+        refused    answers 461: another transport, please
+        trickle    sends a byte of an answer every half second
+        garbage    sends pseudo-random bytes without end, and without the end of a line: a blank one
+                   would end an answer sooner or later, depending on how fast the bytes are read
+        huge       announces a body of 2 GB and sends it slowly
+        badsdp     answers with a session description that is none, and continues
 """
 import argparse
 import base64
 import hashlib
 import os
+import random
 import re
 import socket
 import struct
@@ -41,6 +54,7 @@ def parse_arguments():
     add('--close-after', type=int, default=0, help='closes the connection after that many pictures')
     add('--stop-after', type=int, default=0, help='sends no picture after that many')
     add('--reports', action='store_true', help='sender reports with the wall clock')
+    add('--fault', default=':', help='STAGE:ACTION')
     return parser.parse_args()
 
 
@@ -118,6 +132,7 @@ class Client:
         self.sequence = {}
         self.stall_at, self.stall = (float(part) for part in (args.stall or '-1:0').split(':'))
         self.stalls = False
+        self.fault_stage, self.fault = args.fault.split(':')
 
     def send(self, data):
         with self.sending:
@@ -199,20 +214,44 @@ class Client:
             return 'response="%s"' % proof in given
         return True
 
+    def misbehave(self, cseq):
+        head = ['RTSP/1.0 200 OK', 'CSeq: ' + cseq]
+        if self.fault == 'close':
+            raise OSError
+        if self.fault == 'trickle':
+            self.send_slowly('\r\n'.join(head + ['Session: 1', '', '']).encode())
+        if self.fault == 'huge':
+            self.send('\r\n'.join(head + ['Content-Length: 2147483647', '', '']).encode())
+            self.send_slowly(bytes(100))
+        noise = random.Random(1)
+        while self.fault == 'garbage':
+            self.send(bytes(noise.getrandbits(8) for _ in range(4096)).replace(b'\n', b''))
+        time.sleep(60)
+
+    def send_slowly(self, data):
+        for i in range(len(data)):
+            self.send(data[i:i + 1])
+            time.sleep(0.5)
+
     def answer(self, request):
         lines = request.decode(errors='replace').split('\r\n')
         method = lines[0].split(' ')[0]
         headers = {key.strip().lower(): value.strip() for key, _, value in
                    (line.partition(':') for line in lines[1:])}
         status, extra, body = '200 OK', ['Session: 1;timeout=60'], ''
-        if not self.authorised(method, headers):
+        fault = self.fault if method.lower() == self.fault_stage else ''
+        if fault and fault not in ('error', 'refused', 'badsdp'):
+            return self.misbehave(headers['cseq'])
+        if fault in ('error', 'refused'):
+            status = '404 Not Found' if fault == 'error' else '461 Unsupported Transport'
+        elif not self.authorised(method, headers):
             scheme = {'basic': 'Basic realm="%s"' % REALM,
                       'digest': 'Digest realm="%s", nonce="%s"' % (REALM, NONCE)}[self.args.auth]
             status, extra = '401 Unauthorized', ['WWW-Authenticate: ' + scheme]
         elif method == 'OPTIONS':
             extra.append('Public: OPTIONS, DESCRIBE, SETUP, PLAY, GET_PARAMETER, TEARDOWN')
         elif method == 'DESCRIBE':
-            body = self.clip.description(self.args)
+            body = 'no session\r\n' if fault else self.clip.description(self.args)
             extra += ['Content-Type: application/sdp', 'Content-Length: %d' % len(body)]
         elif method == 'SETUP':
             channels = re.search(r'interleaved=\d+-\d+', headers.get('transport', ''))
@@ -225,12 +264,16 @@ class Client:
         self.send('\r\n'.join(['RTSP/1.0 ' + status, 'CSeq: ' + headers.get('cseq', '0')] + extra +
                               ['', body]).encode())
         if method == 'PLAY' and status == '200 OK':
+            if self.fault_stage == 'stream':
+                return self.misbehave('1')
             self.start(self.play_video)
             if self.args.audio:
                 self.start(self.play_audio)
 
     def converse(self):
         """Answers until the client goes. What it sends of its own media is passed over."""
+        if self.fault_stage == 'accept':
+            self.misbehave('1')
         pending = b''
         while not self.done.is_set():
             data = self.peer.recv(4096)
