@@ -67,24 +67,22 @@ TEST(CostVolume, QuantisesWithALeakAndTiesUpwards) {
   }
 }
 
-TEST(CostVolume, CountsWholeBlocksOfChannels) {
-  const std::pair<std::uint32_t, int> cases[] = {{0, 0},   {1, 0},   {31, 0}, {32, 32},
-                                                 {33, 31}, {48, 21}, {96, 32}};
-  for (const auto& [channels, byte] : cases) {
-    Frames f(2, 7, channels, 3);
-    f.left.scale = 32.0F;  // 32 x whole blocks / channels
+TEST(CostVolume, CountsWholeBlocksOfChannelsAndMultipliesScalesInTheirOrder) {
+  const struct {
+    std::uint32_t channels;
+    float right, left, out;
+    int byte;  // 32 x whole blocks / channels, with scales of 1, 32, 1
+  } cases[] = {
+      {0, 1, 32, 1, 0},   {1, 1, 32, 1, 0},   {31, 1, 32, 1, 0},  {32, 1, 32, 1, 32},
+      {33, 1, 32, 1, 31}, {48, 1, 32, 1, 21}, {96, 1, 32, 1, 32}, {32, 1e20F, 1e20F, 1e-38F, 0xFF}};
+  for (const auto& c : cases) {
+    Frames f(2, 7, c.channels, 3);
+    f.right.scale = c.right;
+    f.left.scale = c.left;  // right x left may overflow before the output's scale can help
+    f.out.scale = c.out;
     f.Run();
-    EXPECT_EQ(f.out.bytes[3 * 6 + 1], byte) << channels;
+    EXPECT_EQ(f.out.bytes[3 * 6 + 1], c.byte) << c.channels;
   }
-}
-
-TEST(CostVolume, ScalesMultiplyInTheirOrder) {
-  Frames f(1, 1, 32, 1);
-  f.right.scale = 1e20F;
-  f.left.scale = 1e20F;  // right x left overflows before the output's scale can help
-  f.out.scale = 1e-38F;
-  f.Run();
-  EXPECT_EQ(f.out.bytes[0], 0xFF);
 }
 
 TEST(CostVolume, SameBytesForAnyNumberOfThreads) {
