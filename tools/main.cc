@@ -6,6 +6,8 @@
 #include <charconv>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <exception>
 #include <initializer_list>
 #include <iostream>
@@ -32,6 +34,17 @@ void OccupyStandardStreams() {
   int descriptor = open("/dev/null", O_RDONLY);
   while (descriptor >= 0 && descriptor <= STDERR_FILENO) descriptor = open("/dev/null", O_RDONLY);
   if (descriptor >= 0) close(descriptor);
+}
+
+// OpenMP's threads spin while they wait for work, and so take the processor from the threads that
+// decode and write: on two cores `stereo` needed 1.6 times as long. OpenMP reads its setting when
+// it is loaded, so the program starts itself again with it; if that fails, it continues as it is.
+void WaitWithoutSpinning(int argc, char** argv) {
+  const auto is_stereo = [](const char* word) { return std::strcmp(word, "stereo") == 0; };
+  if (std::getenv("OMP_WAIT_POLICY") != nullptr) return;
+  if (std::none_of(argv + 1, argv + argc, is_stereo)) return;
+  setenv("OMP_WAIT_POLICY", "passive", 0);
+  execv("/proc/self/exe", argv);
 }
 
 // A full disk may only be reported when the buffers are flushed.
@@ -123,6 +136,7 @@ void AcceptChoices(CLI::Option* option, const std::vector<std::string>& choices)
 }  // namespace qx::tools
 
 int main(int argc, char** argv) {
+  WaitWithoutSpinning(argc, argv);
   OccupyStandardStreams();
   // A reader that closed its pipe and a file at its size limit are errors like any other.
   std::signal(SIGPIPE, SIG_IGN);
