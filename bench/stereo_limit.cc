@@ -16,6 +16,7 @@ using Clock = std::chrono::steady_clock;
 
 constexpr int kPaths = 8;
 constexpr double kInstructionsPerCycle = 4;
+
 // A vector of the active instruction set, and the instructions that docs/stereo.md counts for the
 // sums of as many values and the selection from them.
 struct Cost {

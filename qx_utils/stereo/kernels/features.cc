@@ -9,6 +9,7 @@
 namespace qx::utils::stereo {
 namespace {
 
+// AVX-512 has none: with vectors of 64 bytes the same driver was no faster than with AVX2's.
 constexpr FeatureVariant kVariants[] = {
 #if defined(__x86_64__)
     {"avx2", internal::kCpuAvx2, &kFeaturesAvx2},
