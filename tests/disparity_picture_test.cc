@@ -1,10 +1,12 @@
 #include "tools/pictures/disparity_picture.h"
 
 #include <cmath>
+#include <filesystem>
 #include <stdexcept>
 #include <vector>
 
 #include "qxtools/stereo_matcher.h"
+#include "tests/testing/temp_path.h"
 #include "tests/testing/test.h"
 #include "tools/stereo_pipeline.h"
 
@@ -78,6 +80,24 @@ TEST(DisparityPicture, LegendLabelsAreRoundEvenlySpacedAndApart) {
       ASSERT_LE(labels.back().right, width);
     }
   }
+}
+
+// The limits are what the matcher reached in floating point, and 0.5 and 0.3 % more.
+TEST(StereoPipeline, IsAsAccurateAsItWasInFloatingPoint) {
+  const std::string clips = QXTOOLS_CLIPS_DIR "/";
+  StereoJob job;
+  job.left = clips + "aloe-left.pgm";
+  job.right = clips + "aloe-right.pgm";
+  job.ground_truth = clips + "aloe-disparity-left.pgm";
+  job.ground_truth_scale = 2;
+  job.matching.disparities = 112;
+  job.directory = testing::TempPath("accuracy");
+  const StereoSummary summary = RunStereo(job);
+  EXPECT_LT(summary.before->off_1, 0.1878 + 0.005);
+  EXPECT_LT(summary.before->off_2, 0.1727 + 0.003);
+  EXPECT_LT(summary.after->off_1, 0.0939 + 0.005);
+  EXPECT_LT(summary.after->off_2, 0.0568 + 0.003);
+  std::filesystem::remove_all(job.directory);
 }
 
 }  // namespace

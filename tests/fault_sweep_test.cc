@@ -10,9 +10,9 @@
 #include <utility>
 
 #include "qx_utils/ffmpeg_handles.h"
-#include "qxtools/stereo_matcher.h"
 #include "tests/testing/decoding.h"
 #include "tests/testing/fpga_runs.h"
+#include "tests/testing/stereo_frames.h"
 #include "tests/testing/test.h"
 
 namespace {
@@ -233,28 +233,22 @@ TEST(FaultSweep, EveryAllocationOfACostVolume) {
   }
 }
 
-std::string BytesOf(const velkar::vision::ImageFrame& frame) {
-  return std::string(reinterpret_cast<const char*>(frame.Data()), frame.DataSize());
-}
-
 TEST(FaultSweep, AKeptStereoMatcherAllocatesItsResultsAndNothingElse) {
-  std::array<std::uint8_t, std::size_t{60}* 20> grey = {};
-  for (std::size_t i = 0; i < grey.size(); ++i) grey[i] = static_cast<std::uint8_t>(i * i * i >> 3);
-  using velkar::vision::ImageFrameImpl;
-  const testing::FramePtr picture =
-      ImageFrameImpl::Create(kQXPixelFormatGray8, grey.data(), 20, 60, 1);
+  const testing::FramePtr picture = testing::NewFrame(kQXPixelFormatGray8, 20, 60, 1);
+  for (unsigned i = 0; i < picture->DataSize(); ++i) {
+    picture->Data()[i] = static_cast<std::uint8_t>(i * i * i >> 3);
+  }
   stereo::StereoOptions options;
   options.confidence = true;
   const auto match = [&](stereo::StereoMatcher& matcher) {
-    return BytesOf(*matcher.Match(picture, picture).filled);
+    return testing::BytesOf(matcher.Match(picture, picture).filled);
   };
   stereo::StereoMatcher kept(options);
   const std::string expected = match(kept);
   constexpr long kFrameBytesAndOwner = 3, kResults = 3;
   const auto use_again = [&](bool) { EXPECT_EQ(match(kept), expected); };
-  EXPECT_EQ(Sweep(
-                kNew, false, [&] { (void)kept.Match(picture, picture); }, use_again),
-            kFrameBytesAndOwner * kResults);
+  const auto use = [&] { (void)kept.Match(picture, picture); };
+  EXPECT_EQ(Sweep(kNew, false, use, use_again), kFrameBytesAndOwner * kResults);
   // One that is new, and again after its memory ran out.
   std::unique_ptr<stereo::StereoMatcher> fresh;
   const auto start = [&] {
@@ -262,9 +256,7 @@ TEST(FaultSweep, AKeptStereoMatcherAllocatesItsResultsAndNothingElse) {
     (void)fresh->Match(picture, picture);
   };
   const auto finish = [&](bool) {
-    if (fresh != nullptr) {
-      EXPECT_EQ(match(*fresh), expected);
-    }
+    EXPECT_TRUE(fresh == nullptr || match(*fresh) == expected);
     fresh.reset();
   };
   EXPECT_GT(Sweep(kNew, false, start, finish), 12);

@@ -4,12 +4,12 @@
 
 #include <omp.h>
 
-#include <array>
 #include <random>
 
-#include "qx_utils/image/kernels/cpu_features.h"
 #include "tests/testing/effort.h"
+#include "tests/testing/kernel_variants.h"
 #include "tests/testing/test.h"
+#include "tests/testing/threads.h"
 
 namespace qx::utils::stereo {
 namespace {
@@ -17,26 +17,8 @@ namespace {
 using Bytes = std::vector<std::uint8_t>;
 using Words = std::vector<std::uint16_t>;
 
-class Threads {
- public:
-  explicit Threads(int number) { omp_set_num_threads(number); }
-  ~Threads() { omp_set_num_threads(before_); }
-  Threads(const Threads&) = delete;
-  Threads& operator=(const Threads&) = delete;
-
- private:
-  const int before_ = omp_get_max_threads();
-};
-
-std::vector<SemiGlobalVariant> Supported() {
-  std::size_t count = 0;
-  const SemiGlobalVariant* table = SemiGlobalVariants(&count);
-  std::vector<SemiGlobalVariant> supported;
-  std::copy_if(table, table + count, std::back_inserter(supported), [](const auto& variant) {
-    return (variant.required & ~internal::SupportedFeatures()) == 0;
-  });
-  return supported;
-}
+using testing::SupportedVariants;
+using testing::Threads;
 
 struct Shape {
   std::size_t width, height, disparities, first;
@@ -116,8 +98,7 @@ class Reference {
       const std::size_t from_x = x - static_cast<std::size_t>(dx);
       const std::size_t from_y = y - static_cast<std::size_t>(dy);
       const bool begins = from_x >= job_.width || from_y >= job_.height;
-      const std::vector<int> zeros(job_.disparities, 0);
-      std::vector<int> before = zeros;
+      std::vector<int> before(job_.disparities);
       if (!begins) {
         const auto* from = &costs[(from_y * job_.width + from_x) * job_.disparities];
         before.assign(from, from + job_.disparities);
@@ -150,17 +131,13 @@ class Reference {
   const SemiGlobalJob& job_;
 };
 
-struct Selected {
-  Words disparity;
-  Bytes confidence;
-};
+using Selected = std::pair<Words, Bytes>;  // disparities and confidence
 
 Selected Select(const SemiGlobalKernel& kernel, const SemiGlobalJob& job, const Words& sums) {
   SemiGlobalScratch scratch;
   Selected selected{Words(job.width * job.height), Bytes(job.width * job.height)};
   SelectDisparities(kernel, sums.data(), job.width, job.height, job.disparities,
-                    job.first_disparity, scratch, selected.disparity.data(),
-                    selected.confidence.data());
+                    job.first_disparity, scratch, selected.first.data(), selected.second.data());
   return selected;
 }
 
@@ -181,18 +158,17 @@ struct LateRows {
 
 void ExpectMatch(const SemiGlobalKernel& kernel, const SemiGlobalJob& job, const Selected& wanted,
                  SemiGlobalScratch& scratch) {
-  Words disparity(job.width * job.height);
-  Bytes confidence(disparity.size());
+  Selected selected{Words(job.width * job.height), Bytes(job.width * job.height)};
+  auto& [disparity, confidence] = selected;
   LateRows late{job};
   SemiGlobalJob later = job;
   later.correlation = late.volume.data();
   MatchVolume(kernel, later, {LateRows::Compute, &late}, scratch, disparity.data(),
               confidence.data());
-  EXPECT_EQ(disparity, wanted.disparity);
-  EXPECT_EQ(confidence, wanted.confidence);
+  EXPECT_EQ(selected, wanted);
   std::fill(disparity.begin(), disparity.end(), std::uint16_t{1});
   MatchVolume(kernel, job, {}, scratch, disparity.data(), nullptr);
-  EXPECT_EQ(disparity, wanted.disparity);
+  EXPECT_EQ(disparity, wanted.first);
 }
 
 // Every variant, alone, with a thread for each pass, and with rows that follow each other.
@@ -201,16 +177,14 @@ void Compare(const Shape& shape, int least, int most) {
   const Words wanted = Reference(scene.job).Sums();
   const Selected selected = Select(kSemiGlobalScalar, scene.job, wanted);
   SemiGlobalScratch scratch;
-  for (const SemiGlobalVariant& variant : Supported()) {
+  for (const SemiGlobalVariant& variant : SupportedVariants(SemiGlobalVariants)) {
     for (const int number : {1, 2, 5}) {
       SCOPED_TRACE(::testing::Message() << variant.name << ", " << number << " threads, " << shape);
       const Threads threads(number);
       Words sums(wanted.size());
       AggregateCosts(*variant.kernel, scene.job, scratch, sums.data());
       ASSERT_EQ(sums, wanted);
-      const Selected chosen = Select(*variant.kernel, scene.job, sums);
-      ASSERT_EQ(chosen.disparity, selected.disparity);
-      ASSERT_EQ(chosen.confidence, selected.confidence);
+      ASSERT_EQ(Select(*variant.kernel, scene.job, sums), selected);
       ExpectMatch(*variant.kernel, scene.job, selected, scratch);
       if (::testing::Test::HasFailure()) return;
     }
@@ -235,66 +209,51 @@ TEST(SemiGlobal, SameSumsAsPathsFollowedOneByOne) {
 TEST(SemiGlobal, SameSumsForAnyShape) {
   std::mt19937 random(15);
   for (std::size_t n = 0; n < 12 * qx::testing::Effort(); ++n) {
-    const std::size_t disparities = 1 + random() % 256;
-    const Shape shape{1 + random() % 100,
-                      1 + random() % 6,
-                      disparities,
-                      random() % (257 - disparities),
-                      random() % 4 == 0 ? 4 : 8,
-                      static_cast<int>(random() % 60),
-                      static_cast<int>(60 + random() % 196)};
+    Shape shape{1 + random() % 100, 1 + random() % 6, 1 + random() % 256, 0, 8};
+    shape.first = random() % (257 - shape.disparities);
+    if (random() % 4 == 0) shape.paths = 4;
+    shape.slant = static_cast<int>(random() % 60);
+    shape.jump = static_cast<int>(60 + random() % 196);
     ASSERT_NO_FATAL_FAILURE(Compare(shape, random() % 2 == 0 ? -20 : -128, 127));
   }
 }
 
-// One row of sums: all 100 but those that a case sets.
+// One row of sums: all 100 but those of pixel 9, or `x`, that a case sets.
 TEST(SemiGlobal, SelectsRefinesAndChecks) {
   struct Sum {
-    std::size_t x, d;
+    std::size_t d;
     std::uint16_t value;
+    std::size_t x = 9;
   };
   constexpr std::uint16_t kNone = 0xFFFF;
   const struct {
     const char* what;
     std::vector<Sum> sums;
-    std::size_t x;
     std::size_t first;
     std::uint16_t wanted;
+    std::uint16_t others = 100;
   } cases[] = {
-      {"symmetric", {{9, 3, 20}}, 9, 0, 3 * 256},
-      {"a quarter to the right", {{9, 3, 20}, {9, 4, 60}}, 9, 0, 3 * 256 + 43},
-      {"a quarter to the left", {{9, 3, 20}, {9, 2, 60}}, 9, 0, 3 * 256 - 43},
-      {"a tie takes the first", {{9, 3, 20}, {9, 4, 20}}, 9, 0, 3 * 256 + 128},
-      {"no parabola at the ends", {{9, 7, 20}, {9, 6, 60}}, 9, 0, 7 * 256},
-      {"counted from the first disparity", {{9, 3, 20}}, 9, 6, 9 * 256},
-      {"leads out of the picture", {{9, 3, 20}}, 9, 7, kNone},
-      {"the right pixel prefers another", {{9, 3, 20}, {11, 5, 19}}, 9, 0, kNone},
-      {"the right pixel prefers a neighbour", {{9, 3, 20}, {10, 4, 19}}, 9, 0, 3 * 256},
-      {"the right pixel likes both", {{9, 3, 20}, {11, 5, 20}}, 9, 0, 3 * 256},
-      {"nothing matches",
-       std::vector<Sum>{{9, 0, 300},
-                        {9, 1, 255},
-                        {9, 2, 255},
-                        {9, 3, 256},
-                        {9, 4, 999},
-                        {9, 5, 255},
-                        {9, 6, 255},
-                        {9, 7, 0xFFFF}},
-       9, 0, kNone},
+      {"symmetric", {{3, 20}}, 0, 3 * 256},
+      {"a quarter to the right", {{3, 20}, {4, 60}}, 0, 3 * 256 + 43},
+      {"a quarter to the left", {{3, 20}, {2, 60}}, 0, 3 * 256 - 43},
+      {"a tie takes the first", {{3, 20}, {4, 20}}, 0, 3 * 256 + 128},
+      {"no parabola at the ends", {{7, 20}, {6, 60}}, 0, 7 * 256},
+      {"counted from the first disparity", {{3, 20}}, 6, 9 * 256},
+      {"leads out of the picture", {{3, 20}}, 7, kNone},
+      {"the right pixel prefers another", {{3, 20}, {5, 19, 11}}, 0, kNone},
+      {"the right pixel prefers a neighbour", {{3, 20}, {4, 19, 10}}, 0, 3 * 256},
+      {"the right pixel likes both", {{3, 20}, {5, 20, 11}}, 0, 3 * 256},
+      {"nothing matches", {{0, 300}, {3, 256}, {4, 999}, {7, 0xFFFF}}, 0, kNone, 255},
   };
   for (const auto& c : cases) {
     constexpr std::size_t kWidth = 20, kDisparities = 8;
-    Words sums(kWidth * kDisparities, 100);
+    Words sums(kWidth * kDisparities, c.others);
     for (const Sum& sum : c.sums) sums[sum.x * kDisparities + sum.d] = sum.value;
-    SemiGlobalJob job{};
-    job.width = kWidth;
-    job.height = 1;
-    job.disparities = kDisparities;
-    job.first_disparity = c.first;
-    for (const SemiGlobalVariant& variant : Supported()) {
-      const Selected selected = Select(*variant.kernel, job, sums);
-      EXPECT_EQ(selected.disparity[c.x], c.wanted) << c.what << ", " << variant.name;
-      EXPECT_EQ(selected.confidence[c.x] == 0, c.wanted == kNone) << c.what;
+    const SemiGlobalJob job{nullptr, {}, kWidth, 1, kDisparities, c.first, 0, 0, 8};
+    for (const SemiGlobalVariant& variant : SupportedVariants(SemiGlobalVariants)) {
+      const auto [disparity, confidence] = Select(*variant.kernel, job, sums);
+      EXPECT_EQ(disparity[9], c.wanted) << c.what << ", " << variant.name;
+      EXPECT_EQ(confidence[9] == 0, c.wanted == kNone) << c.what;
     }
   }
 }

@@ -1,17 +1,16 @@
 // Feature maps, medians, speckles and filling: every variant that this processor runs, byte for
 // byte against `scalar`, and `scalar` against what it should mean.
-#include <omp.h>
-
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <functional>
 #include <random>
 
-#include "qx_utils/image/kernels/cpu_features.h"
 #include "qx_utils/stereo/kernels/disparity_map.h"
 #include "qx_utils/stereo/kernels/features.h"
-#include "tests/testing/guarded_buffer.h"
+#include "tests/testing/kernel_variants.h"
 #include "tests/testing/test.h"
+#include "tests/testing/threads.h"
 
 namespace qx::utils::stereo {
 namespace {
@@ -24,16 +23,7 @@ struct Size {
   std::size_t width, height;
 };
 
-template <typename Variant>
-std::vector<Variant> VariantsHere(const Variant* (*table)(std::size_t*)) {
-  std::size_t count = 0;
-  const Variant* const first = table(&count);
-  std::vector<Variant> here;
-  std::copy_if(first, first + count, std::back_inserter(here), [](const Variant& variant) {
-    return (variant.required & ~internal::SupportedFeatures()) == 0;
-  });
-  return here;
-}
+using testing::SupportedVariants;
 
 class StereoKernels : public ::testing::Test {
  protected:
@@ -57,20 +47,18 @@ class StereoKernels : public ::testing::Test {
     Map map(size.width * size.height);
     for (std::size_t i = 0; i < map.size(); ++i) {
       const bool gap = random_() % 64 < 8 * missing || (missing > 0 && i / 20 % 7 == 0);
-      const auto disparity = i % size.width * 40 + i / 50 % 3 * 700 + random_() % 300;
+      const auto disparity = i % size.width * 40 + i / 50 % 3 * 704 + random_() % 38 * 8;
       map[i] = gap ? kNone : static_cast<std::uint16_t>(disparity % 65281);
     }
     return map;
   }
 
-  // The calls that follow use 1, 2 and 3 threads in turns.
-  void TakeTurns() { omp_set_num_threads(1 + turn_++ % 3); }
-  void TearDown() override { omp_set_num_threads(threads_); }
+  // 1, 2 and 3 threads in turns.
+  int NextTeam() { return 1 + turn_++ % 3; }
 
   std::mt19937 random_{15};
 
  private:
-  const int threads_ = omp_get_max_threads();
   int turn_ = 0;
 };
 
@@ -80,25 +68,15 @@ TEST_F(StereoKernels, FeaturesAreTheSameForEveryVariantAndThreadCount) {
       [this] { return 100 + static_cast<int>(random_() % 4); },  // hardly above the noise
       [this] { return 255 * static_cast<int>(random_() % 2); },  // the steepest
       [this] { return random_() % 33 == 0 ? 255 : 0; }};         // isolated points
-  for (const Size& size : std::initializer_list<Size>{{1, 1},
-                                                      {2, 3},
-                                                      {5, 2},
-                                                      {15, 7},
-                                                      {16, 4},
-                                                      {17, 9},
-                                                      {33, 8},
-                                                      {127, 2},
-                                                      {128, 3},
-                                                      {129, 3},
-                                                      {145, 4},
-                                                      {271, 5},
-                                                      {300, 9}}) {
+  constexpr Size kSizes[] = {{1, 1},   {2, 3},   {5, 2},   {15, 7},  {16, 4},  {17, 9}, {33, 8},
+                             {127, 2}, {128, 3}, {129, 3}, {145, 4}, {271, 5}, {300, 9}};
+  for (const Size& size : kSizes) {
     for (const auto& grey : textures) {
       const std::size_t shift = random_() % (size.width + 2), gap = random_() % 3;
       const auto at = random_;
       const auto expected = Features(kFeaturesScalar, size, grey, shift, gap);
-      for (const FeatureVariant& variant : VariantsHere(FeatureVariants)) {
-        TakeTurns();
+      for (const FeatureVariant& variant : SupportedVariants(FeatureVariants)) {
+        const testing::Threads threads(NextTeam());
         random_ = at;
         ASSERT_EQ(Features(*variant.kernel, size, grey, shift, gap), expected)
             << variant.name << ' ' << size.width << 'x' << size.height << " shift " << shift;
@@ -143,38 +121,37 @@ TEST_F(StereoKernels, ProductsOfFeaturesAreCorrelations) {
 }
 
 TEST_F(StereoKernels, FeaturesOfFlatPicturesAreNull) {
-  EXPECT_THAT(Features(
-                  kFeaturesScalar, {8, 8}, [] { return 255; }, 0, 0),
-              Each(0));
+  const auto white = [] { return 255; };
+  EXPECT_THAT(Features(kFeaturesScalar, {8, 8}, white, 0, 0), Each(0));
+}
+
+// Returns: the map without gaps, and its medians of radius 1 and 2; each written over a copy of
+// the map, which is its input when `in_place`.
+std::array<Map, 3> Smooth(const MedianKernel& kernel, const Map& map, const Size& size,
+                          bool in_place, DisparityScratch& scratch) {
+  std::array<Map, 3> results = {map, map, map};
+  const auto input = [&](Map& result) { return in_place ? result.data() : map.data(); };
+  for (const int radius : {1, 2}) {
+    Map& result = results[static_cast<std::size_t>(radius)];
+    MedianFilter(kernel, input(result), size.width, size.height, radius, scratch, result.data());
+  }
+  FillMissing(kernel, input(results[0]), size.width, size.height, scratch, results[0].data());
+  return results;
 }
 
 TEST_F(StereoKernels, MediansAndFillingAreTheSameForEveryVariantAndThreadCount) {
   DisparityScratch scratch, other;
-  for (const Size& size : std::initializer_list<Size>{
-           {1, 1}, {1, 6}, {2, 2}, {7, 5}, {15, 4}, {16, 3}, {17, 9}, {33, 20}, {70, 31}, {3, 1}}) {
+  constexpr Size kSizes[] = {{1, 1},  {1, 6},  {2, 2},   {7, 5},   {15, 4},
+                             {16, 3}, {17, 9}, {33, 20}, {70, 31}, {3, 1}};
+  for (const Size& size : kSizes) {
     for (unsigned missing = 0; missing <= 8; missing += 2) {
       const Map map = Surface(size, missing);
-      Map expected[3];
-      for (Map& result : expected) result.resize(map.size());
-      for (const int radius : {1, 2}) {
-        MedianFilter(kMedianScalar, map.data(), size.width, size.height, radius, scratch,
-                     expected[radius].data());
-      }
-      FillMissing(kMedianScalar, map.data(), size.width, size.height, scratch, expected[0].data());
-      EXPECT_EQ(std::count(expected[0].begin(), expected[0].end(), kNone), 0);
-      for (const MedianVariant& variant : VariantsHere(MedianVariants)) {
-        SCOPED_TRACE(variant.name);
-        TakeTurns();
-        for (const int radius : {1, 2}) {
-          Map in_place = map;
-          MedianFilter(*variant.kernel, in_place.data(), size.width, size.height, radius, other,
-                       in_place.data());
-          ASSERT_EQ(in_place, expected[radius]) << size.width << ' ' << missing << ' ' << radius;
-        }
-        Map in_place = map;
-        FillMissing(*variant.kernel, in_place.data(), size.width, size.height, other,
-                    in_place.data());
-        ASSERT_EQ(in_place, expected[0]) << size.width << ' ' << missing;
+      const auto expected = Smooth(kMedianScalar, map, size, false, scratch);
+      EXPECT_THAT(expected[0], Each(::testing::Ne(kNone)));
+      for (const MedianVariant& variant : SupportedVariants(MedianVariants)) {
+        const testing::Threads threads(NextTeam());
+        ASSERT_EQ(Smooth(*variant.kernel, map, size, true, other), expected)
+            << variant.name << ' ' << size.width << ' ' << missing;
       }
     }
   }
@@ -182,7 +159,7 @@ TEST_F(StereoKernels, MediansAndFillingAreTheSameForEveryVariantAndThreadCount) 
 
 // Every way in which values of a window can be missing, against sorting what is left.
 TEST_F(StereoKernels, MediansOfWindowsWithMissingValues) {
-  for (const MedianVariant& variant : VariantsHere(MedianVariants)) {
+  for (const MedianVariant& variant : SupportedVariants(MedianVariants)) {
     for (unsigned gaps = 0; gaps < 512; ++gaps) {
       Map window(3 * 20, kNone), present;
       for (unsigned i = 0; i < 9; ++i) {
