@@ -22,17 +22,12 @@ struct Model {
   std::uint64_t end;
 
   Model(const std::uint8_t* data, std::size_t size) : end(8 * size) {
-    std::string raw_run;  // what was kept since byte 0 or the last byte skipped
+    unsigned int zeros = 0;  // in a row, behind byte 0 and the last byte skipped
     for (std::size_t i = 0; i < 2 * size + 1; ++i) {
       const std::uint8_t byte = i < size ? data[i] : std::uint8_t{0};
-      const bool after_two_zeros = raw_run.size() >= 2 &&
-                                   raw_run.substr(raw_run.size() - 2) == "zz" &&
-                                   (raw_run.size() == 2 || raw_run[raw_run.size() - 3] != 'z');
-      if (byte == 3 && after_two_zeros) {
-        raw_run.clear();
-        continue;
-      }
-      raw_run += i > 0 && byte == 0 ? 'z' : 'n';
+      const bool skipped = byte == 3 && zeros == 2;
+      zeros = i > 0 && byte == 0 ? zeros + 1 : 0;
+      if (skipped) continue;
       for (unsigned int bit = 0; bit < 8; ++bit) {
         bits += (byte << bit & 0x80) != 0 ? '1' : '0';
         after.push_back(8 * i + bit + 1);

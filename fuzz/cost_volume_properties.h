@@ -5,8 +5,8 @@
 #include <string>
 
 #include "qx_utils/image/kernels/cost_volume.h"
-#include "qx_utils/image/kernels/cpu_features.h"
 #include "tests/testing/guarded_buffer.h"
+#include "tests/testing/kernel_variants.h"
 
 namespace qx::fuzzing {
 
@@ -38,16 +38,13 @@ std::string DifferingVariant(const Shape& shape, float scale, Value value,
   std::memset(expected.data(), 0xEE, costs);
   utils::image::kCostVolumeScalar.rows(job, 1, kRows, nullptr);
   job.cost = values(actual);
-  std::size_t count = 0;
-  const auto* table = utils::image::CostVolumeVariants(&count);
-  for (std::size_t v = 0; v < count; ++v) {
-    if ((table[v].required & ~utils::internal::SupportedFeatures()) != 0) continue;
-    const std::size_t bytes = table[v].kernel->scratch_bytes(job) + kCostVolumeAlignment - 1;
+  for (const auto& variant : testing::SupportedVariants(utils::image::CostVolumeVariants)) {
+    const std::size_t bytes = variant.kernel->scratch_bytes(job) + kCostVolumeAlignment - 1;
     const testing::GuardedBuffer scratch(bytes / kCostVolumeAlignment * kCostVolumeAlignment);
     std::memset(scratch.data(), 0xA5, scratch.size());
     std::memset(actual.data(), 0xEE, costs);
-    table[v].kernel->rows(job, 1, kRows, scratch.data());
-    if (std::memcmp(actual.data(), expected.data(), costs) != 0) return table[v].name;
+    variant.kernel->rows(job, 1, kRows, scratch.data());
+    if (std::memcmp(actual.data(), expected.data(), costs) != 0) return variant.name;
   }
   return "";
 }

@@ -27,13 +27,9 @@ struct Input {
   std::size_t count;
 };
 
-const std::uint16_t* DisparitiesOf(const FramePtr& frame) {
-  return reinterpret_cast<const std::uint16_t*>(frame->Data());
-}
-
 void CheckResult(const StereoResult& result, const StereoOptions& options) {
-  const std::uint16_t* const disparity = DisparitiesOf(result.disparity);
-  const std::uint16_t* const filled = DisparitiesOf(result.filled);
+  const auto* const disparity = reinterpret_cast<const std::uint16_t*>(result.disparity->Data());
+  const auto* const filled = reinterpret_cast<const std::uint16_t*>(result.filled->Data());
   const int last = options.first_disparity + options.disparities - 1;
   for (std::size_t i = 0; i < result.confidence->DataSize(); ++i) {
     Require(filled[i] <= kDisparityUnits * last);
@@ -43,11 +39,13 @@ void CheckResult(const StereoResult& result, const StereoOptions& options) {
   }
 }
 
+}  // namespace
+
 // Input: the size, the options, where the right picture begins and the threads, then the values of
 // all pictures and maps over and over.
-void Run(const std::uint8_t* data, std::size_t size) {
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   constexpr std::size_t kHeader = 8;
-  if (size <= kHeader) return;
+  if (size <= kHeader) return 0;
   const Input input{1U + data[0] % 48U, 1U + data[1] % 12U, data[7], data + kHeader,
                     size - kHeader};
   StereoOptions options;
@@ -71,12 +69,7 @@ void Run(const std::uint8_t* data, std::size_t size) {
   CheckResult(matcher.MatchFeatures(input.Frame(kQXPixelFormatUint8, 64, 0),
                                     input.Frame(kQXPixelFormatUint8, 64, input.shift), left),
               options);
-}
-
-}  // namespace
-}  // namespace qx::utils::stereo
-
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  qx::utils::stereo::Run(data, size);
   return 0;
 }
+
+}  // namespace qx::utils::stereo

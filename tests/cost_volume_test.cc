@@ -1,12 +1,11 @@
 #include "qxtools/cost_volume.h"
 
-#include <omp.h>
-
 #include <cmath>
 #include <random>
 
 #include "qx_utils/image/kernels/cpu_features.h"
 #include "tests/testing/test.h"
+#include "tests/testing/threads.h"
 
 namespace qx::utils::image {
 namespace {
@@ -15,12 +14,7 @@ namespace {
 class LooseFrame : public velkar::vision::ImageFrame {
  public:
   LooseFrame(std::uint32_t height, std::uint32_t width, std::uint32_t channels, std::uint8_t fill)
-      : bytes(std::size_t{height} * width * channels, fill),
-        data(bytes.data()),
-        size(static_cast<std::uint32_t>(bytes.size())),
-        h(height),
-        w(width),
-        c(channels) {
+      : h(height), w(width), c(channels), bytes(std::size_t{height} * width * channels, fill) {
     pixel_format = kQXPixelFormatUint8;
   }
   std::uint8_t* Data() const override { return data; }
@@ -29,9 +23,10 @@ class LooseFrame : public velkar::vision::ImageFrame {
   std::uint32_t Width() const override { return w; }
   std::uint32_t Channel() const override { return c; }
 
+  std::uint32_t h, w, c;
   std::vector<std::uint8_t> bytes;
-  std::uint8_t* data;
-  std::uint32_t size, h, w, c;
+  std::uint8_t* data = bytes.data();
+  std::uint32_t size = static_cast<std::uint32_t>(bytes.size());
 };
 
 struct Frames {
@@ -91,24 +86,20 @@ TEST(CostVolume, SameBytesForAnyNumberOfThreads) {
   for (auto* bytes : {&f.left.bytes, &f.right.bytes}) {
     for (auto& byte : *bytes) byte = static_cast<std::uint8_t>(random());
   }
-  const int before = omp_get_max_threads();
-  omp_set_num_threads(1);
-  f.Run();
-  const std::vector<std::uint8_t> one = f.out.bytes;
-  for (const int threads : {2, 7}) {
-    omp_set_num_threads(threads);
+  std::vector<std::uint8_t> one;
+  for (const int number : {1, 2, 7}) {
+    const testing::Threads threads(number);
     std::fill(f.out.bytes.begin(), f.out.bytes.end(), std::uint8_t{0xEE});
     f.Run();
-    EXPECT_EQ(f.out.bytes, one) << threads;
+    if (number == 1) one = f.out.bytes;
+    EXPECT_EQ(f.out.bytes, one) << number;
   }
-  omp_set_num_threads(before);
   f.out.data = f.left.bytes.data() + 33 * 64;  // the first row's costs over the second row
   f.Run();
   EXPECT_TRUE(std::equal(one.begin(), one.end(), f.out.data)) << "laid over an input";
 }
 
 TEST(CostVolume, RefusesFramesThatDoNotFit) {
-  constexpr std::uint32_t kHuge = 1U << 16;
   const struct {
     const char* reason;
     void (*spoil)(Frames&);
@@ -123,8 +114,7 @@ TEST(CostVolume, RefusesFramesThatDoNotFit) {
       {"32 bits", [](Frames& f) { f.out.c = 1U << 28; }},
       {"32 bits",
        [](Frames& f) {
-         f.left.h = f.right.h = f.out.h = f.left.w = f.right.w = f.out.w = kHuge;
-         f.left.c = f.right.c = kHuge;
+         for (auto* frame : {&f.left, &f.right, &f.out}) frame->h = frame->w = frame->c = 1U << 16;
        }},
       {"Data() is null", [](Frames& f) { f.left.data = nullptr; }},
       {"Data() is null", [](Frames& f) { f.right.data = nullptr; }},

@@ -3,7 +3,6 @@
 #include <cmath>
 #include <filesystem>
 #include <stdexcept>
-#include <vector>
 
 #include "qxtools/stereo_matcher.h"
 #include "tests/testing/temp_path.h"

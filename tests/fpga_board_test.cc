@@ -159,13 +159,8 @@ TEST_F(FpgaBoard, ContainerTextsAreChecked) {
       {"12288", "\"0x60001000\"", "memory group 1: overlaps"},
   };
   for (const auto& [from, to, error] : cases) {
-    std::string said = "nothing";
-    try {
-      emulated_board::CheckContainer(Replaced(from, to));
-    } catch (const std::runtime_error& thrown) {
-      said = thrown.what();
-    }
-    EXPECT_THAT(said, HasSubstr(error)) << to;
+    const auto check = [text = Replaced(from, to)] { emulated_board::CheckContainer(text); };
+    EXPECT_THAT(testing::ErrorOf<std::runtime_error>(check), HasSubstr(error)) << to;
   }
 }
 

@@ -1,6 +1,5 @@
 #include "fuzz/image_copy_properties.h"
 
-#include <array>
 #include <numeric>
 #include <stdexcept>
 #include <tuple>
@@ -81,15 +80,16 @@ TEST(MemcpyFunc, ChecksTheCapacity) {
 }
 
 TEST(AlignmentHelper, RoundsUpIn32Bits) {
-  const std::array<unsigned int, 3> cases[] = {// value, alignment, result
-                                               {1, 16, 16},
-                                               {16, 16, 16},
-                                               {17, 16, 32},
-                                               {5, 0, 0},
-                                               {7, 3, 9},
-                                               {0xFFFFFFFF, 16, 0},
-                                               {0xFFFFFFFF, 1, 0xFFFFFFFF}};
-  for (const auto& c : cases) EXPECT_EQ(AlignmentHelper(c[0], c[1]), c[2]);
+  const struct {
+    unsigned int value, alignment, result;
+  } cases[] = {{1, 16, 16},
+               {16, 16, 16},
+               {17, 16, 32},
+               {5, 0, 0},
+               {7, 3, 9},
+               {0xFFFFFFFF, 16, 0},
+               {0xFFFFFFFF, 1, 0xFFFFFFFF}};
+  for (const auto& c : cases) EXPECT_EQ(AlignmentHelper(c.value, c.alignment), c.result);
   ReleaseResources();
 }
 

@@ -40,6 +40,10 @@ Bytes With(Change change) {
   return sps.Stream();
 }
 
+Bytes Cropped(const std::vector<std::uint64_t>& crop) {
+  return With<H264Sps>([&](auto& s) { s.crop = crop; });
+}
+
 Bytes FromHex(const std::string& hex) {
   Bytes bytes = {0, 0, 0, 1};
   for (std::size_t i = 0; i < hex.size(); i += 2) {
@@ -91,10 +95,7 @@ Cases EncoderCases() {
 
 Cases WrittenH264Cases() {
   Cases cases = {
-      {"cropped", With<H264Sps>([](auto& s) {
-         s.crop = {0, 0, 0, 4};
-       }),
-       H264(1920, 1080)},
+      {"cropped", Cropped({0, 0, 0, 4}), H264(1920, 1080)},
       {"uncropped", H264Sps().Stream(), H264(1920, 1088)},
       {"fields", With<H264Sps>([](auto& s) {
          s.frame_mbs_only = false, s.height_minus1 = 33, s.crop = {3, 5, 1, 1};
@@ -114,17 +115,9 @@ Cases WrittenH264Cases() {
       {"order type 2", With<H264Sps>([](auto& s) { s.poc_type = 2; }), H264(1920, 1088)},
       {"order type 1 with a damaged count",
        With<H264Sps>([](auto& s) { s.poc_type = 1, s.poc_cycle = 0xFFFFFFFE; }), H264(16, 32)},
-      {"cropped to nothing", With<H264Sps>([](auto& s) {
-         s.crop = {960, 0, 272, 272};
-       }),
-       H264(0, 0)},
-      {"cropped beyond", With<H264Sps>([](auto& s) {
-         s.crop = {961, 0, 500, 45};
-       }),
-       H264(0, 0)},
-      {"cropped by sums beyond 32 bits", With<H264Sps>([](auto& s) {
-         s.crop = {0x80000000, 0x80000000, 0x80000000, 1};
-       }),
+      {"cropped to nothing", Cropped({960, 0, 272, 272}), H264(0, 0)},
+      {"cropped beyond", Cropped({961, 0, 500, 45}), H264(0, 0)},
+      {"cropped by sums beyond 32 bits", Cropped({0x80000000, 0x80000000, 0x80000000, 1}),
        H264(0, 0)},
       {"sizes beyond 32 bits",
        With<H264Sps>([](auto& s) { s.width_minus1 = 0x10000000, s.height_minus1 = 0xFFFFFFFE; }),
@@ -257,7 +250,6 @@ TEST(ParameterParser, SearchesTheFirst2GiBOfALargerBuffer) {
 
 TEST(ParameterParser, LogsTheSearch) {
   const Bytes pps = {0, 0, 0, 1, 0x68, 0xEE, 0x3C, 0x80}, vps = {0, 0, 0, 1, 0x40, 0x01};
-  const auto crop = With<H264Sps>([](auto& s) { s.crop = {1, 2, 3, 4000000000}; });
   const auto logged = [](const Bytes& stream, bool is_h265, int verbosity) {
     const LogCapture log(verbosity);
     const auto* data = reinterpret_cast<const char*>(stream.data());
@@ -276,7 +268,7 @@ TEST(ParameterParser, LogsTheSearch) {
   EXPECT_EQ(logged(pps, false, 1), "type code is 8; si = 0 start_i = 4; not found SPS; ");
   EXPECT_EQ(logged({0, 0, 1, 0x67}, false, 2), "not found SPS; ");
   EXPECT_EQ(logged({9, 0, 0, 0, 1}, false, 2) + logged({}, true, 2), "");
-  EXPECT_EQ(logged(crop, false, 2),
+  EXPECT_EQ(logged(Cropped({1, 2, 3, 4000000000}), false, 2),
             "type code is 7; found h264 SPS at 4; si = 0 start_i = 4; chroma_format=1; "
             "crop_unit_x=2, left_offset=1, right_offset=2; "
             "crop_unit_y=2, top_offset=3, bottom_offset=4000000000; ");

@@ -27,9 +27,8 @@ struct Shape {
 };
 
 std::ostream& operator<<(std::ostream& out, const Shape& s) {
-  return out << s.width << " x " << s.height << ", disparities " << s.first << " + "
-             << s.disparities << ", " << s.paths << " paths, penalties " << s.slant << " and "
-             << s.jump;
+  return out << s.width << 'x' << s.height << ", disparities " << s.first << '+' << s.disparities
+             << ", " << s.paths << " paths, penalties " << s.slant << ' ' << s.jump;
 }
 
 // A volume and a guide of random values; `range` limits the correlations.

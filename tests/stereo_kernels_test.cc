@@ -53,13 +53,8 @@ class StereoKernels : public ::testing::Test {
     return map;
   }
 
-  // 1, 2 and 3 threads in turns.
-  int NextTeam() { return 1 + turn_++ % 3; }
-
   std::mt19937 random_{15};
-
- private:
-  int turn_ = 0;
+  int turn_ = 0;  // 1, 2 and 3 threads in turns
 };
 
 TEST_F(StereoKernels, FeaturesAreTheSameForEveryVariantAndThreadCount) {
@@ -76,7 +71,7 @@ TEST_F(StereoKernels, FeaturesAreTheSameForEveryVariantAndThreadCount) {
       const auto at = random_;
       const auto expected = Features(kFeaturesScalar, size, grey, shift, gap);
       for (const FeatureVariant& variant : SupportedVariants(FeatureVariants)) {
-        const testing::Threads threads(NextTeam());
+        const testing::Threads threads(1 + turn_++ % 3);
         random_ = at;
         ASSERT_EQ(Features(*variant.kernel, size, grey, shift, gap), expected)
             << variant.name << ' ' << size.width << 'x' << size.height << " shift " << shift;
@@ -88,11 +83,10 @@ TEST_F(StereoKernels, FeaturesAreTheSameForEveryVariantAndThreadCount) {
 // The correlation of two neighbourhoods is that of the textbook, whatever their brightness and
 // contrast, and the cost volume's bytes hold it.
 TEST_F(StereoKernels, ProductsOfFeaturesAreCorrelations) {
-  constexpr int kWidth = 40;
+  constexpr int kWidth = 40, kChannels = kFeatureChannels;
   std::vector<std::uint8_t> grey(kWidth * 7);
-  for (auto& value : grey) value = static_cast<std::uint8_t>(random_());
   for (std::size_t i = 0; i < grey.size(); ++i) {
-    if (i % kWidth >= 20) grey[i] = static_cast<std::uint8_t>(grey[i - 20] / 3 + 90);
+    grey[i] = static_cast<std::uint8_t>(i % kWidth < 20 ? random_() : grey[i - 20] / 3U + 90);
   }
   std::vector<std::int8_t> map(grey.size() * kFeatureChannels);
   ComputeFeatureMap(kFeaturesScalar, {grey.data(), kWidth, kWidth, 7}, 0, map.data());
@@ -103,10 +97,8 @@ TEST_F(StereoKernels, ProductsOfFeaturesAreCorrelations) {
           grey.data() + 3 * kWidth + kFeatureOffsets[i].dy * kWidth + kFeatureOffsets[i].dx;
       const double u = neighbour[a], v = neighbour[b];
       sum_a += u, sum_b += v, ab += u * v, aa += u * u, bb += v * v;
-      const auto value = [&](int x) {
-        return map[(std::size_t{3 * kWidth} + static_cast<std::size_t>(x)) * kFeatureChannels + i];
-      };
-      product += value(a) * value(b);
+      const std::int8_t* const value = map.data() + 3 * kWidth * kChannels + i;
+      product += value[a * kChannels] * value[b * kChannels];
     }
     const double textbook = (ab - sum_a * sum_b / 32) /
                             std::sqrt((aa - sum_a * sum_a / 32) * (bb - sum_b * sum_b / 32));
@@ -149,7 +141,7 @@ TEST_F(StereoKernels, MediansAndFillingAreTheSameForEveryVariantAndThreadCount) 
       const auto expected = Smooth(kMedianScalar, map, size, false, scratch);
       EXPECT_THAT(expected[0], Each(::testing::Ne(kNone)));
       for (const MedianVariant& variant : SupportedVariants(MedianVariants)) {
-        const testing::Threads threads(NextTeam());
+        const testing::Threads threads(1 + turn_++ % 3);
         ASSERT_EQ(Smooth(*variant.kernel, map, size, true, other), expected)
             << variant.name << ' ' << size.width << ' ' << missing;
       }

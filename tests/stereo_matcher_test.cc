@@ -113,9 +113,8 @@ TEST(StereoMatcher, GivesTheSameBytesForAnyNumberOfThreadsInStepsAndOnTheBoard) 
       EXPECT_EQ(BytesOf(matcher.Match(left, right)), expected) << team << " threads";
       EXPECT_EQ(BytesOf(MatchInSteps(left, right, options)), expected) << team << " threads";
     }
-    EXPECT_EQ(
-        BytesOf(matcher.MatchFeatures(ComputeFeatures(left), ComputeFeatures(right, first), left)),
-        expected);
+    const auto left_map = ComputeFeatures(left), right_map = ComputeFeatures(right, first);
+    EXPECT_EQ(BytesOf(matcher.MatchFeatures(left_map, right_map, left)), expected);
     options.backend = StereoBackend::kFpga;
     EXPECT_EQ(BytesOf(StereoMatcher(options).Match(left, right)), expected);
   }
@@ -170,11 +169,9 @@ TEST(StereoMatcher, RefusesWithAReasonAndCanBeUsedFurther) {
 
   StereoMatcher matcher(Disparities(8));
   const auto with = [](auto member, int value) {
-    return [member, value] {
-      StereoOptions options;
-      options.*member = value;
-      StereoMatcher refused(options);
-    };
+    StereoOptions options;
+    options.*member = value;
+    return [options] { StereoMatcher refused(options); };
   };
   using O = StereoOptions;
   const O o;

@@ -2,7 +2,6 @@
 #pragma once
 
 #include <cstdint>
-#include <exception>
 #include <memory>
 #include <random>
 #include <string>
@@ -11,6 +10,7 @@
 #include "qxtools/cost_volume.h"
 #include "qxtools/emulated_board.h"
 #include "qxtools/fpga_correlation.h"
+#include "tests/testing/error_of.h"
 
 namespace qx::utils::image {
 
@@ -54,14 +54,9 @@ class StereoMaps {
   void RunOn(Kernel_FPGA& kernel) { kernel.CostVolume_FPGA(left.get(), right.get(), output.get()); }
 
   // The same. Returns: the error, empty when there was none.
-  std::string ErrorOf(Way way, const char* unit = kDefaultCuName,
-                      const char* container = kDefaultXclbinPath, int device = 0) {
-    try {
-      Run(way, unit, container, device);
-      return "";
-    } catch (const std::exception& error) {
-      return error.what();
-    }
+  template <typename... Arguments>
+  std::string ErrorOf(Way way, const Arguments&... arguments) {
+    return testing::ErrorOf([&] { Run(way, arguments...); });
   }
 
   // What the processor computes.
