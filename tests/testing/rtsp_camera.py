@@ -18,8 +18,12 @@ ACTION: silent     says nothing and keeps the connection
 """
 import argparse
 import base64
+import collections
+import contextlib
 import hashlib
+import itertools
 import os
+import pathlib
 import random
 import re
 import socket
@@ -28,11 +32,14 @@ import sys
 import threading
 import time
 
-USER, PASSWORD, REALM, NONCE = 'operator', 'secret', 'camera', '5ca1ab1e'
 AUDIO_INTERVAL = 0.02
 MTU = 1400
 NTP_EPOCH = 2208988800  # seconds from 1900 to 1970
 FIRST_TICK = 2**32 - 90000  # the ticks wrap around after a second
+
+
+def moment(text):
+    return [float(part) for part in text.split(':')]
 
 
 def parse_arguments():
@@ -46,31 +53,35 @@ def parse_arguments():
     add('--described', action='store_true',
         help='parameter sets stand in the session description alone')
     add('--undescribed', action='store_true', help='parameter sets stand in band alone')
-    add('--pause', help='N:SECONDS, before picture N')
-    add('--stall', help='N:SECONDS, in the middle of the last packet of picture N')
+    add('--pause', type=moment, default='-1:0', help='N:SECONDS, before picture N')
+    add('--stall', type=moment, default='-1:0',
+        help='N:SECONDS, in the middle of the last packet of picture N')
     add('--bandwidth', type=int, default=0, help='bytes a second, in pieces of 100')
     add('--auth', choices=('basic', 'digest'), help='for the user operator with the password secret')
     add('--single', action='store_true', help='serves one client at a time, and refuses others')
-    add('--close-after', type=int, default=0, help='closes the connection after that many pictures')
-    add('--stop-after', type=int, default=0, help='sends no picture after that many')
+    add('--close-after', type=int, help='closes the connection after that many pictures')
+    add('--stop-after', type=int, help='sends no picture after that many')
     add('--reports', action='store_true', help='sender reports with the wall clock')
     add('--fault', default=':', help='STAGE:ACTION')
     return parser.parse_args()
+
+
+def md5(text):
+    return hashlib.md5(text.encode()).hexdigest()
 
 
 class Clip:
     """The pictures of a raw file, each a list of NAL units, and what describes them."""
 
     def __init__(self, path):
-        with open(path, 'rb') as file:
-            units = [unit.rstrip(b'\0') for unit in re.split(b'\0\0\1', file.read())]
+        units = [unit.rstrip(b'\0') for unit in pathlib.Path(path).read_bytes().split(b'\0\0\1')]
         units = [unit for unit in units if unit]
         self.h264 = any(unit[0] & 31 == 7 for unit in units[:4])
         self.sets, self.pictures = [], [[]]
         for unit in units:
             if self.is_set(unit) and unit not in self.sets:
                 self.sets.append(unit)
-            if self.slice_begun() and self.begins_picture(unit):
+            if any(map(self.is_slice, self.pictures[-1])) and self.begins_picture(unit):
                 self.pictures.append([])
             self.pictures[-1].append(unit)
 
@@ -83,42 +94,30 @@ class Clip:
     def is_slice(self, unit):
         return 1 <= self.type_of(unit) <= 5 if self.h264 else self.type_of(unit) < 32
 
-    def slice_begun(self):
-        return any(self.is_slice(unit) for unit in self.pictures[-1])
-
     def begins_picture(self, unit):
         if self.is_slice(unit):  # first_mb_in_slice is 0; first_slice_segment_in_pic_flag is 1
             return unit[1 if self.h264 else 2] & 0x80 != 0
         return self.type_of(unit) in ((6, 7, 8, 9) if self.h264 else (32, 33, 34, 35, 39))
 
     def description(self, args):
-        kinds = {7: 'sprop-sps', 8: 'sprop-pps', 32: 'sprop-vps', 33: 'sprop-sps', 34: 'sprop-pps'}
-        coded = [base64.b64encode(unit).decode() for unit in self.sets]
-        if self.h264:
-            parameters = 'packetization-mode=1;sprop-parameter-sets=' + ','.join(coded)
-        else:
-            parameters = ';'.join('%s=%s' % (kinds[self.type_of(unit)], text)
-                                  for unit, text in zip(self.sets, coded))
-        if args.undescribed:
-            parameters = 'packetization-mode=1'
+        kinds = {32: 'sprop-vps=', 33: 'sprop-sps=', 34: 'sprop-pps='}
+        coded = [kinds.get(self.type_of(unit), '') + base64.b64encode(unit).decode() for unit in self.sets]
+        parameters = 'sprop-parameter-sets=' + ','.join(coded) if self.h264 else ';'.join(coded)
         lines = ['v=0', 'o=- 1 1 IN IP4 127.0.0.1', 's=camera', 'c=IN IP4 0.0.0.0', 't=0 0', 'a=control:*']
         if args.audio:
             lines += ['m=audio 0 RTP/AVP 0', 'a=control:audio']
         lines += ['m=video 0 RTP/AVP 96', 'a=rtpmap:96 %s/90000' % ('H264' if self.h264 else 'H265'),
-                  'a=fmtp:96 ' + parameters, 'a=control:video']
-        return '\r\n'.join(lines) + '\r\n'
+                  'a=fmtp:96 packetization-mode=1;' + ('' if args.undescribed else parameters), 'a=control:video', '']
+        return '\r\n'.join(lines)
 
     def payloads(self, unit):
         """The RTP payloads of one NAL unit: itself, or fragments (RFC 6184, 5.8; RFC 7798, 4.4.3)."""
-        if self.h264:
-            head, kind, body = bytes([unit[0] & 0xE0 | 28]), unit[0] & 31, unit[1:]
-        else:
-            head, kind, body = bytes([unit[0] & 0x81 | 49 << 1, unit[1]]), unit[0] >> 1 & 63, unit[2:]
-        if len(body) <= MTU:
+        head = bytes([unit[0] & 0xE0 | 28]) if self.h264 else bytes([unit[0] & 0x81 | 49 << 1, unit[1]])
+        if len(unit) - len(head) <= MTU:  # a single fragment would be first and last at once
             return [unit]
-        parts = [body[i:i + MTU] for i in range(0, len(body), MTU)]
+        parts = [unit[i:i + MTU] for i in range(len(head), len(unit), MTU)]
         ends = {0: 0x80, len(parts) - 1: 0x40}
-        return [head + bytes([ends.get(i, 0) | kind]) + part for i, part in enumerate(parts)]
+        return [head + bytes([ends.get(i, 0) | self.type_of(unit)]) + part for i, part in enumerate(parts)]
 
 
 class Client:
@@ -129,8 +128,7 @@ class Client:
         self.sending = threading.Lock()
         self.done = threading.Event()
         self.video = 2 if args.audio else 0  # channel of the pictures
-        self.sequence = {}
-        self.stall_at, self.stall = (float(part) for part in (args.stall or '-1:0').split(':'))
+        self.sequence = collections.Counter()
         self.stalls = False
         self.fault_stage, self.fault = args.fault.split(':')
 
@@ -139,7 +137,7 @@ class Client:
             if self.stalls:
                 self.peer.sendall(data[:len(data) // 2])
                 data = data[len(data) // 2:]
-                time.sleep(self.stall)
+                time.sleep(self.args.stall[1])
             if not self.args.bandwidth:
                 return self.peer.sendall(data)
             for i in range(0, len(data), 100):
@@ -150,49 +148,40 @@ class Client:
         self.send(b'$' + bytes([channel]) + struct.pack('>H', len(data)) + data)
 
     def send_rtp(self, channel, kind, ticks, payload):
-        number = self.sequence[channel] = self.sequence.get(channel, 0) + 1
-        self.send_interleaved(channel, struct.pack('>BBHII', 0x80, kind, number & 0xFFFF,
+        self.sequence[channel] += 1
+        self.send_interleaved(channel, struct.pack('>BBHII', 0x80, kind, self.sequence[channel] & 0xFFFF,
                                                    ticks & 0xFFFFFFFF, 1 + channel) + payload)
 
-    def send_report(self, ticks):
-        now = time.time() + NTP_EPOCH
-        self.send_interleaved(self.video + 1, struct.pack(
-            '>BBHIIIIII', 0x80, 200, 6, 1 + self.video, int(now), int(now % 1 * 2**32), ticks & 0xFFFFFFFF, 0, 0))
-
     def send_picture(self, number):
-        pictures = self.clip.pictures
         ticks = FIRST_TICK + round(number * 90000 / self.args.fps)
         if self.args.reports and number % round(5 * self.args.fps) == 0:
-            self.send_report(ticks)
-        units = pictures[(self.args.start + number) % len(pictures)]
-        if self.args.described:
-            units = [unit for unit in units if not self.clip.is_set(unit)]
-        payloads = [payload for unit in units for payload in self.clip.payloads(unit)]
+            now = time.time() + NTP_EPOCH
+            self.send_interleaved(self.video + 1, struct.pack(
+                '>BBHIIIIII', 0x80, 200, 6, 1 + self.video, int(now), int(now % 1 * 2**32), ticks & 0xFFFFFFFF, 0, 0))
+        units = self.clip.pictures[(self.args.start + number) % len(self.clip.pictures)]
+        payloads = [payload for unit in units for payload in self.clip.payloads(unit)
+                    if not (self.args.described and self.clip.is_set(unit))]
         for i, payload in enumerate(payloads):
-            self.stalls = number == self.stall_at and i + 1 == len(payloads)
+            self.stalls = number == self.args.stall[0] and i + 1 == len(payloads)
             self.send_rtp(self.video, 96 | (0x80 if i + 1 == len(payloads) else 0), ticks, payload)
 
     def play_video(self):
-        pause_at, pause = (float(part) for part in (self.args.pause or '-1:0').split(':'))
         begin = time.monotonic()
-        number = 0
-        while not self.done.is_set():
-            if number == pause_at:
-                begin += pause
-            if self.done.wait(max(0, begin + number / self.args.fps - time.monotonic())):
+        for number in itertools.count():
+            if number == self.args.pause[0]:
+                begin += self.args.pause[1]
+            due = begin + number / self.args.fps
+            if self.done.wait(max(0, due - time.monotonic())) or number == self.args.stop_after:
                 return
-            if self.args.stop_after and number >= self.args.stop_after:
-                return
-            if self.args.close_after and number >= self.args.close_after:
+            if number == self.args.close_after:
                 return self.peer.shutdown(socket.SHUT_RDWR)
             self.send_picture(number)
-            number += 1
 
     def play_audio(self):
-        number = 0
-        while not self.done.wait(AUDIO_INTERVAL):
+        for number in itertools.count():
+            if self.done.wait(AUDIO_INTERVAL):
+                return
             self.send_rtp(0, 0, number * 160, b'\xFF' * 160)
-            number += 1
 
     def start(self, play):
         def run():
@@ -205,13 +194,11 @@ class Client:
     def authorised(self, method, headers):
         given = headers.get('authorization', '')
         if self.args.auth == 'basic':
-            return given == 'Basic ' + base64.b64encode(('%s:%s' % (USER, PASSWORD)).encode()).decode()
+            return given == 'Basic ' + base64.b64encode(b'operator:secret').decode()
         if self.args.auth == 'digest':
-            uri = re.search(r'uri="([^"]*)"', given)
-            ha1, ha2 = (hashlib.md5(text.encode()).hexdigest() for text in (
-                '%s:%s:%s' % (USER, REALM, PASSWORD), '%s:%s' % (method, uri.group(1) if uri else '')))
-            proof = hashlib.md5(('%s:%s:%s' % (ha1, NONCE, ha2)).encode()).hexdigest()
-            return 'response="%s"' % proof in given
+            uri = re.search(r'uri="([^"]*)"|$', given)[1]
+            user, call = md5('operator:camera:secret'), md5('%s:%s' % (method, uri))
+            return 'response="%s"' % md5('%s:5ca1ab1e:%s' % (user, call)) in given
         return True
 
     def misbehave(self, cseq):
@@ -245,9 +232,8 @@ class Client:
         if fault in ('error', 'refused'):
             status = '404 Not Found' if fault == 'error' else '461 Unsupported Transport'
         elif not self.authorised(method, headers):
-            scheme = {'basic': 'Basic realm="%s"' % REALM,
-                      'digest': 'Digest realm="%s", nonce="%s"' % (REALM, NONCE)}[self.args.auth]
-            status, extra = '401 Unauthorized', ['WWW-Authenticate: ' + scheme]
+            status = '401 Unauthorized'
+            extra = ['WWW-Authenticate: %s realm="camera", nonce="5ca1ab1e"' % self.args.auth.title()]
         elif method == 'OPTIONS':
             extra.append('Public: OPTIONS, DESCRIBE, SETUP, PLAY, GET_PARAMETER, TEARDOWN')
         elif method == 'DESCRIBE':
@@ -270,36 +256,28 @@ class Client:
             if self.args.audio:
                 self.start(self.play_audio)
 
-    def converse(self):
+    def converse(self, received):
         """Answers until the client goes. What it sends of its own media is passed over."""
         if self.fault_stage == 'accept':
             self.misbehave('1')
-        pending = b''
+        request = b''
         while not self.done.is_set():
-            data = self.peer.recv(4096)
-            if not data:
+            start = received.read(1)
+            if start == b'$':
+                _, size = struct.unpack('>BH', received.read(3))
+                received.read(size)
+                continue
+            request += start + received.readline()
+            if request.endswith(b'\r\n\r\n'):
+                self.answer(request)
+                request = b''
+            elif not start:
                 return
-            pending += data
-            while pending:
-                if pending[:1] == b'$':
-                    end = 4 + struct.unpack('>H', pending[2:4])[0] if len(pending) >= 4 else 4
-                    if len(pending) < end:
-                        break
-                    pending = pending[end:]
-                elif b'\r\n\r\n' in pending:
-                    request, pending = pending.split(b'\r\n\r\n', 1)
-                    self.answer(request)
-                else:
-                    break
 
     def run(self):
-        try:
-            self.converse()
-        except OSError:
-            pass
-        finally:
-            self.done.set()
-            self.peer.close()
+        with contextlib.suppress(OSError, struct.error), self.peer, self.peer.makefile('rb') as received:
+            self.converse(received)
+        self.done.set()
 
 
 def main():

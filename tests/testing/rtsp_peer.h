@@ -1,59 +1,51 @@
-// RTSP peers for tests: tests/testing/rtsp_*.py.
+// An RTSP peer for tests: tests/testing/rtsp_camera.py.
 #pragma once
 
 #include <signal.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <stdexcept>
 #include <string>
-#include <vector>
 
 namespace qx::testing {
 
-// A Python program of this folder, with its arguments, in a process of its own, which ends with
-// this object.
+// The camera with a clip, and options as a shell takes them, in a process of its own, which ends
+// with this object.
 class RtspPeer {
  public:
-  explicit RtspPeer(std::vector<std::string> arguments) {
-    arguments[0].insert(0, QXTOOLS_PEERS_DIR "/");
-    std::vector<char*> argv;
-    argv.reserve(arguments.size() + 1);
-    for (std::string& argument : arguments) argv.push_back(&argument[0]);
-    argv.push_back(nullptr);
-    int input[2];
-    int output[2];
-    if (pipe(input) != 0 || pipe(output) != 0) throw std::runtime_error("no pipes");
-    pid_ = fork();
+  explicit RtspPeer(const std::string& clip, const std::string& options = "") {
+    const std::string command = "exec '" QXTOOLS_PEERS_DIR "/rtsp_camera.py' '" QXTOOLS_CLIPS_DIR
+                                "/" +
+                                clip + "' " + options;
+    int ends[2];
+    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) == 0) pid_ = fork();
     if (pid_ == 0) {
-      dup2(input[0], STDIN_FILENO);
-      dup2(output[1], STDOUT_FILENO);
-      for (const int fd : {input[0], input[1], output[0], output[1]}) close(fd);
-      execv(argv[0], argv.data());
+      for (const int fd : {STDIN_FILENO, STDOUT_FILENO}) dup2(ends[1], fd);
+      execl("/bin/sh", "sh", "-c", command.c_str(), nullptr);
       _exit(127);
     }
-    close(input[0]);
-    close(output[1]);
-    input_ = input[1];
-    for (char c = 0; read(output[0], &c, 1) == 1 && c != '\n';) port_ += c;
-    close(output[0]);
+    if (pid_ < 0) throw std::runtime_error("no process for a camera");
+    close(ends[1]);
+    input_ = ends[0];
+    for (char c = 0; read(input_, &c, 1) == 1 && c != '\n';) port_ += c;
+    if (port_.empty()) throw std::runtime_error("no camera listens: " + command);
   }
   RtspPeer(const RtspPeer&) = delete;
   RtspPeer& operator=(const RtspPeer&) = delete;
   ~RtspPeer() {
     close(input_);
-    if (pid_ <= 0) return;
     Signal(SIGKILL);
     waitpid(pid_, nullptr, 0);
   }
 
   void Signal(int number) const { kill(pid_, number); }
-  bool started() const { return !port_.empty(); }
   std::string port() const { return port_; }
   std::string url() const { return "rtsp://127.0.0.1:" + port_ + "/cam"; }
 
  private:
-  pid_t pid_ = 0;
+  pid_t pid_ = -1;
   int input_ = -1;
   std::string port_;
 };
