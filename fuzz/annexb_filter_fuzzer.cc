@@ -67,16 +67,10 @@ bool HoldsInTwoPieces(const Bytes& bytes, const Bytes& payload) {
   return front - payload.begin() + (back - payload.rbegin()) >= payload.end() - payload.begin();
 }
 
-// Returns: whether these bytes can be a NAL unit: none holds a start code or ends with a zero.
-bool IsUnit(const std::uint8_t* bytes, std::size_t size) {
-  const Bytes start_code = {0, 0, 1};
-  const std::uint8_t* const end = bytes + size;
-  return size != 0 && end[-1] != 0 &&
-         std::search(bytes, end, start_code.begin(), start_code.end()) == end;
-}
-
-// Requires that every NAL unit of `payload` stands in `annexb`, unless one is none.
+// Requires that every NAL unit of `payload` stands in `annexb`, unless one is none: no NAL unit
+// holds a start code or ends with a zero.
 void RequireUnits(const Bytes& payload, const StreamPacket* annexb) {
+  const Bytes start_code = {0, 0, 1};
   const std::size_t prefix = source.LengthBytes();
   std::vector<Bytes> units;
   for (std::size_t at = 0; at < payload.size();) {
@@ -84,10 +78,12 @@ void RequireUnits(const Bytes& payload, const StreamPacket* annexb) {
     std::size_t size = 0;
     for (std::size_t i = 0; i < prefix; ++i) size = size << 8 | payload[at++];
     if (size > payload.size() - at || size < (source.is_h265 ? 2 : 1)) return;
-    if (!IsUnit(payload.data() + at, size)) return;
-    units.push_back({0, 0, 1});
-    units.back().insert(units.back().end(), payload.data() + at, payload.data() + at + size);
-    at += size;
+    const std::uint8_t* const unit = payload.data() + at;
+    const std::uint8_t* const next = payload.data() + (at += size);
+    if (next[-1] == 0) return;
+    if (std::search(unit, next, start_code.begin(), start_code.end()) != next) return;
+    units.push_back(start_code);
+    units.back().insert(units.back().end(), unit, next);
   }
   Require(annexb != nullptr);
   const std::uint8_t* from = annexb->data;

@@ -33,6 +33,16 @@ std::shared_ptr<StreamPacket> MakePacket(const std::string& bytes, int flags) {
   return internal::WrapPacket(packet, kVideoCodecH264);
 }
 
+// A clip, and a filter that is ready for it.
+struct Opened {
+  explicit Opened(const std::string& clip) {
+    EXPECT_EQ(demuxer.Open(kClips + clip, {}), 0);
+    EXPECT_EQ(filter.Init(static_cast<const Demuxer&>(demuxer)), 0);
+  }
+  FfmpegDemuxer demuxer;
+  AnnexBFilter filter;
+};
+
 TEST(AnnexBFilter, GivesTheBytesOfTheRawStream) {
   const struct {
     const char *clip, *raw;
@@ -51,13 +61,10 @@ TEST(AnnexBFilter, GivesTheBytesOfTheRawStream) {
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.clip);
-    FfmpegDemuxer demuxer;
-    AnnexBFilter filter;
-    ASSERT_EQ(demuxer.Open(kClips + c.clip, {}), 0);
-    ASSERT_EQ(filter.Init(demuxer), 0);
+    Opened clip(c.clip);
     std::string bytes;
-    while (const auto packet = demuxer.ReadFrame()) {
-      const auto annexb = filter.Filter(packet);
+    while (const auto packet = clip.demuxer.ReadFrame()) {
+      const auto annexb = clip.filter.Filter(packet);
       ASSERT_NE(annexb, nullptr);
       EXPECT_EQ(annexb == packet, c.passes);
       EXPECT_EQ(annexb->codec, packet->codec);
@@ -69,14 +76,11 @@ TEST(AnnexBFilter, GivesTheBytesOfTheRawStream) {
 
 // RTSP cameras that name their parameter sets in the session description send none in the stream.
 TEST(AnnexBFilter, AddsParameterSetsOnlyWhereTheStreamHasNone) {
-  FfmpegDemuxer demuxer;
-  AnnexBFilter filter;
-  ASSERT_EQ(demuxer.Open(kClips + "left.h264", {}), 0);
-  ASSERT_EQ(filter.Init(demuxer), 0);
-  const std::string full = Bytes(*demuxer.ReadFrame());
+  Opened clip("left.h264");
+  const std::string full = Bytes(*clip.demuxer.ReadFrame());
   const std::string slice = full.substr(full.find(std::string("\0\0\1\x65", 4)));
   const auto bare_key = MakePacket(slice, AV_PKT_FLAG_KEY);
-  const auto completed = filter.Filter(bare_key);
+  const auto completed = clip.filter.Filter(bare_key);
   ASSERT_NE(completed, nullptr);
   EXPECT_EQ(Bytes(*completed).substr(0, 4), std::string("\0\0\1\x67", 4));
   EXPECT_EQ(Bytes(*completed).substr(completed->size - slice.size()), slice);
@@ -85,71 +89,65 @@ TEST(AnnexBFilter, AddsParameterSetsOnlyWhereTheStreamHasNone) {
   const auto other = MakePacket(std::string("\0\0\1\x41", 4) + slice.substr(4), 0);  // no IDR slice
   const auto own_sets =
       MakePacket(std::string("\0\0\1\x67", 4), AV_PKT_FLAG_KEY);  // as short as can be
-  for (const auto& packet : {other, own_sets, bare_key}) EXPECT_EQ(filter.Filter(packet), packet);
+  for (const auto& same : {other, own_sets, bare_key}) EXPECT_EQ(clip.filter.Filter(same), same);
 }
 
 // A file that begins at a recovery point never got its parameter sets: FFmpeg's filter puts them
 // before IDR pictures alone.
 TEST(AnnexBFilter, PutsParameterSetsBeforeEveryPictureThatCanBegin) {
-  FfmpegDemuxer demuxer;
-  AnnexBFilter filter;
-  ASSERT_EQ(demuxer.Open(kClips + "left.mp4", {}), 0);
-  ASSERT_EQ(filter.Init(static_cast<const Demuxer&>(demuxer)), 0);
-  demuxer.ReadFrame();
-  const std::string slice = Bytes(*demuxer.ReadFrame());  // of a picture that refers to others
+  Opened clip("left.mp4");
+  clip.demuxer.ReadFrame();
+  const std::string slice = Bytes(*clip.demuxer.ReadFrame());  // of a picture that refers to others
   const std::string delimiter("\0\0\0\2\x09\xF0", 6);
   const std::string prefix("\0\0\0\4\x6E\x40\x00\x07", 8);
   const struct {
     std::string before;
     int flags;
-    bool adds;
+    std::vector<int> units;
   } rows[] = {
-      {"", 0, true},  // the first picture
-      {"", 0, false},        {"", AV_PKT_FLAG_KEY, true},        {prefix, AV_PKT_FLAG_KEY, true},
-      {delimiter, 0, false}, {delimiter, AV_PKT_FLAG_KEY, true},
+      {"", 0, {7, 8, 1}},  // the first picture
+      {"", 0, {1}},
+      {"", AV_PKT_FLAG_KEY, {7, 8, 1}},
+      {prefix, AV_PKT_FLAG_KEY, {7, 8, 14, 1}},
+      {delimiter, 0, {9, 1}},
+      {delimiter, AV_PKT_FLAG_KEY, {9, 7, 8, 1}},
   };
-  const std::string start_code("\0\0\0\1", 4);
+  const std::string start_code("\0\0\1", 3);
   for (const auto& row : rows) {
-    const auto annexb = filter.Filter(MakePacket(row.before + slice, row.flags));
+    const auto annexb = clip.filter.Filter(MakePacket(row.before + slice, row.flags));
     ASSERT_NE(annexb, nullptr);
     std::vector<int> units;
     const std::string bytes = Bytes(*annexb);
-    for (std::size_t at = 0; (at = bytes.find(start_code.substr(1), at)) != std::string::npos;) {
+    for (std::size_t at = 0; (at = bytes.find(start_code, at)) != std::string::npos;) {
       units.push_back(bytes[at += 3] & 0x1F);
     }
-    std::vector<int> expected = row.adds ? std::vector<int>{7, 8, 1} : std::vector<int>{1};
-    if (row.before == delimiter) expected.insert(expected.begin(), 9);
-    if (row.before == prefix) expected.insert(expected.end() - 1, 14);
-    EXPECT_EQ(units, expected);
+    EXPECT_EQ(units, row.units);
     EXPECT_EQ(bytes.substr(bytes.size() - slice.size() + 4), slice.substr(4));
   }
 }
 
 TEST(AnnexBFilter, RefusesDamageAndGoesOn) {
-  FfmpegDemuxer demuxer;
-  AnnexBFilter filter;
-  ASSERT_EQ(demuxer.Open(kClips + "left.mp4", {}), 0);
-  ASSERT_EQ(filter.Init(demuxer), 0);
-  const auto good = demuxer.ReadFrame();
-  const std::string expected = Bytes(*filter.Filter(good));
+  Opened clip("left.mp4");
+  const auto good = clip.demuxer.ReadFrame();
+  const std::string expected = Bytes(*clip.filter.Filter(good));
   const LogCapture log;
   std::string too_long = Bytes(*good);
   too_long[0] = '\x7F';  // longer than the packet
   // Empty NAL units alone came out as a packet without bytes, which no decoder takes.
   for (const std::string& damaged : {too_long, std::string(8, '\0')}) {
-    EXPECT_EQ(filter.Filter(MakePacket(damaged, AV_PKT_FLAG_KEY)), nullptr);
+    EXPECT_EQ(clip.filter.Filter(MakePacket(damaged, AV_PKT_FLAG_KEY)), nullptr);
   }
   EXPECT_EQ(log.Messages(google::ERROR).size(), 2U);
-  EXPECT_EQ(Bytes(*filter.Filter(good)), expected);
+  EXPECT_EQ(Bytes(*clip.filter.Filter(good)), expected);
 
   const auto own = std::make_shared<StreamPacket>();  // made by the application
   std::string copy = Bytes(*good);
   own->data = reinterpret_cast<std::uint8_t*>(&copy[0]);
   own->size = copy.size();
-  EXPECT_EQ(Bytes(*filter.Filter(own)), expected);
+  EXPECT_EQ(Bytes(*clip.filter.Filter(own)), expected);
   // Of a size above 32 bits only the lower half was looked at.
   own->size += std::uint64_t{1} << 32U;
-  EXPECT_EQ(filter.Filter(own), nullptr);
+  EXPECT_EQ(clip.filter.Filter(own), nullptr);
 }
 
 // FFmpeg made 65,535 empty parameter sets of a record that announces more than it holds.

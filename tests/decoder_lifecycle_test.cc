@@ -214,11 +214,9 @@ TEST(Decoder, QueuesWithoutLimitForASlowConsumerAndReleasesWhatItTook) {
     last = frame;
     receive(nullptr, tag);
   });
-  std::vector<void*> queued;
-  for (std::size_t i = 0; i < 1000; ++i) {
-    const int status = s.decoder->SendFrame(Packets()[i % Packets().size()], testing::Tag(i));
-    if (status == kDecodeOk) queued.push_back(testing::Tag(i));
-  }
+  std::vector<testing::PacketPtr> many(1000);
+  for (std::size_t i = 0; i < many.size(); ++i) many[i] = Packets()[i % Packets().size()];
+  const auto queued = SendAll(*s.decoder, many);
   EXPECT_GT(queued.size(), 900U);
   s.gate.set_value();
   s.decoder->WaitUntilDelivered();
@@ -246,9 +244,8 @@ TEST(Decoder, DrainsFromInsideTheCallback) {
 }
 
 TEST(Decoder, SixtyFourAtOnceDecodeTheSame) {
-  std::promise<void> gate;
-  const auto opened = gate.get_future().share();
-  const auto decode = [opened] {
+  Subject s;
+  const auto decode = [opened = s.opened] {
     Receiver receiver;
     const auto decoder = testing::OpenDecoder(receiver.Callback());
     opened.wait();
@@ -260,7 +257,7 @@ TEST(Decoder, SixtyFourAtOnceDecodeTheSame) {
   };
   std::vector<std::future<std::string>> decoders(64);
   for (auto& decoder : decoders) decoder = std::async(std::launch::async, decode);
-  gate.set_value();
+  s.gate.set_value();
   const std::string first = decoders[0].get();
   EXPECT_EQ(first.size(), Packets().size() * 160 * 120 * 3 / 2);
   for (std::size_t i = 1; i < decoders.size(); ++i) EXPECT_TRUE(decoders[i].get() == first) << i;

@@ -32,7 +32,6 @@ import sys
 import threading
 import time
 
-AUDIO_INTERVAL = 0.02
 MTU = 1400
 NTP_EPOCH = 2208988800  # seconds from 1900 to 1970
 FIRST_TICK = 2**32 - 90000  # the ticks wrap around after a second
@@ -50,15 +49,13 @@ def parse_arguments():
     add('--fps', type=float, default=25)
     add('--start', type=int, default=0, help='picture of the file to begin with')
     add('--audio', action='store_true', help='a packet of silence every 20 ms, as stream 0')
-    add('--described', action='store_true',
-        help='parameter sets stand in the session description alone')
+    add('--described', action='store_true', help='parameter sets stand in the session description alone')
     add('--undescribed', action='store_true', help='parameter sets stand in band alone')
     add('--pause', type=moment, default='-1:0', help='N:SECONDS, before picture N')
-    add('--stall', type=moment, default='-1:0',
-        help='N:SECONDS, in the middle of the last packet of picture N')
+    add('--stall', type=moment, default='-1:0', help='N:SECONDS, in the middle of the last packet of picture N')
     add('--bandwidth', type=int, default=0, help='bytes a second, in pieces of 100')
     add('--auth', choices=('basic', 'digest'), help='for the user operator with the password secret')
-    add('--single', action='store_true', help='serves one client at a time, and refuses others')
+    add('--single', action='store_true', help='serves one client at a time; others wait')
     add('--close-after', type=int, help='closes the connection after that many pictures')
     add('--stop-after', type=int, help='sends no picture after that many')
     add('--reports', action='store_true', help='sender reports with the wall clock')
@@ -179,7 +176,7 @@ class Client:
 
     def play_audio(self):
         for number in itertools.count():
-            if self.done.wait(AUDIO_INTERVAL):
+            if self.done.wait(0.02):
                 return
             self.send_rtp(0, 0, number * 160, b'\xFF' * 160)
 
@@ -241,10 +238,8 @@ class Client:
             extra += ['Content-Type: application/sdp', 'Content-Length: %d' % len(body)]
         elif method == 'SETUP':
             channels = re.search(r'interleaved=\d+-\d+', headers.get('transport', ''))
-            if channels:
-                extra.append('Transport: RTP/AVP/TCP;unicast;' + channels.group())
-            else:
-                status = '461 Unsupported Transport'
+            status = status if channels else '461 Unsupported Transport'
+            extra.append('Transport: RTP/AVP/TCP;unicast;%s' % (channels and channels[0]))
         elif method == 'TEARDOWN':
             self.done.set()
         self.send('\r\n'.join(['RTSP/1.0 ' + status, 'CSeq: ' + headers.get('cseq', '0')] + extra +
@@ -286,19 +281,12 @@ def main():
     listener = socket.create_server(('127.0.0.1', args.port), backlog=64)
     threading.Thread(target=lambda: (sys.stdin.read(), os._exit(0)), daemon=True).start()
     print(listener.getsockname()[1], flush=True)
-    present = threading.Semaphore(1)
     while True:
-        peer, _ = listener.accept()
-        if args.single and not present.acquire(blocking=False):
-            peer.sendall(b'RTSP/1.0 453 Not Enough Bandwidth\r\nCSeq: 1\r\n\r\n')
-            peer.close()
-            continue
-
-        def serve(client=Client(peer, clip, args)):
-            client.run()
-            if args.single:
-                present.release()
-        threading.Thread(target=serve, daemon=True).start()
+        client = Client(listener.accept()[0], clip, args)
+        serving = threading.Thread(target=client.run, daemon=True)
+        serving.start()
+        if args.single:
+            serving.join()
 
 
 main()
