@@ -40,6 +40,7 @@ constexpr Setting kSettings[] = {{"least delay", 0, kDecodeOneThread, 1},
 void ExpectTimes(const std::vector<FramePtr>& frames,
                  const std::vector<testing::PacketPtr>& packets) {
   std::vector<video::PacketTimes> times;
+  times.reserve(packets.size());
   for (const auto& packet : packets) times.push_back(*video::PacketTimesOf(packet));
   std::stable_sort(times.begin(), times.end(), [](const auto& one, const auto& other) {
     return one.presentation < other.presentation;

@@ -73,6 +73,7 @@ TEST(Rtsp, FaultsEndInTimeWithTheirNames) {
     rows.push_back({stage + ":close", closed});
   }
   std::vector<std::thread> threads;
+  threads.reserve(rows.size());
   for (const Fault& row : rows) threads.emplace_back(ExpectFault, row);
   for (std::thread& thread : threads) thread.join();
 }
