@@ -71,25 +71,20 @@ std::vector<const CostVolumeVariant*> VariantsHere() {
   return variants;
 }
 
-// The variants, and after them the loop and those of the other rivals that there are.
-std::vector<Result> Measure(const Shape& shape, int threads, int runs) {
-  Maps maps(shape);
-  const CostVolumeJob job{maps.left.data(), maps.right.data(), maps.cost.data(), shape.width,
-                          shape.channels,   shape.disparities, 0.0005F};
-  omp_set_num_threads(threads);
-  const std::vector<const CostVolumeVariant*> variants = VariantsHere();
+// What takes turns: the variants, and after them the loop and those of the other rivals that there
+// are.
+std::vector<Contender> ContendersFor(const CostVolumeJob& job, std::size_t rows, int threads,
+                                     OnednnBands& bands) {
   std::vector<Contender> contenders;
+  const std::vector<const CostVolumeVariant*> variants = VariantsHere();
   contenders.reserve(variants.size() + 3);
   for (const CostVolumeVariant* variant : variants) {
     contenders.push_back(
-        {variant->name, [&, variant] { ComputeCostVolume(*variant->kernel, job, shape.height); }});
+        {variant->name, [&job, rows, variant] { ComputeCostVolume(*variant->kernel, job, rows); }});
   }
-  const std::size_t loop = contenders.size(), onednn = loop + 1;
-  const std::size_t peak = OnednnBands::Available() ? onednn + 1 : onednn;
-  contenders.push_back({"loop", [&] { ElementByElement(job, shape.height); }});
-  OnednnBands bands(64);
+  contenders.push_back({"loop", [&job, rows] { ElementByElement(job, rows); }});
   if (OnednnBands::Available()) {
-    contenders.push_back({"oneDNN", [&] { bands.Run(job, shape.height); }});
+    contenders.push_back({"oneDNN", [&job, &bands, rows] { bands.Run(job, rows); }});
   }
   if (PeakMacs() > 0) {
     contenders.push_back({"peak", [threads] {
@@ -97,22 +92,34 @@ std::vector<Result> Measure(const Shape& shape, int threads, int runs) {
                             RunPeak();
                           }});
   }
+  return contenders;
+}
+
+std::vector<Result> Measure(const Shape& shape, int threads, int runs) {
+  Maps maps(shape);
+  const CostVolumeJob job{maps.left.data(), maps.right.data(), maps.cost.data(), shape.width,
+                          shape.channels,   shape.disparities, 0.0005F};
+  omp_set_num_threads(threads);
+  OnednnBands bands(64);
   Rounds rounds;
   rounds.count = runs;
   rounds.warm_up = 1;
   rounds.one_core = false;
-  const std::vector<Times> times = RunInterleaved(contenders, rounds);
+  const std::vector<Times> times =
+      RunInterleaved(ContendersFor(job, shape.height, threads, bands), rounds);
+  const std::vector<const CostVolumeVariant*> variants = VariantsHere();
   const auto times_as_fast = [&](std::size_t rival, std::size_t v) {
-    return MedianRatio(times[rival].elapsed, times[v].elapsed);
+    return MedianRatio(times[variants.size() + rival].elapsed, times[v].elapsed);
   };
   std::vector<Result> results;
   for (std::size_t v = 0; v < variants.size(); ++v) {
     const double seconds = Median(times[v].elapsed);
     Result result{shape, variants[v]->name, threads, seconds * 1e3,
                   Multiplications(shape) / seconds * 1e-9};
-    result.loop = times_as_fast(loop, v);
-    if (OnednnBands::Available()) result.onednn = times_as_fast(onednn, v);
+    result.loop = times_as_fast(0, v);
+    if (OnednnBands::Available()) result.onednn = times_as_fast(1, v);
     if (PeakMacs() > 0) {
+      const std::size_t peak = OnednnBands::Available() ? 2 : 1;
       result.peak = times_as_fast(peak, v) * Multiplications(shape) / (PeakMacs() * threads);
     }
     results.push_back(result);

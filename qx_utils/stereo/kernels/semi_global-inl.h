@@ -223,6 +223,22 @@ QXTOOLS_INLINE auto ExtendInPlace(const Pixel<Isa, kVectors>& pixel, typename Is
 }
 
 template <typename Isa, std::size_t kVectors>
+QXTOOLS_INLINE void LoadAll(const std::uint8_t* from, typename Isa::Vector (&values)[kVectors]) {
+  Unroll<kVectors>([&](auto v) QXTOOLS_INLINE_BODY {
+    constexpr std::size_t kVector = decltype(v)::kValue;
+    values[kVector] = Isa::Load(from + kVector * Isa::kBytes);
+  });
+}
+
+template <typename Isa, std::size_t kVectors>
+QXTOOLS_INLINE void StoreAll(const typename Isa::Vector (&values)[kVectors], std::uint8_t* to) {
+  Unroll<kVectors>([&](auto v) QXTOOLS_INLINE_BODY {
+    constexpr std::size_t kVector = decltype(v)::kValue;
+    Isa::Store(to + kVector * Isa::kBytes, values[kVector]);
+  });
+}
+
+template <typename Isa, std::size_t kVectors>
 QXTOOLS_INLINE void AverageWith(const typename Isa::Vector (&other)[kVectors],
                                 typename Isa::Vector (&values)[kVectors]) {
   Unroll<kVectors>([&](auto v) QXTOOLS_INLINE_BODY {
@@ -265,10 +281,7 @@ QXTOOLS_INLINE void StoreHalf(const SemiGlobalPlan& plan,
                               const typename Isa::Vector (&half)[kVectors], const Places& at,
                               Index<0> /*first half*/) {
   static_cast<void>(plan);
-  Unroll<kVectors>([&](auto v) QXTOOLS_INLINE_BODY {
-    constexpr std::size_t kAt = decltype(v)::kValue * Isa::kBytes;
-    Isa::Store(at.halves + kAt, half[kAt / Isa::kBytes]);
-  });
+  StoreAll<Isa, kVectors>(half, at.halves);
 }
 
 // Cells past the last disparity count for nothing.
@@ -286,6 +299,38 @@ QXTOOLS_INLINE void StoreHalf(const SemiGlobalPlan& plan,
   });
 }
 
+// How far it is from a pixel's values to those of the next one, in the direction of the pass.
+struct Strides {
+  std::ptrdiff_t step, pitch, cells, disparities;
+};
+
+QXTOOLS_INLINE Strides StridesOf(const SemiGlobalPlan& plan, std::ptrdiff_t step) {
+  return {step, step * static_cast<std::ptrdiff_t>(plan.pitch),
+          step * static_cast<std::ptrdiff_t>(plan.cells),
+          step * static_cast<std::ptrdiff_t>(plan.disparities)};
+}
+
+template <bool kCompletes>
+QXTOOLS_INLINE void Advance(const Strides& by, Places& at) {
+  at.correlation += by.disparities;
+  at.halves += by.cells;
+  if constexpr (kCompletes) at.sums += by.pitch;
+  for (auto& place : at.paths) place += by.pitch;
+  at.minima += by.step;
+  at.x += static_cast<std::size_t>(by.step);
+  at.j += static_cast<std::size_t>(by.step);
+}
+
+// Path `number` of a pixel. Returns and output: as ExtendInPlace() above.
+template <typename Isa, std::size_t kVectors>
+QXTOOLS_INLINE auto ExtendPath(const Pixel<Isa, kVectors>& pixel, const Splats<Isa>& jumps,
+                               const Places& at, std::size_t number,
+                               typename Isa::Vector (&longer)[kVectors]) {
+  return ExtendInPlace<Isa, kVectors>(pixel, Isa::Broadcast(jumps.any[number] + at.j),
+                                      Isa::Broadcast(jumps.least[number] + at.j), at.paths[number],
+                                      longer);
+}
+
 template <typename Isa, std::size_t kVectors, bool kCompletes, bool kDiagonals>
 void ExtendSegment(const SemiGlobalPlan& plan_of_all, const PassRow& row, const Segment& segment) {
   using Vector = typename Isa::Vector;
@@ -293,34 +338,21 @@ void ExtendSegment(const SemiGlobalPlan& plan_of_all, const PassRow& row, const 
   alignas(kSemiGlobalAlignment) Splats<Isa> jumps;
   PrepareJumps<Isa, kDiagonals>(plan, row, segment, jumps);
   Places at = PlacesOf(plan, row, segment);
-  const std::ptrdiff_t step = row.step;
-  const std::ptrdiff_t pitch = step * static_cast<std::ptrdiff_t>(plan.pitch);
-  const std::ptrdiff_t cells = step * static_cast<std::ptrdiff_t>(plan.cells);
-  const std::ptrdiff_t disparities = step * static_cast<std::ptrdiff_t>(plan.disparities);
+  const Strides strides = StridesOf(plan, row.step);
   const Vector end = Isa::Set(static_cast<std::uint8_t>(255 - plan.slant));
   Vector path[kVectors];
-  Unroll<kVectors>([&](auto v) QXTOOLS_INLINE_BODY {
-    constexpr std::size_t kVector = decltype(v)::kValue;
-    path[kVector] = Isa::Load(row.horizontal + kVector * Isa::kBytes);
-  });
-  Vector least = Isa::Set(*reinterpret_cast<const std::uint8_t*>(at.minima - step));
+  LoadAll<Isa, kVectors>(row.horizontal, path);
+  Vector least = Isa::Set(*reinterpret_cast<const std::uint8_t*>(at.minima - strides.step));
   Pixel<Isa, kVectors> pixel{};
   pixel.slant = Isa::Set(plan.slant);
   for (std::size_t n = 0; n < segment.count; ++n) {
     MatchCosts<Isa, kVectors>(plan, at.correlation, at.x, pixel);
-    Vector half[kVectors], longer[kVectors];
-    const auto vertical =
-        ExtendInPlace<Isa, kVectors>(pixel, Isa::Broadcast(jumps.any[1] + at.j),
-                                     Isa::Broadcast(jumps.least[1] + at.j), at.paths[1], half);
+    Vector half[kVectors], diagonal[kVectors], longer[kVectors];
+    const auto vertical = ExtendPath<Isa, kVectors>(pixel, jumps, at, 1, half);
     auto falling = vertical, rising = vertical;
-    Vector diagonal[kVectors];
     if constexpr (kDiagonals) {
-      falling = ExtendInPlace<Isa, kVectors>(pixel, Isa::Broadcast(jumps.any[0] + at.j),
-                                             Isa::Broadcast(jumps.least[0] + at.j), at.paths[0],
-                                             diagonal);
-      rising =
-          ExtendInPlace<Isa, kVectors>(pixel, Isa::Broadcast(jumps.any[2] + at.j),
-                                       Isa::Broadcast(jumps.least[2] + at.j), at.paths[2], longer);
+      falling = ExtendPath<Isa, kVectors>(pixel, jumps, at, 0, diagonal);
+      rising = ExtendPath<Isa, kVectors>(pixel, jumps, at, 2, longer);
       AverageWith<Isa, kVectors>(longer, diagonal);
     }
     const auto horizontal = ExtendHorizontal<Isa, kVectors>(
@@ -331,18 +363,9 @@ void ExtendSegment(const SemiGlobalPlan& plan_of_all, const PassRow& row, const 
     const auto minima = Isa::Minima(horizontal, falling, vertical, rising);
     Isa::StoreMinima(at.minima, minima);
     least = Isa::BroadcastFirst(minima);
-    at.correlation += disparities;
-    at.halves += cells;
-    if constexpr (kCompletes) at.sums += pitch;
-    for (auto& place : at.paths) place += pitch;
-    at.minima += step;
-    at.x += static_cast<std::size_t>(step);
-    at.j += static_cast<std::size_t>(step);
+    Advance<kCompletes>(strides, at);
   }
-  Unroll<kVectors>([&](auto v) QXTOOLS_INLINE_BODY {
-    constexpr std::size_t kVector = decltype(v)::kValue;
-    Isa::Store(row.horizontal + kVector * Isa::kBytes, path[kVector]);
-  });
+  StoreAll<Isa, kVectors>(path, row.horizontal);
 }
 
 using Extender = void (*)(const SemiGlobalPlan&, const PassRow&, const Segment&);
