@@ -1,4 +1,4 @@
-// Disparity pictures of a rectified stereo pair.
+// Disparity maps of a rectified stereo pair.
 //
 //   using namespace qx::utils;
 //   stereo::StereoOptions options;
@@ -7,22 +7,22 @@
 //   const stereo::StereoResult result = matcher.Match(left, right);
 //   const auto* disparity = reinterpret_cast<const std::uint16_t*>(result.disparity->Data());
 //
-// Rectified: what lies at (x, y) in the left picture lies at (x - d, y) in the right one, and d is
-// the disparity. With a focal length of f pixels and cameras B metres apart, its depth is f * B / d
-// metres. docs/stereo.md has the method, its limits and its measured accuracy.
+// In a rectified pair, the point at (x, y) in the left picture is at (x - d, y) in the right one; d
+// is its disparity. With a focal length of f pixels and cameras B metres apart, its depth is
+// f * B / d metres. docs/stereo.md describes the method, its limits and its measured accuracy.
 //
 // Disparity maps are frames of kQXPixelFormatGray16, height x width x 1, native byte order, that
 // own their bytes: value = disparity in pixels * 256, rounded; `scale` is 1/256. kMissingDisparity
 // marks a pixel without a reliable match.
 //
 // Errors:  std::invalid_argument, with a text that names what is wrong, for options out of range
-//          and for frames that are null, empty, of another size or format than asked for, or too
-//          small for their own shape; std::length_error when a result does not fit the 32 bits of
-//          DataSize(); std::bad_alloc. After all of them nothing is returned, the inputs are
-//          unchanged, and a matcher can be used further.
+//          and for frames that are null, empty, of the wrong size or format, or too small for
+//          their own shape; std::length_error when a result does not fit the 32 bits of
+//          DataSize(); std::bad_alloc. Nothing is returned then, the inputs are unchanged, and the
+//          matcher stays usable.
 // Threads: every function is reentrant. One thread at a time uses a matcher; different matchers are
-//          independent, except that those on the correlation kernel share the one unit there is
-//          (see fpga_correlation.h). Rows are shared among the caller's OpenMP threads.
+//          independent, except that those on the correlation kernel share its only compute unit
+//          (see fpga_correlation.h). Rows are divided among the caller's OpenMP threads.
 // Exact:   the same bytes for every instruction set, any number of threads and both back ends.
 #pragma once
 
@@ -34,7 +34,7 @@
 
 namespace qx::utils::stereo {
 
-// Stands in a disparity map where no reliable match was found.
+// The value of a pixel without a reliable match.
 constexpr std::uint16_t kMissingDisparity = 0xFFFF;
 
 // Values of a disparity map per pixel of disparity; its `scale` is the reciprocal.
@@ -54,27 +54,28 @@ enum class StereoBackend : int {
 
 struct StereoOptions {
   // Matches are searched first_disparity .. first_disparity + disparities - 1 columns further left
-  // in the right picture: 1 or more disparities, all within 0 .. 255.
+  // in the right picture: at least 1 disparity, all within 0 .. 255.
   int disparities = 64;
   int first_disparity = 0;
   StereoBackend backend = StereoBackend::kProcessor;
   bool fill = true;         // compute StereoResult::filled
   bool confidence = false;  // compute StereoResult::confidence
 
-  // What a change of disparity from one pixel to the next costs: by one (a slanted surface), and by
-  // more (from one object to another; less where the left picture has an edge, down to a fifth).
-  // slant_penalty 0 .. 95 and not above jump_penalty, both together at most 191; a pair of
-  // unrelated pixels costs about 62 more than a perfect match. Larger penalties give smoother maps.
+  // The cost of a disparity change between neighbouring pixels: slant_penalty for a change by one
+  // (a slanted surface), jump_penalty for a larger one (another object), which falls to a fifth
+  // where the left picture has an edge. 0 <= slant_penalty <= 95, slant_penalty <= jump_penalty,
+  // and the sum is at most 191. Unrelated pixels cost about 62 more than a perfect match. Larger
+  // penalties give smoother maps.
   int slant_penalty = 20;
   int jump_penalty = 150;
 
-  // Directions from which a pixel's neighbours take part: 8, or 4 (left, right, above, below),
+  // The number of directions from which costs are aggregated: 8, or 4 (left, right, above, below),
   // which is faster.
   int paths = 8;
 };
 
-// Seconds that the stages of the last call took. What is computed together counts under the first
-// of its stages.
+// Seconds that each stage of the last call took. Stages that are computed together count under the
+// first of them.
 struct StereoTimes {
   double features = 0;     // the two feature maps
   double cost = 0;         // their cost volume
@@ -87,10 +88,10 @@ struct StereoResult {
   std::shared_ptr<velkar::vision::ImageFrameImpl> disparity;  // with gaps
   std::shared_ptr<velkar::vision::ImageFrameImpl> filled;     // without; empty unless asked for
   // kQXPixelFormatGray8 of the same size, scale 1/255; empty unless asked for. 0 where `disparity`
-  // is missing, else the probability that it is off by at most 1, times 255, as it was measured
-  // with the default options: on average over three pairs, of the pixels with 121 .. 152 half are
-  // off by at most 1, of those with 153 .. 203 70 %, with 204 .. 241 88 %, with 242 and more 98 %.
-  // The table for each pair is in docs/stereo.md.
+  // is missing; otherwise 255 times the probability that it is off by at most 1 pixel, measured
+  // with the default options. On average over three pairs this held for 52 % of the pixels with
+  // values of 121 .. 152, 70 % with 153 .. 203, 88 % with 204 .. 241, and 98 % above that.
+  // docs/stereo.md has the table for each pair.
   std::shared_ptr<velkar::vision::ImageFrameImpl> confidence;
 };
 
@@ -99,8 +100,8 @@ struct MatcherState;
 // Matches pair after pair and keeps its buffers for the next one.
 class QXTOOLS_EXPORT StereoMatcher {
  public:
-  // Errors: std::invalid_argument when an option is out of range. Nothing is opened or allocated
-  //         for pictures yet.
+  // Errors: std::invalid_argument when an option is out of range. Buffers are allocated and the
+  //         correlation kernel is opened with the first pair.
   explicit StereoMatcher(const StereoOptions& options);
   ~StereoMatcher();
   StereoMatcher(StereoMatcher&& other) noexcept;
@@ -109,16 +110,16 @@ class QXTOOLS_EXPORT StereoMatcher {
   // Matches a pair.
   //
   // Inputs:  left, right  of the same size, borrowed for the call: kQXPixelFormatGray8, or a 4:2:0
-  //                       format, of which the luma is read in place. Frames of a decoder
-  //                       (LayoutOf() knows them) have their own pitch; all others have none.
-  // Returns: the maps that the options ask for.
+  //                       format, whose luma is read in place. The pitch of a decoder's frame
+  //                       comes from LayoutOf(); rows of other frames follow without gaps.
+  // Returns: the maps that the options select.
   // Errors:  as at the top; with StereoBackend::kFpga also what Kernel_FPGA reports.
   // Memory:  2 bytes per pixel and disparity, and 70 per pixel, kept for the next pair. From the
   //          second pair of a size on, only the results are allocated, and what Kernel_FPGA takes.
   StereoResult Match(const std::shared_ptr<velkar::vision::ImageFrame>& left,
                      const std::shared_ptr<velkar::vision::ImageFrame>& right);
 
-  // Matches a pair that is described by feature maps of the caller's own, for example a network's.
+  // Matches a pair that the caller's own feature maps describe, for example those of a network.
   //
   // Inputs:  left_map, right_map  as CostVolume() takes them: kQXPixelFormatUint8, H x W x C values
   //                               of int8, C a multiple of 32; column x of right_map describes
@@ -152,10 +153,9 @@ class QXTOOLS_EXPORT StereoMatcher {
 // correlation coefficient of the two neighbourhoods.
 //
 // Inputs:  picture  as for StereoMatcher::Match().
-//          shift    0 .. 255: column x of the map describes column x - shift of the picture,
-//          columns
-//                   x < shift are zeros. CostVolume() of a map with a right map shifted by s has
-//                   disparities s, s + 1, ...
+//          shift    0 .. 255: column x of the map describes column x - shift of the picture, and
+//                   columns x < shift are zeros. With a right map shifted by s, the disparities
+//                   of CostVolume() are s, s + 1, ...
 // Returns: H x W x 32 int8 in a frame of kQXPixelFormatUint8 whose scale makes CostVolume() write
 //          about 124 for a perfect match, given an output frame of scale 1.
 QXTOOLS_EXPORT std::shared_ptr<velkar::vision::ImageFrameImpl> ComputeFeatures(
@@ -184,8 +184,8 @@ QXTOOLS_EXPORT std::shared_ptr<velkar::vision::ImageFrameImpl> AggregateCosts(
 QXTOOLS_EXPORT StereoResult SelectDisparities(
     const std::shared_ptr<velkar::vision::ImageFrame>& sums, const StereoOptions& options);
 
-// Fills the gaps of a disparity map from what lies behind: most of them are what the right camera
-// cannot see because a nearer object hides it.
+// Fills the gaps of a disparity map from the background: most gaps are surfaces that a nearer
+// object hides from the right camera.
 //
 // Inputs:  disparity  kQXPixelFormatGray16 with kMissingDisparity in its gaps.
 // Returns: a map in which nothing is missing; all 0 when everything was.
