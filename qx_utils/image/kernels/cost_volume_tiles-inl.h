@@ -46,21 +46,6 @@
 namespace qx::utils::image {
 namespace {
 
-template <std::size_t kNumber>
-struct Index {
-  constexpr operator std::size_t() const { return kNumber; }  // NOLINT(google-explicit-constructor)
-};
-
-// Calls body(Index<0>) .. body(Index<kCount - 1>): arrays of registers need constant indices, a
-// loop variable would keep them in memory.
-template <std::size_t kCount, typename Body, std::size_t kFirst = 0>
-QXTOOLS_INLINE void Unroll(const Body& body) {
-  if constexpr (kFirst < kCount) {
-    body(Index<kFirst>());
-    Unroll<kCount, Body, kFirst + 1>(body);
-  }
-}
-
 struct Row {
   const std::int8_t* pixels;
   std::size_t width;

@@ -20,9 +20,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "qx_utils/image/kernels/kernel-inl.h"
 #include "qx_utils/stereo/kernels/disparity_map.h"
-
-#define QXTOOLS_INLINE __attribute__((always_inline)) inline
 
 namespace qx::utils::stereo {
 namespace {

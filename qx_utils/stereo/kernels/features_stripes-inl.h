@@ -24,10 +24,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "qx_utils/image/kernels/kernel-inl.h"
 #include "qx_utils/stereo/kernels/features.h"
-
-#define QXTOOLS_INLINE __attribute__((always_inline)) inline
-#define QXTOOLS_INLINE_BODY __attribute__((always_inline))  // of a lambda
 
 namespace qx::utils::stereo {
 namespace {

@@ -72,7 +72,7 @@ struct Avx2 {
     const Vector ab = Min(_mm256_unpacklo_epi32(a, b), _mm256_unpackhi_epi32(a, b));
     const Vector cd = Min(_mm256_unpacklo_epi32(c, d), _mm256_unpackhi_epi32(c, d));
     const Vector all = Min(_mm256_unpacklo_epi64(ab, cd), _mm256_unpackhi_epi64(ab, cd));
-    // Both halves go on alike, so that the first minimum needs no way across them.
+    // Both halves continue alike, so that the first minimum need not cross them.
     Vector quad = Min(all, _mm256_permute2x128_si256(all, all, 0x01));
     quad = Min(quad, _mm256_srli_epi32(quad, 16));
     return Min(quad, _mm256_srli_epi32(quad, 8));
@@ -103,21 +103,14 @@ struct Avx2 {
   }
 
   template <std::size_t kVectors>
-  QXTOOLS_INLINE static std::size_t FirstLeast(const std::uint8_t* cells) {
-    Vector v[kVectors];
-    Unroll<kVectors>([&](auto n) QXTOOLS_INLINE_BODY {
-      v[decltype(n)::kValue] = Load(cells + decltype(n)::kValue * kBytes);
-    });
-    Vector least = v[0];
-    Unroll<kVectors>([&](auto n)
-                         QXTOOLS_INLINE_BODY { least = Min(least, v[decltype(n)::kValue]); });
-    least = _mm256_broadcastb_epi8(LeastOf(least));
+  QXTOOLS_INLINE static std::size_t FirstLeast(const Vector (&cells)[kVectors], Vector minima) {
+    const Vector least = _mm256_broadcastb_epi8(LeastOf(minima));
     std::size_t first = 0;
     constexpr std::size_t kPairs = (kVectors + 1) / 2;
     Unroll<kPairs>([&](auto n) QXTOOLS_INLINE_BODY {
-      constexpr std::size_t kLow = 2 * (kPairs - 1 - decltype(n)::kValue);
+      constexpr std::size_t kLow = 2 * (kPairs - 1 - n);
       constexpr std::size_t kHigh = kLow + 1 < kVectors ? kLow + 1 : kLow;
-      const std::uint64_t equal = Equal(v[kLow], v[kHigh], least);
+      const std::uint64_t equal = Equal(cells[kLow], cells[kHigh], least);
       const auto at = kLow * kBytes + static_cast<std::size_t>(__builtin_ctzll(equal | kTopBit));
       first = equal != 0 ? at : first;
     });

@@ -93,19 +93,12 @@ struct Avx512 {
   }
 
   template <std::size_t kVectors>
-  QXTOOLS_INLINE static std::size_t FirstLeast(const std::uint8_t* cells) {
-    Vector v[kVectors];
-    Unroll<kVectors>([&](auto n) QXTOOLS_INLINE_BODY {
-      v[decltype(n)::kValue] = Load(cells + decltype(n)::kValue * kBytes);
-    });
-    Vector least = v[0];
-    Unroll<kVectors>([&](auto n)
-                         QXTOOLS_INLINE_BODY { least = Min(least, v[decltype(n)::kValue]); });
-    least = _mm512_broadcastb_epi8(LeastOf(least));
+  QXTOOLS_INLINE static std::size_t FirstLeast(const Vector (&cells)[kVectors], Vector minima) {
+    const Vector least = _mm512_broadcastb_epi8(LeastOf(minima));
     std::size_t first = 0;
     Unroll<kVectors>([&](auto n) QXTOOLS_INLINE_BODY {
-      constexpr std::size_t kVector = kVectors - 1 - decltype(n)::kValue;
-      const std::uint64_t equal = _mm512_cmpeq_epi8_mask(v[kVector], least);
+      constexpr std::size_t kVector = kVectors - 1 - n;
+      const std::uint64_t equal = _mm512_cmpeq_epi8_mask(cells[kVector], least);
       const auto at = kVector * kBytes + static_cast<std::size_t>(__builtin_ctzll(equal | kTopBit));
       first = equal != 0 ? at : first;
     });

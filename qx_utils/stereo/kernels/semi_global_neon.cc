@@ -61,20 +61,13 @@ struct Neon {
 
   // The smallest index of those whose cells are the smallest; all others count as 255.
   template <std::size_t kVectors>
-  QXTOOLS_INLINE static std::size_t FirstLeast(const std::uint8_t* cells) {
+  QXTOOLS_INLINE static std::size_t FirstLeast(const Vector (&cells)[kVectors], Vector minima) {
     static constexpr std::uint8_t kLanes[kBytes] = {0, 1, 2,  3,  4,  5,  6,  7,
                                                     8, 9, 10, 11, 12, 13, 14, 15};
-    Vector v[kVectors];
-    Unroll<kVectors>([&](auto n) QXTOOLS_INLINE_BODY {
-      v[decltype(n)::kValue] = Load(cells + decltype(n)::kValue * kBytes);
-    });
-    Vector least = v[0];
-    Unroll<kVectors>([&](auto n)
-                         QXTOOLS_INLINE_BODY { least = Min(least, v[decltype(n)::kValue]); });
-    least = Set(Least(least));
+    const Vector least = Set(Least(minima));
     Vector first = Set(255), index = Load(kLanes);
     Unroll<kVectors>([&](auto n) QXTOOLS_INLINE_BODY {
-      first = Min(first, vornq_u8(index, vceqq_u8(v[decltype(n)::kValue], least)));
+      first = Min(first, vornq_u8(index, vceqq_u8(cells[n], least)));
       index = Add(index, Set(kBytes));
     });
     return Least(first);
