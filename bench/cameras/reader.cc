@@ -100,14 +100,9 @@ class Reader {
   virtual void ClearCancel() {}
 };
 
-class LibraryReader : public Reader {
+template <typename Demuxer>
+class DemuxerReader : public Reader {
  public:
-  bool Open(const Options& options) override {
-    demuxer_.SetTimeLimit(options.open_limit);
-    const bool open = demuxer_.Open(options.url, {}) == 0;
-    demuxer_.SetTimeLimit(options.limit);
-    return open;
-  }
   bool Read(Comparison& comparison) override {
     const auto packet = demuxer_.ReadFrame();
     if (packet) Compare(comparison, packet);
@@ -117,26 +112,26 @@ class LibraryReader : public Reader {
   void Cancel() override { demuxer_.Cancel(); }
   void ClearCancel() override { demuxer_.ClearCancel(); }
 
- private:
-  FfmpegDemuxer demuxer_;
+ protected:
+  Demuxer demuxer_;
 };
 
-class ReconnectingReader : public Reader {
+class LibraryReader : public DemuxerReader<FfmpegDemuxer> {
+ public:
+  bool Open(const Options& options) override {
+    demuxer_.SetTimeLimit(options.open_limit);
+    const bool open = demuxer_.Open(options.url, {}) == 0;
+    demuxer_.SetTimeLimit(options.limit);
+    return open;
+  }
+};
+
+class ReconnectingReader : public DemuxerReader<ReconnectingDemuxer> {
  public:
   bool Open(const Options& options) override {
     demuxer_.Open(options.url, {});
     return true;  // Read() keeps trying
   }
-  bool Read(Comparison& comparison) override {
-    const auto packet = demuxer_.ReadFrame();
-    if (packet) Compare(comparison, packet);
-    return packet != nullptr;
-  }
-  DemuxerFault fault() const override { return demuxer_.LastFault(); }
-  void Cancel() override { demuxer_.Cancel(); }
-
- private:
-  ReconnectingDemuxer demuxer_;
 };
 
 // What anyone would write over FFmpeg, with the options that the library gives.
