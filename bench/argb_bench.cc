@@ -20,11 +20,9 @@
 #if defined(QXTOOLS_BENCH_LIBYUV)
 #include <libyuv.h>
 #endif
-#if defined(QXTOOLS_BENCH_SWSCALE)
 extern "C" {
 #include <libswscale/swscale.h>
 }
-#endif
 
 namespace qx::bench {
 namespace {
@@ -115,7 +113,6 @@ std::vector<Contender> LibyuvAlpha255(Picture& p, bool bgr) {
 }
 #endif
 
-#if defined(QXTOOLS_BENCH_SWSCALE)
 std::vector<Contender> Swscale(Picture& p, bool bgr) {
   const std::shared_ptr<SwsContext> context(
       sws_getContext(p.width, p.height, bgr ? AV_PIX_FMT_BGR24 : AV_PIX_FMT_RGB24, p.width,
@@ -128,7 +125,6 @@ std::vector<Contender> Swscale(Picture& p, bool bgr) {
              sws_scale(context.get(), src, src_stride, 0, p.height, dst, dst_stride);
            }}};
 }
-#endif
 
 void Compare(int width, int height, bool bgr) {
   Picture p(width, height);
@@ -140,9 +136,7 @@ void Compare(int width, int height, bool bgr) {
   Append(all, LibyuvSameBytes(p, bgr));
   Append(other_alpha, LibyuvAlpha255(p, bgr));
 #endif
-#if defined(QXTOOLS_BENCH_SWSCALE)
   Append(other_alpha, Swscale(p, bgr));
-#endif
   RequireSameBytes(p, all, true);
   RequireSameBytes(p, other_alpha, false);
   Append(all, other_alpha);

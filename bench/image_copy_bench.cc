@@ -12,11 +12,9 @@
 #if defined(QXTOOLS_BENCH_LIBYUV)
 #include <libyuv.h>
 #endif
-#if defined(QXTOOLS_BENCH_SWSCALE)
 extern "C" {
 #include <libswscale/swscale.h>
 }
-#endif
 
 namespace qx::bench {
 namespace {
@@ -50,7 +48,6 @@ std::vector<Contender> Contenders(Copy& c) {
                                      c.rows * 3 / 2);
                  }});
 #endif
-#if defined(QXTOOLS_BENCH_SWSCALE)
   // As one grey plane: from NV12 to NV12 it fills the chroma instead of copying it.
   const int rows = c.rows * 3 / 2;
   const std::shared_ptr<SwsContext> context(
@@ -63,7 +60,6 @@ std::vector<Contender> Contenders(Copy& c) {
                    const int pitches[4] = {c.pitch}, dst_pitches[4] = {c.dst_pitch};
                    sws_scale(context.get(), src, pitches, 0, rows, dst, dst_pitches);
                  }});
-#endif
   return all;
 }
 

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Unpacks the root directory that the preset `aarch64` builds against: 64-bit Arm libraries and headers
-# of everything that the library, the command and their tests need. Does nothing if it already exists.
+# of everything that the library, the command and their tests need. Does nothing if it already exists
+# with these packages.
 #
 # usage: setup-aarch64.sh [SUITE [DIRECTORY]]
 #   SUITE       bookworm (FFmpeg 5.1, the default) or bullseye (FFmpeg 4.3, the boards' generation)
@@ -10,14 +11,14 @@
 
 suite=${1-bookworm}
 root=${2-$project/build/roots/aarch64}
-packages=libavformat-dev,libavcodec-dev,libavutil-dev,libswscale-dev,libgoogle-glog-dev
+packages=libavformat-dev,libavcodec-dev,libavutil-dev,libswscale-dev,libgoogle-glog-dev,libyaml-cpp-dev
 packages+=,libgtest-dev,libgmock-dev,nlohmann-json3-dev,libpng-dev,libc6-dev,libgomp1
 case $suite in
   bookworm) packages+=,libcli11-dev,libstdc++-12-dev,libomp-$llvm-dev ;;
   bullseye) packages+=,libstdc++-10-dev,libomp-11-dev ;;
   *) die "unknown suite '$suite'; usage: setup-aarch64.sh [bookworm|bullseye [DIRECTORY]]" ;;
 esac
-[ "$(cat "$root/.complete" 2>/dev/null || true)" != "$suite" ] || exit 0
+[ "$(cat "$root/.complete" 2>/dev/null || true)" != "$suite $packages" ] || exit 0
 scripts/install-packages.sh roots
 
 say "Unpacking $suite for arm64 into $root"
@@ -32,4 +33,4 @@ fi
 find "$root/lib" "$root/usr/lib" -type l -lname '/*' | while read -r link; do
   ln -srfn "$root$(readlink "$link")" "$link"
 done
-echo "$suite" >"$root/.complete"
+echo "$suite $packages" >"$root/.complete"
