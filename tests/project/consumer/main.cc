@@ -12,6 +12,7 @@
 #include <qxtools/instruction_sets.h>
 #include <qxtools/media_proc.h>
 #include <qxtools/memory_buffer.h>
+#include <qxtools/stereo_camera.h>
 #include <qxtools/version.h>
 #include <qxtools/video.h>
 
@@ -27,9 +28,13 @@ int main() {
   qx::utils::image::CostVolume(l.get(), r.get(), out.get());
   std::vector<std::uint8_t> rgb(3, 7), argb(4);
   qx::utils::image::CvtColorRGB2ARGB(rgb.data(), rgb.size(), argb.data(), argb.size());
+  qx::utils::stereo::StereoCalibration cameras;
+  cameras.right.projection = {2, 0, 0, -1};
+  cameras.has_rectification = true;
   qx::utils::video::AnnexBFilter filter;
   const bool others =
-      argb[3] == 7 && filter.Init(qx::utils::video::FfmpegDemuxer()) != 0 &&
+      argb[3] == 7 && qx::utils::stereo::GeometryOf(cameras).baseline == 0.5 &&
+      filter.Init(qx::utils::video::FfmpegDemuxer()) != 0 &&
       qx::utils::ffmpeg::CreateFfmpegDecoder()->Init() == 0 &&
       qx::utils::ParseH264Params("", 0).width == 0 && !qx::utils::InstructionSets().empty() &&
       qx::utils::image::CreateMediaProc(0) == nullptr &&
