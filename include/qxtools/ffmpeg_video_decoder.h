@@ -63,8 +63,8 @@ enum DecodeStatus : int {
   kDecodeUnsupportedLayout = -11,  // rows stored bottom-up in memory; an ERROR line
 };
 
-// The memory layout of a decoded frame, and what is known about its picture. The frame's own
-// Width(), Height() and Channel() stay 0.
+// The memory layout of a decoded frame, and what is known about its picture. The decoder's frames
+// leave their own Width(), Height() and Channel() at 0.
 //
 // The times are those of the picture's own packet, in whatever order the decoder outputs pictures;
 // see PacketTimes in packet_times.h. They are unknown for packets that do not come from a demuxer
@@ -100,8 +100,9 @@ struct FrameLayout {
   std::uint8_t matrix_coefficients;
 };
 
-// Returns: the layout of a frame that an FfmpegDecoder made, valid as long as the frame; null for
-//          all other frames, for copies of a frame and for an empty pointer.
+// Returns: the layout of a frame that an FfmpegDecoder made, or of a 4:2:0 frame that the engine of
+//          ffmpeg_media_proc.h made, valid as long as the frame; null for all other frames, for
+//          copies of a frame and for an empty pointer.
 // Threads: reentrant. No allocation.
 QXTOOLS_EXPORT const FrameLayout* LayoutOf(
     const std::shared_ptr<velkar::vision::ImageFrame>& frame);

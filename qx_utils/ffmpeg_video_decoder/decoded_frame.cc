@@ -19,8 +19,16 @@ using velkar::vision::ImageFrame;
 using velkar::vision::ImageFrameFields;
 using velkar::vision::ImageFrameImpl;
 
-// Frees a decoded frame and its bytes. It also carries the layout, since the frame itself is an
-// ordinary one.
+// Frees a frame whose holder owns its bytes. It also carries the layout, since the frame itself is
+// an ordinary one.
+struct FrameDeleter {
+  ImageFrameImpl* frame;
+  FrameLayout layout;
+
+  void operator()(ImageFrame* /*same as frame*/) const { delete frame; }
+};
+
+// Frees a decoded frame and its bytes.
 struct DecodedFrameDeleter {
   ImageFrameImpl* frame;
   FrameLayout layout;
@@ -30,6 +38,14 @@ struct DecodedFrameDeleter {
     delete frame;
   }
 };
+
+// Returns: the layout that a deleter of this type carries, or null.
+template <typename Deleter>
+const FrameLayout* LayoutIn(const std::shared_ptr<ImageFrame>& frame) {
+  const auto* owner = std::get_deleter<Deleter>(frame);
+  // A pointer to another frame can share this one's ownership.
+  return owner != nullptr && owner->frame == frame.get() ? &owner->layout : nullptr;
+}
 
 struct PlaneSize {
   int row_bytes;
@@ -137,10 +153,15 @@ DecodeStatus CopyPicture(const AVFrame& picture, const SentPacket& packet,
   return kDecodeOk;
 }
 
+std::shared_ptr<ImageFrame> WithLayout(std::unique_ptr<ImageFrameImpl> frame,
+                                       const FrameLayout& layout) {
+  ImageFrameImpl* const raw = frame.release();
+  return {static_cast<ImageFrame*>(raw), FrameDeleter{raw, layout}};
+}
+
 const FrameLayout* LayoutOf(const std::shared_ptr<ImageFrame>& frame) {
-  const auto* owner = std::get_deleter<DecodedFrameDeleter>(frame);
-  // A pointer to another frame can share a decoded frame's ownership.
-  return owner != nullptr && owner->frame == frame.get() ? &owner->layout : nullptr;
+  const FrameLayout* decoded = LayoutIn<DecodedFrameDeleter>(frame);
+  return decoded != nullptr ? decoded : LayoutIn<FrameDeleter>(frame);
 }
 
 }  // namespace qx::utils::ffmpeg

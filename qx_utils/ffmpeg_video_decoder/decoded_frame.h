@@ -25,4 +25,9 @@ namespace qx::utils::ffmpeg {
                                        std::shared_ptr<velkar::vision::ImageFrame>& frame,
                                        std::string& refusal);
 
+// Returns: a frame for which LayoutOf() gives `layout`. Its bytes belong to its holder.
+// Errors:  std::bad_alloc.
+[[nodiscard]] std::shared_ptr<velkar::vision::ImageFrame> WithLayout(
+    std::unique_ptr<velkar::vision::ImageFrameImpl> frame, const FrameLayout& layout);
+
 }  // namespace qx::utils::ffmpeg

@@ -4,6 +4,7 @@
 #include <qxtools/cost_volume.h>
 #include <qxtools/emulated_board.h>
 #include <qxtools/ffmpeg_demuxer.h>
+#include <qxtools/ffmpeg_media_proc.h>
 #include <qxtools/ffmpeg_video_decoder.h>
 #include <qxtools/fpga_correlation.h>
 #include <qxtools/h264_h265_info_parse.h>
@@ -38,6 +39,7 @@ int main() {
       qx::utils::ffmpeg::CreateFfmpegDecoder()->Init() == 0 &&
       qx::utils::ParseH264Params("", 0).width == 0 && !qx::utils::InstructionSets().empty() &&
       qx::utils::image::CreateMediaProc(0) == nullptr &&
+      qx::utils::image::CreateFfmpegMediaProc() != nullptr &&
       qx::utils::AllocMem(1, qx::utils::kMemTypeHost, 0).data == nullptr &&
       qx::emulated_board::GetStatus().runs == 0 && qx::utils::image::KernelTimeLimit().count() > 0;
   const bool demuxer = qx::utils::video::Demuxer::CreateInstance() != nullptr;

@@ -1,0 +1,74 @@
+// The media-processing engine that comes with the library: FFmpeg's picture codecs and scaler
+// behind the front ends of media_proc.h. It runs on the processor and needs no device.
+//
+//   using namespace qx::utils;
+//   image::InstallFfmpegMediaProc();
+//   auto picture = image::Decode(file.data(), file.size(), 0);
+//   auto small = image::Resize(picture, 640, 360, 0);
+//   const auto jpeg = image::Encode(small, image::kImageFileFormatJpeg, image::EncodeParams{90},
+//   0);
+//
+// Frames:  All formats of QXPixelFormat except kQXPixelFormatUint8 are taken and made. The pitch of
+//          a decoder's frame comes from LayoutOf(); the planes of other frames follow without gaps,
+//          and DataSize() must cover Width() x Height(). Frames that the engine makes own their
+//          bytes and have no gaps. Their 4:2:0 frames have a layout for LayoutOf(), which states
+//          range and matrix; chroma of an odd size is rounded up.
+// Range:   4:2:0 frames without a layout are taken as BT.601, 16 .. 235.
+// Size:    a picture has at most kMaxEnginePixels.
+// Errors:  every failure is an empty result and one ERROR line, "<operation>: <reason>". No
+//          exception leaves the engine, and no input ends the process. FFmpeg writes its own lines
+//          to standard error, as everywhere in the library.
+// Threads: the engine has no state: any number of threads may call it at once, without a lock. Each
+//          call works on the calling thread alone.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+
+#include "qxtools/export.h"
+#include "qxtools/media_proc.h"
+
+namespace qx::utils::image {
+
+// The largest picture that the engine reads or makes, for example 16,384 x 8,192. A file whose
+// header promises more is refused before memory is taken for it.
+constexpr std::uint64_t kMaxEnginePixels = std::uint64_t{1} << 27;
+
+// Returns: an engine of FFmpeg's parts; never empty. Engines are all alike.
+//
+// Its operations, with what they add to media_proc.h:
+//
+// Decode  JPEG (baseline and progressive), PNG, BMP and, where FFmpeg has its decoder, WebP, which
+//         are told apart by their first bytes. The result is
+//           kQXPixelFormatGray8     for grey files of up to 8 bits per pixel;
+//           kQXPixelFormatGray16    for grey files of 16 bits;
+//           kQXPixelFormatYUV420P   for JPEG and WebP files with 4:2:0 chroma, without alpha and
+//                                   of even width and height: the file's own samples. A JPEG file's
+//                                   are BT.601 with full range, a WebP file's 16 .. 235;
+//           kQXPixelFormatARGB8888  for files with alpha, not premultiplied; palettes and WebP
+//                                   without loss included;
+//           kQXPixelFormatRGB888    for all others. 16 bits per channel are rounded to 8.
+//         EXIF orientation is left alone: the picture is as it is stored. So are colour profiles,
+//         gamma and resolution. JPEG files with four components (CMYK) are refused. So are
+//         truncated files and those in which FFmpeg finds damage: a picture is whole or not there.
+//         Bytes after the end of the picture are ignored.
+// Encode  JPEG: quality 1 .. 100 as the quantiser tables of ITU-T T.81, annex K, scaled the way
+// that
+//         is usual since the first free codecs; 0 is 90. Chroma is 4:2:0 up to quality 90 and for
+//         4:2:0 and grey frames, 4:4:4 above. Grey is written with neutral chroma. Alpha is
+//         dropped.
+//         PNG: grey of 8 and 16 bits, RGB, and RGB with alpha for ARGB8888 and BGRA8888, all exact.
+//         BMP: grey and RGB, exact; alpha is dropped.
+//         4:2:0 frames become RGB for PNG and BMP. Gray16 is refused for JPEG and BMP.
+// Resize  to any size from 1 x 1, in the frame's format.
+// Crop    one frame per box, in the frame's format.
+// CvtColor  between all formats.
+[[nodiscard]] QXTOOLS_EXPORT std::shared_ptr<MediaProc> CreateFfmpegMediaProc();
+
+// Installs a factory that gives this engine for device 0 and nothing for other devices, for which
+// the front ends then log "create MediaProc failed". InstallMediaProcFactory(nullptr) removes it.
+//
+// Threads: as InstallMediaProcFactory().
+QXTOOLS_EXPORT void InstallFfmpegMediaProc();
+
+}  // namespace qx::utils::image

@@ -1,0 +1,215 @@
+#include "qx_utils/image/ffmpeg/encode.h"
+
+#include <algorithm>
+#include <string>
+
+#include "qx_utils/image/ffmpeg/failure.h"
+#include "qx_utils/image/ffmpeg/jpeg_quality.h"
+#include "qx_utils/image/ffmpeg/swscale.h"
+
+extern "C" {
+#include <libswscale/swscale.h>
+}
+
+namespace qx::utils::image::engine {
+namespace {
+
+using internal::FfmpegPtr;
+
+// FFmpeg's quantiser scale by which the quantiser tables are used as they are.
+constexpr int kNeutralScale = 8;
+constexpr std::uint32_t kDefaultQuality = 90;
+constexpr std::uint32_t kLastSubsampledQuality = 90;
+
+// What JPEG files hold.
+constexpr YuvCoding kJpegCoding = {true, AVCOL_SPC_BT470BG};
+
+std::uint32_t QualityOf(const EncodeParams& params) {
+  if (params.quality > 100) {
+    throw Failure("quality " + std::to_string(params.quality) + " is not in 0 .. 100");
+  }
+  return params.quality == 0 ? kDefaultQuality : params.quality;
+}
+
+bool IsBt601(std::uint8_t matrix) {
+  return matrix == AVCOL_SPC_BT470BG || matrix == AVCOL_SPC_SMPTE170M ||
+         matrix == AVCOL_SPC_UNSPECIFIED;
+}
+
+bool IsSubsampled(AVPixelFormat format) {
+  return format == AV_PIX_FMT_YUV420P || format == AV_PIX_FMT_NV12 || format == AV_PIX_FMT_NV21;
+}
+
+FfmpegPtr<AVFrame> EmptyFrame(const PictureView& picture, AVPixelFormat format) {
+  FfmpegPtr<AVFrame> frame = Own(av_frame_alloc(), "av_frame_alloc");
+  frame->format = format;
+  frame->width = picture.width;
+  frame->height = picture.height;
+  return frame;
+}
+
+// Lends FFmpeg the picture's own memory, which must outlive the frame. FFmpeg would copy it if it
+// had no reference to count.
+FfmpegPtr<AVFrame> Lent(const PictureView& picture) {
+  FfmpegPtr<AVFrame> frame = EmptyFrame(picture, picture.format);
+  std::copy(picture.data.begin(), picture.data.end(), frame->data);
+  std::copy(picture.pitch.begin(), picture.pitch.end(), frame->linesize);
+  const auto nothing_to_free = [](void*, std::uint8_t*) {};
+  frame->buf[0] =
+      av_buffer_create(picture.data[0], 1, nothing_to_free, nullptr, AV_BUFFER_FLAG_READONLY);
+  if (frame->buf[0] == nullptr) throw Failure("av_buffer_create failed");
+  return frame;
+}
+
+FfmpegPtr<AVFrame> Allocated(const PictureView& picture, AVPixelFormat format) {
+  FfmpegPtr<AVFrame> frame = EmptyFrame(picture, format);
+  Check(av_frame_get_buffer(frame.get(), 0), "av_frame_get_buffer");
+  return frame;
+}
+
+FfmpegPtr<AVFrame> Converted(const PictureView& picture, AVPixelFormat format,
+                             const YuvCoding& coding = {}) {
+  if (picture.format == format) return Lent(picture);
+  FfmpegPtr<AVFrame> frame = Allocated(picture, format);
+  PictureView target = ViewOf(*frame);
+  target.coding = coding;
+  ScaleInto(picture, target, SWS_BICUBIC | SWS_ACCURATE_RND | SWS_FULL_CHR_H_INP);
+  return frame;
+}
+
+// Adds neutral chroma.
+FfmpegPtr<AVFrame> GreyAs420(const PictureView& picture) {
+  FfmpegPtr<AVFrame> frame = Allocated(picture, AV_PIX_FMT_YUV420P);
+  PictureView luma = ViewOf(*frame);
+  luma.format = AV_PIX_FMT_GRAY8;
+  CopySamples(picture, luma);
+  const int chroma_rows = (picture.height + 1) / 2;
+  for (const int plane : {1, 2}) {
+    const auto bytes = static_cast<std::ptrdiff_t>(frame->linesize[plane]) * chroma_rows;
+    std::fill_n(frame->data[plane], bytes, std::uint8_t{128});
+  }
+  return frame;
+}
+
+FfmpegPtr<AVFrame> YuvForJpeg(const PictureView& picture, std::uint32_t quality) {
+  if (picture.format == AV_PIX_FMT_GRAY8) return GreyAs420(picture);
+  const PictureView source = picture;
+  if (IsSubsampled(source.format)) {
+    const bool as_is = source.format == AV_PIX_FMT_YUV420P && source.coding.full_range &&
+                       IsBt601(source.coding.matrix);
+    if (as_is) return Lent(source);
+    FfmpegPtr<AVFrame> frame = Allocated(source, AV_PIX_FMT_YUV420P);
+    PictureView target = ViewOf(*frame);
+    target.coding = kJpegCoding;
+    ScaleInto(source, target, SWS_BICUBIC | SWS_ACCURATE_RND);
+    return frame;
+  }
+  return Converted(source,
+                   quality > kLastSubsampledQuality ? AV_PIX_FMT_YUV444P : AV_PIX_FMT_YUV420P,
+                   kJpegCoding);
+}
+
+void Refuse16Bits(const PictureView& picture, const char* name) {
+  if (picture.format != AV_PIX_FMT_GRAY16) return;
+  throw Failure(std::string(name) + " has no 16-bit grey; convert the frame to Gray8 first");
+}
+
+FfmpegPtr<AVFrame> ForPng(const PictureView& picture) {
+  switch (picture.format) {
+    case AV_PIX_FMT_GRAY8:
+      return Lent(picture);
+    case AV_PIX_FMT_GRAY16:
+      return Converted(picture, AV_PIX_FMT_GRAY16BE);
+    case AV_PIX_FMT_ARGB:
+    case AV_PIX_FMT_BGRA:
+      return Converted(picture, AV_PIX_FMT_RGBA);
+    default:
+      return Converted(picture, AV_PIX_FMT_RGB24);
+  }
+}
+
+FfmpegPtr<AVFrame> ForBmp(const PictureView& picture) {
+  Refuse16Bits(picture, "BMP");
+  return picture.format == AV_PIX_FMT_GRAY8 ? Lent(picture) : Converted(picture, AV_PIX_FMT_BGR24);
+}
+
+// Lends an encoder quantiser tables for its lifetime; FFmpeg would free its own.
+class QuantiserLoan {
+ public:
+  QuantiserLoan(AVCodecContext& context, std::uint32_t quality)
+      : context_(context), tables_(QuantiserTablesFor(quality)) {
+    context_.intra_matrix = tables_.luma.data();
+    context_.chroma_intra_matrix = tables_.chroma.data();
+  }
+  ~QuantiserLoan() {
+    context_.intra_matrix = nullptr;
+    context_.chroma_intra_matrix = nullptr;
+  }
+  QuantiserLoan(const QuantiserLoan&) = delete;
+  QuantiserLoan& operator=(const QuantiserLoan&) = delete;
+
+ private:
+  AVCodecContext& context_;
+  QuantiserTables tables_;
+};
+
+FfmpegPtr<AVCodecContext> NewEncoder(AVCodecID id, const AVFrame& picture) {
+  const AVCodec* codec = avcodec_find_encoder(id);
+  if (codec == nullptr) {
+    throw Failure(std::string("FFmpeg was built without an encoder for ") + avcodec_get_name(id));
+  }
+  FfmpegPtr<AVCodecContext> context = Own(avcodec_alloc_context3(codec), "avcodec_alloc_context3");
+  context->width = picture.width;
+  context->height = picture.height;
+  context->pix_fmt = static_cast<AVPixelFormat>(picture.format);
+  context->time_base = {1, 25};  // has to be something
+  context->thread_count = 1;
+  return context;
+}
+
+std::vector<unsigned char> Encoded(AVCodecContext& context, const AVFrame& picture) {
+  const FfmpegPtr<AVPacket> packet = Own(av_packet_alloc(), "av_packet_alloc");
+  Check(avcodec_send_frame(&context, &picture), "avcodec_send_frame");
+  Check(avcodec_receive_packet(&context, packet.get()), "avcodec_receive_packet");
+  return {packet->data, packet->data + packet->size};
+}
+
+std::vector<unsigned char> EncodeLossless(AVCodecID id, const AVFrame& picture) {
+  const FfmpegPtr<AVCodecContext> context = NewEncoder(id, picture);
+  Check(avcodec_open2(context.get(), nullptr, nullptr), "avcodec_open2");
+  return Encoded(*context, picture);
+}
+
+std::vector<unsigned char> EncodeJpeg(const PictureView& view, std::uint32_t quality) {
+  Refuse16Bits(view, "JPEG");
+  const FfmpegPtr<AVFrame> picture = YuvForJpeg(view, quality);
+  // FFmpeg's encoder takes full range only under these names.
+  picture->format =
+      picture->format == AV_PIX_FMT_YUV420P ? AV_PIX_FMT_YUVJ420P : AV_PIX_FMT_YUVJ444P;
+  const FfmpegPtr<AVCodecContext> context = NewEncoder(AV_CODEC_ID_MJPEG, *picture);
+  const QuantiserLoan loan(*context, quality);
+  context->color_range = AVCOL_RANGE_JPEG;
+  context->flags |= AV_CODEC_FLAG_QSCALE;
+  context->global_quality = picture->quality = FF_QP2LAMBDA * kNeutralScale;
+  Check(avcodec_open2(context.get(), nullptr, nullptr), "avcodec_open2");
+  return Encoded(*context, *picture);
+}
+
+}  // namespace
+
+std::vector<unsigned char> EncodePicture(const FramePtr& frame, ImageFileFormat format,
+                                         const EncodeParams& params) {
+  const std::uint32_t quality = QualityOf(params);
+  const PictureView picture = ViewOf(frame);
+  switch (format) {
+    case kImageFileFormatJpeg:
+      return EncodeJpeg(picture, quality);
+    case kImageFileFormatPng:
+      return EncodeLossless(AV_CODEC_ID_PNG, *ForPng(picture));
+    case kImageFileFormatBmp:
+      return EncodeLossless(AV_CODEC_ID_BMP, *ForBmp(picture));
+  }
+  throw Failure("file format " + std::to_string(format) + " is unknown");
+}
+
+}  // namespace qx::utils::image::engine
