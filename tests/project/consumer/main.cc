@@ -2,6 +2,7 @@
 #include <qxtools/annexb_filter.h>
 #include <qxtools/argb.h>
 #include <qxtools/cost_volume.h>
+#include <qxtools/depth.h>
 #include <qxtools/emulated_board.h>
 #include <qxtools/ffmpeg_demuxer.h>
 #include <qxtools/ffmpeg_media_proc.h>
@@ -41,7 +42,8 @@ int main() {
       qx::utils::image::CreateMediaProc(0) == nullptr &&
       qx::utils::image::CreateFfmpegMediaProc() != nullptr &&
       qx::utils::AllocMem(1, qx::utils::kMemTypeHost, 0).data == nullptr &&
-      qx::emulated_board::GetStatus().runs == 0 && qx::utils::image::KernelTimeLimit().count() > 0;
+      qx::emulated_board::GetStatus().runs == 0 && qx::utils::stereo::DepthMap(3, 2).Width() == 3 &&
+      qx::utils::image::KernelTimeLimit().count() > 0;
   const bool demuxer = qx::utils::video::Demuxer::CreateInstance() != nullptr;
   const bool rounded = qx::utils::image::AlignmentHelper(17, 16) == 32;
   std::printf("qxtools %s: cost %d, demuxer %d, rounded %d, others %d\n", qx::utils::Version(),
