@@ -6,6 +6,7 @@ extern "C" {
 #include <libavutil/avutil.h>
 #include <libavutil/imgutils.h>
 #include <libavutil/log.h>
+#include <libavutil/pixdesc.h>
 #include <libswscale/swscale.h>
 }
 
@@ -77,18 +78,73 @@ std::size_t Area(int width, int height) {
   return static_cast<std::size_t>(width) * static_cast<std::size_t>(height);
 }
 
-ScalerPtr MakeRgbScaler(const I420Picture& picture) {
-  ScalerPtr scaler(sws_getContext(picture.width, picture.height, AV_PIX_FMT_YUV420P, picture.width,
-                                  picture.height, AV_PIX_FMT_RGB24,
+// Where a conversion reads and writes: addresses and pitches of the planes.
+struct Planes {
+  const std::uint8_t* const* data;
+  const int* pitches;
+};
+
+// How pixels are stored.
+struct SourceFormat {
+  AVPixelFormat format;
+  bool full_range;
+  int matrix;
+};
+
+bool IsRgb(AVPixelFormat format) {
+  const AVPixFmtDescriptor* description = av_pix_fmt_desc_get(format);
+  return (description->flags & (AV_PIX_FMT_FLAG_RGB | AV_PIX_FMT_FLAG_PAL)) != 0;
+}
+
+bool IsGrey(AVPixelFormat format) {
+  const AVPixFmtDescriptor* description = av_pix_fmt_desc_get(format);
+  return description->nb_components <= 2 && !IsRgb(format);  // with alpha or without
+}
+
+ScalerPtr MakeRgbScaler(int width, int height, const SourceFormat& source) {
+  ScalerPtr scaler(sws_getContext(width, height, source.format, width, height, AV_PIX_FMT_RGB24,
                                   SWS_BICUBIC | SWS_ACCURATE_RND | SWS_FULL_CHR_H_INT, nullptr,
                                   nullptr, nullptr));
-  const int* matrix = sws_getCoefficients(picture.matrix);
+  if (!scaler || IsRgb(source.format)) return scaler;
+  const int* matrix = sws_getCoefficients(source.matrix);
   constexpr int kOne = 1 << 16;  // contrast and saturation stay as they are
-  if (!scaler || sws_setColorspaceDetails(scaler.get(), matrix, picture.full_range ? 1 : 0, matrix,
-                                          0, 0, kOne, kOne) < 0) {
+  if (sws_setColorspaceDetails(scaler.get(), matrix, source.full_range ? 1 : 0, matrix, 0, 0, kOne,
+                               kOne) < 0) {
     return nullptr;
   }
   return scaler;
+}
+
+// Returns: an empty picture when FFmpeg cannot convert it.
+Image<Rgb> ConvertToRgb(int width, int height, const SourceFormat& format, const Planes& from) {
+  Image<Rgb> rgb(width, height);
+  std::uint8_t* to[] = {&rgb.values.data()->r};
+  const int to_pitch[] = {3 * width};
+  const ScalerPtr scaler = MakeRgbScaler(width, height, format);
+  if (!scaler ||
+      sws_scale(scaler.get(), from.data, from.pitches, 0, height, to, to_pitch) != height) {
+    return {};
+  }
+  return rgb;
+}
+
+Image<std::uint8_t> GreyOf(const AVFrame& frame, const std::string& path) {
+  Image<std::uint8_t> picture(frame.width, frame.height);
+  std::uint8_t* rows[4] = {picture.values.data()};
+  const int pitches[4] = {picture.width};
+  if (frame.format == AV_PIX_FMT_GRAY8) {
+    av_image_copy_plane(rows[0], pitches[0], frame.data[0], frame.linesize[0], frame.width,
+                        frame.height);
+    return picture;
+  }
+  const ScalerPtr scaler(sws_getContext(
+      frame.width, frame.height, static_cast<AVPixelFormat>(frame.format), frame.width,
+      frame.height, AV_PIX_FMT_GRAY8, SWS_POINT, nullptr, nullptr, nullptr));
+  if (!scaler || sws_scale(scaler.get(), frame.data, frame.linesize, 0, frame.height, rows,
+                           pitches) != frame.height) {
+    Fail(path, "its pixel format cannot be converted to grey");
+  }
+  return picture;
 }
 
 }  // namespace
@@ -107,26 +163,6 @@ void ShowFfmpegLog() { av_log_set_level(AV_LOG_WARNING); }
 
 std::string FileUrl(const std::string& path) { return "file:" + path; }
 
-Image<std::uint8_t> ReadPicture(const std::string& path) {
-  const auto frame = DecodeOne(path);
-  Image<std::uint8_t> picture(frame->width, frame->height);
-  std::uint8_t* rows[4] = {picture.values.data()};
-  const int pitches[4] = {picture.width};
-  if (frame->format == AV_PIX_FMT_GRAY8) {
-    av_image_copy_plane(rows[0], pitches[0], frame->data[0], frame->linesize[0], frame->width,
-                        frame->height);
-    return picture;
-  }
-  const ScalerPtr scaler(sws_getContext(
-      frame->width, frame->height, static_cast<AVPixelFormat>(frame->format), frame->width,
-      frame->height, AV_PIX_FMT_GRAY8, SWS_POINT, nullptr, nullptr, nullptr));
-  if (!scaler || sws_scale(scaler.get(), frame->data, frame->linesize, 0, frame->height, rows,
-                           pitches) != frame->height) {
-    Fail(path, "its pixel format cannot be converted to grey");
-  }
-  return picture;
-}
-
 Image<Rgb> ToRgb(I420Picture picture) {
   constexpr std::size_t kReadAhead = 64;  // bytes that swscale reads past the end of a row, at most
   const int chroma_width = (picture.width + 1) / 2;
@@ -136,14 +172,23 @@ Image<Rgb> ToRgb(I420Picture picture) {
   const std::uint8_t* luma = picture.samples.data();
   const std::uint8_t* from[] = {luma, luma + luma_bytes, luma + luma_bytes + chroma_bytes};
   const int from_pitch[] = {picture.width, chroma_width, chroma_width};
-  Image<Rgb> rgb(picture.width, picture.height);
-  std::uint8_t* to[] = {&rgb.values.data()->r};
-  const int to_pitch[] = {3 * picture.width};
-  const ScalerPtr scaler = MakeRgbScaler(picture);
-  if (!scaler || sws_scale(scaler.get(), from, from_pitch, 0, picture.height, to, to_pitch) !=
-                     picture.height) {
-    throw std::runtime_error("FFmpeg cannot convert the picture to RGB");
-  }
+  auto rgb =
+      ConvertToRgb(picture.width, picture.height,
+                   {AV_PIX_FMT_YUV420P, picture.full_range, picture.matrix}, {from, from_pitch});
+  if (rgb.values.empty()) throw std::runtime_error("FFmpeg cannot convert the picture to RGB");
+  return rgb;
+}
+
+Image<std::uint8_t> ReadPicture(const std::string& path) { return GreyOf(*DecodeOne(path), path); }
+
+Image<Rgb> ReadColours(const std::string& path) {
+  const auto frame = DecodeOne(path);
+  const auto format = static_cast<AVPixelFormat>(frame->format);
+  if (IsGrey(format)) return {};
+  const bool full_range = frame->color_range == AVCOL_RANGE_JPEG;
+  auto rgb = ConvertToRgb(frame->width, frame->height, {format, full_range, frame->colorspace},
+                          {frame->data, frame->linesize});
+  if (rgb.values.empty()) Fail(path, "its pixel format cannot be converted to RGB");
   return rgb;
 }
 

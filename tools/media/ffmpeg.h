@@ -26,6 +26,10 @@ std::string FileUrl(const std::string& path);
 // their values. Errors: std::runtime_error that names the file and the reason.
 Image<std::uint8_t> ReadPicture(const std::string& path);
 
+// Reads the colours of a picture file. Returns: an empty picture if the file is grey.
+// Errors: as ReadPicture().
+Image<Rgb> ReadColours(const std::string& path);
+
 // A planar 4:2:0 picture: width x height luma samples, then two chroma planes of
 // (width + 1) / 2 x (height + 1) / 2 samples.
 struct I420Picture {

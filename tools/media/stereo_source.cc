@@ -11,6 +11,7 @@
 
 #include "qxtools/ffmpeg_video_decoder.h"
 #include "tools/console/messages.h"
+#include "tools/media/decoded_picture.h"
 #include "tools/media/ffmpeg.h"
 #include "tools/media/video_input.h"
 
@@ -51,21 +52,43 @@ bool IsPictureFile(const std::string& path) {
   return true;
 }
 
-// Returns: a frame of kQXPixelFormatGray8 that owns the picture.
-FramePtr FrameOf(Image<std::uint8_t> picture) {
-  const auto owner = std::make_shared<std::vector<std::uint8_t>>(std::move(picture.values));
+// Returns: a frame of kQXPixelFormatGray8 or kQXPixelFormatRGB888 that owns the picture.
+template <typename T>
+FramePtr FrameOf(Image<T> picture) {
+  const auto owner = std::make_shared<std::vector<T>>(std::move(picture.values));
+  const auto format = sizeof(T) == 3 ? kQXPixelFormatRGB888 : kQXPixelFormatGray8;
   return velkar::vision::ImageFrameImpl::Create(
-      kQXPixelFormatGray8, owner->data(), static_cast<std::uint32_t>(picture.height),
-      static_cast<std::uint32_t>(picture.width), 1, owner);
+      format, reinterpret_cast<std::uint8_t*>(owner->data()),
+      static_cast<std::uint32_t>(picture.height), static_cast<std::uint32_t>(picture.width),
+      sizeof(T), owner);
+}
+
+// Copies `width` columns of rows that lie `pitch` bytes apart.
+template <typename T>
+FramePtr CopyOf(const std::uint8_t* first, std::size_t pitch, std::uint32_t width,
+                std::uint32_t height) {
+  Image<T> copy(static_cast<int>(width), static_cast<int>(height));
+  for (std::uint32_t y = 0; y < height; ++y) {
+    std::copy_n(reinterpret_cast<const T*>(first + y * pitch), width,
+                copy.Row(static_cast<int>(y)));
+  }
+  return FrameOf(std::move(copy));
 }
 
 class PictureFile : public PictureSource {
  public:
-  explicit PictureFile(const std::string& path) : picture_(FrameOf(ReadPicture(path))) {}
+  explicit PictureFile(const std::string& path)
+      : path_(path), picture_(FrameOf(ReadPicture(path))) {}
 
   FramePtr Next() override { return std::exchange(picture_, nullptr); }
 
+  FramePtr Colours() override {
+    auto colours = ReadColours(path_);
+    return colours.values.empty() ? nullptr : FrameOf(std::move(colours));
+  }
+
  private:
+  std::string path_;
   FramePtr picture_;
 };
 
@@ -80,8 +103,10 @@ class VideoStream : public PictureSource {
     if (!frame && IsUrl(name_) && !reader_.Fault().empty()) {
       throw std::runtime_error("'" + name_ + "': " + reader_.Fault());
     }
-    return frame;
+    return last_ = frame;
   }
+
+  FramePtr Colours() override { return FrameOf(RgbOf(last_)); }
 
   std::size_t DamagedPictures() const override { return reader_.DamagedPictures(); }
   std::size_t Expected() const override { return reader_.ExpectedPictures(); }
@@ -90,6 +115,7 @@ class VideoStream : public PictureSource {
  private:
   std::string name_;
   VideoReader reader_;
+  FramePtr last_;
 };
 
 std::string SizeText(const LumaView& picture) {
@@ -113,10 +139,12 @@ std::unique_ptr<PictureSource> OpenPictureSource(const std::string& input) {
   return std::make_unique<VideoStream>(input);
 }
 
-PairReader::PairReader(const std::string& left, const std::string& right, std::size_t pairs)
+PairReader::PairReader(const std::string& left, const std::string& right, std::size_t pairs,
+                       bool wants_colours)
     : left_{left, OpenPictureSource(left)},
       right_{right, right.empty() ? nullptr : OpenPictureSource(right)},
-      pairs_(pairs) {}
+      pairs_(pairs),
+      wants_colours_(wants_colours) {}
 
 std::optional<PicturePair> PairReader::Next() {
   if (pairs_ != 0 && count_ == pairs_) return std::nullopt;
@@ -138,7 +166,14 @@ std::optional<PicturePair> PairReader::Next() {
                              std::to_string(count_));
   }
   ++count_;
-  return PicturePair{std::move(left), std::move(right)};
+  PicturePair pair{std::move(left), std::move(right), nullptr, nullptr};
+  if (wants_colours_) AddColours(pair);
+  return pair;
+}
+
+void PairReader::AddColours(PicturePair& pair) const {
+  pair.left_colours = left_.source->Colours();
+  pair.right_colours = right_.source->Colours();
 }
 
 // Copies the two halves of a picture.
@@ -149,14 +184,19 @@ PicturePair PairReader::Split(const FramePtr& picture) const {
                              ": two views side by side have an even width");
   }
   const std::uint32_t width = view.width / 2;
-  const auto half = [&](std::uint32_t first) {
-    Image<std::uint8_t> copy(static_cast<int>(width), static_cast<int>(view.height));
-    for (std::uint32_t y = 0; y < view.height; ++y) {
-      std::copy_n(view.Row(y) + first, width, copy.Row(static_cast<int>(y)));
-    }
-    return FrameOf(std::move(copy));
+  const auto half = [&](std::size_t first) {
+    return CopyOf<std::uint8_t>(view.data + first, view.pitch, width, view.height);
   };
-  return {half(0), half(width)};
+  PicturePair pair{half(0), half(width), nullptr, nullptr};
+  const FramePtr colours = wants_colours_ ? left_.source->Colours() : nullptr;
+  if (!colours) return pair;
+  const auto half_of_colours = [&](std::size_t first) {
+    return CopyOf<Rgb>(colours->Data() + 3 * first, std::size_t{3} * view.width, width,
+                       view.height);
+  };
+  pair.left_colours = half_of_colours(0);
+  pair.right_colours = half_of_colours(width);
+  return pair;
 }
 
 void PairReader::ReportDamage() const {

@@ -21,6 +21,11 @@ class PictureSource {
   // Errors:  std::exception whose text names the input and the reason.
   virtual FramePtr Next() = 0;
 
+  // Returns: the colours of the picture that Next() returned last, as a frame of
+  //          kQXPixelFormatRGB888; empty if it is grey.
+  // Errors:  as Next().
+  virtual FramePtr Colours() = 0;
+
   // Returns: pictures so far in which errors were concealed.
   virtual std::size_t DamagedPictures() const { return 0; }
 
@@ -51,6 +56,8 @@ struct LumaView {
 struct PicturePair {
   FramePtr left;
   FramePtr right;
+  FramePtr left_colours;  // of kQXPixelFormatRGB888; empty if it is grey, or colours are not wanted
+  FramePtr right_colours;
 };
 
 // Reads two inputs in step and requires the same size and the same number of pictures; or reads one
@@ -60,7 +67,8 @@ class PairReader {
   // Inputs: right  empty: `left` shows both views.
   //         pairs  how many to read; 0 for as many as there are.
   // Errors: as OpenPictureSource().
-  PairReader(const std::string& left, const std::string& right, std::size_t pairs);
+  PairReader(const std::string& left, const std::string& right, std::size_t pairs,
+             bool wants_colours = false);
 
   // Returns: nothing after `pairs` pairs, or when both inputs end.
   // Errors:  std::exception whose text says which input is damaged or ends too early, or how the
@@ -87,10 +95,12 @@ class PairReader {
 
   [[noreturn]] void FailEnded(const Input& input) const;
   PicturePair Split(const FramePtr& picture) const;
+  void AddColours(PicturePair& pair) const;
 
   Input left_;
   Input right_;
   std::size_t pairs_;
+  bool wants_colours_;
   std::size_t count_ = 0;
 };
 
