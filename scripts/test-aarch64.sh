@@ -50,7 +50,7 @@ fi
 [ $status -eq 0 ] || die "cannot create the root"
 if [ -n "$fast" ]; then
   programs=(argb_test bit_reader_test cost_volume_kernels_test image_copy_test image_frame_test
-    memory_buffer_test parameter_parser_test semi_global_test start_code_test)
+    memory_buffer_test parameter_parser_test semi_global_test start_code_test stereo_rectifier_test)
   say "Build for 64-bit Arm"
   configure_and_build aarch64 "${programs[@]}"
   for program in "${programs[@]}"; do
@@ -70,7 +70,7 @@ tests build/aarch64 max
 say "NEON kernels under the address and undefined-behaviour sanitizers"
 folder=build/aarch64-sanitized
 kernel_tests=(argb_test cost_volume_kernels_test cost_volume_test image_copy_test semi_global_test
-  start_code_test)
+  start_code_test stereo_rectifier_test)
 cmake -S . -B $folder -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DQXTOOLS_AARCH64_COMPILER=gcc \
   -DCMAKE_TOOLCHAIN_FILE="$project/cmake/toolchain-aarch64.cmake" -DQXTOOLS_SANITIZE=address,undefined \
   -DCMAKE_EXE_LINKER_FLAGS="-static-libasan -static-libubsan" >/dev/null

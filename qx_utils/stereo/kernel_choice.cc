@@ -16,6 +16,7 @@ const auto& BestOf(const Variant* (*variants)(std::size_t*)) {
 
 const FeatureKernel& ChosenFeatures() { return BestOf(FeatureVariants); }
 const image::CostVolumeKernel& ChosenCostVolume() { return BestOf(image::CostVolumeVariants); }
+const RemapKernel& ChosenRemap() { return BestOf(RemapVariants); }
 const SemiGlobalKernel& ChosenSemiGlobal() { return BestOf(SemiGlobalVariants); }
 const MedianKernel& ChosenMedian() { return BestOf(MedianVariants); }
 

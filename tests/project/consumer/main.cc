@@ -15,6 +15,7 @@
 #include <qxtools/media_proc.h>
 #include <qxtools/memory_buffer.h>
 #include <qxtools/stereo_camera.h>
+#include <qxtools/stereo_rectifier.h>
 #include <qxtools/version.h>
 #include <qxtools/video.h>
 
@@ -31,12 +32,18 @@ int main() {
   std::vector<std::uint8_t> rgb(3, 7), argb(4);
   qx::utils::image::CvtColorRGB2ARGB(rgb.data(), rgb.size(), argb.data(), argb.size());
   qx::utils::stereo::StereoCalibration cameras;
-  cameras.right.projection = {2, 0, 0, -1};
+  for (auto* const camera : {&cameras.left, &cameras.right}) {
+    camera->camera_matrix = {1, 0, 1, 0, 1, 1, 0, 0, 1};
+    camera->rectification = {1, 0, 0, 0, 1, 0, 0, 0, 1};
+    camera->projection = {2, 0, 1, 0, 0, 2, 1, 0, 0, 0, 1, 0};
+  }
+  cameras.right.projection[3] = -1;
   cameras.has_rectification = true;
+  const qx::utils::stereo::StereoRectifier rectifier(cameras, 3, 3);
   qx::utils::video::AnnexBFilter filter;
   const bool others =
       argb[3] == 7 && qx::utils::stereo::GeometryOf(cameras).baseline == 0.5 &&
-      filter.Init(qx::utils::video::FfmpegDemuxer()) != 0 &&
+      rectifier.Geometry().baseline == 0.5 && filter.Init(qx::utils::video::FfmpegDemuxer()) != 0 &&
       qx::utils::ffmpeg::CreateFfmpegDecoder()->Init() == 0 &&
       qx::utils::ParseH264Params("", 0).width == 0 && !qx::utils::InstructionSets().empty() &&
       qx::utils::image::CreateMediaProc(0) == nullptr &&
