@@ -10,7 +10,8 @@
 // unit: metres in ROS files, otherwise the unit in which the calibration target was measured.
 //
 // Errors:  std::invalid_argument, with a text of one line. What is wrong in a file is reported with
-//          its name and line: "left.yml:7: 'M1' has 8 values, expected 9".
+//          its name and line: "left.yml:7: 'M1' has 8 values, expected 9". docs/calibration.md
+//          lists the names that are read and what faulty files get.
 // Threads: every function is reentrant.
 #pragma once
 

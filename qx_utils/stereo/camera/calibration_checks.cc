@@ -15,8 +15,12 @@ constexpr double kRotationTolerance = 1e-3;
 constexpr double kLengthTolerance = 1e-2;
 // A rectified picture's focal length differs from the camera's by the view that is kept.
 constexpr double kMaxFocalRatio = 10;
-// Lengths below this share of the focal length are no baseline.
-constexpr double kLeastBaseline = 1e-9;
+// Of two figures for the same value, relative: they differ only in how they are rounded.
+constexpr double kSame = 1e-6;
+constexpr double kLeastFocalLength = 1;
+constexpr double kMostFocalLength = 1e6;
+// In the calibration's unit; its reciprocal is the least.
+constexpr double kMostBaseline = 1e9;
 
 std::string Text(double value) {
   char text[32];
@@ -30,10 +34,21 @@ bool Near(double a, double b, double tolerance) {
 
 double FocalLength(const CameraCalibration& camera) { return camera.projection[0]; }
 
+double BaselineOf(const CameraCalibration& right) {
+  return -right.projection[3] / FocalLength(right);
+}
+
 void CheckFocalLength(const Field& field, const char* name, double value) {
-  if (!(value > 0)) {
+  if (!(kLeastFocalLength <= value && value <= kMostFocalLength)) {
     field.Fail(std::string("has the focal length ") + name + " = " + Text(value) +
-               ", expected > 0");
+               ", expected 1 to 1e6 pixels");
+  }
+}
+
+// A length of 0 has been reported before.
+void CheckBaseline(const Field& field, double value) {
+  if (!(1 / kMostBaseline <= value && value <= kMostBaseline)) {
+    field.Fail("has the baseline " + Text(value) + ", expected 1e-9 to 1e9");
   }
 }
 
@@ -75,7 +90,8 @@ void CheckCameraMatrix(const Field& field, const std::array<double, 9>& matrix) 
 void CheckRotation(const Field& field, const std::array<double, 9>& matrix) {
   const double error = Distance(Multiply(matrix, Transpose(matrix)), kIdentity3);
   if (!(error <= kRotationTolerance)) {
-    field.Fail("is not a rotation: its rows are off orthonormal by " + Text(error));
+    field.Fail("is not a rotation: its product with its transpose is off the identity by " +
+               Text(error));
   }
   if (Determinant(matrix) < 0) field.Fail("is not a rotation: its determinant is -1");
 }
@@ -92,6 +108,8 @@ void CheckProjection(const Field& field, const CameraCalibration& camera) {
     field.Fail("has the focal length " + Text(p[0]) + ", the camera has " +
                Text(camera.camera_matrix[0]));
   }
+  if (!Near(p[0], p[5], kSame))
+    field.Fail("has fx and fy that differ, unlike a rectified camera's");
 }
 
 void CheckTranslation(const Field& field, const std::array<double, 3>& t) {
@@ -103,27 +121,28 @@ void CheckTranslation(const Field& field, const std::array<double, 3>& t) {
     field.Fail("points along z: the cameras are not side by side");
   }
   if (t[0] > 0) field.Fail("has x = " + Text(t[0]) + " > 0: left and right are swapped");
+  CheckBaseline(field, Norm(t));
 }
 
 void CheckProjections(const StereoFields& fields, const StereoCalibration& calibration) {
   const auto& left = calibration.left.projection;
   const auto& right = calibration.right.projection;
   const Field& field = *fields.right.projection;
-  if (left[3] != 0) {
-    fields.left.projection->Fail(
-        "has the baseline, which belongs to the right camera: left and "
-        "right are swapped");
-  }
-  if (right[7] != 0 || left[7] != 0) {
+  if (left[7] != 0 || right[7] != 0) {
     field.Fail("has its baseline along y: cameras above each other are not supported");
   }
-  if (std::fabs(right[3]) <= kLeastBaseline * right[0]) {
-    field.Fail("has no baseline (fourth value 0): is it the left camera's?");
+  if (left[3] != 0) {
+    fields.left.projection->Fail(
+        "has a baseline, as only the right camera's has: " +
+        std::string(right[3] == 0 ? "left and right are swapped" : "it is not the left camera's"));
+  }
+  if (right[3] == 0) {
+    field.Fail("has no baseline (the fourth value): it is not the right camera's of a pair");
   }
   if (right[3] > 0) field.Fail("has a negative baseline: left and right are swapped");
-  if (!Near(left[0], right[0], 1e-6) || !Near(left[5], left[0], 1e-6) ||
-      !Near(right[5], right[0], 1e-6) || !Near(left[6], right[6], 1e-6)) {
-    field.Fail("differs from " + fields.left.projection->Place() + " in focal length or cy");
+  CheckBaseline(field, BaselineOf(calibration.right));
+  if (!Near(left[0], right[0], kSame) || !Near(left[6], right[6], kSame)) {
+    field.Fail("has another focal length or cy than " + fields.left.projection->Place());
   }
 }
 
@@ -134,12 +153,24 @@ void CheckAgreement(const StereoFields& fields, const StereoCalibration& calibra
                                      fields.rotation->Place());
   }
   const Vector3 t = Multiply(calibration.right.rectification, calibration.translation);
-  const double baseline = -calibration.right.projection[3] / FocalLength(calibration.right);
+  const double baseline = BaselineOf(calibration.right);
   if (std::hypot(t[1], t[2]) > kLengthTolerance * Norm(t) ||
       !Near(baseline, Norm(t), kLengthTolerance)) {
     fields.right.projection->Fail("has the baseline " + Text(baseline) + ", but '" +
                                   fields.translation->Key() + "' in " +
                                   fields.translation->Place() + " gives " + Text(-t[0]));
+  }
+}
+
+// Q = 1 0 0 -cx, 0 1 0 -cy, 0 0 0 f, 0 0 1/baseline ...
+void CheckDepthMatrix(const Field& field, const StereoCalibration& calibration) {
+  const auto q = field.Matrix<4, 4>();
+  const double focal_length = FocalLength(calibration.left);
+  const double baseline = BaselineOf(calibration.right);
+  if (!Near(q[11], focal_length, kLengthTolerance) ||
+      !Near(std::fabs(q[14]) * baseline, 1, kLengthTolerance)) {
+    field.Fail("has the focal length " + Text(q[11]) + " and the baseline " + Text(1 / q[14]) +
+               ", the projections have " + Text(focal_length) + " and " + Text(baseline));
   }
 }
 

@@ -6,7 +6,7 @@
 
 namespace qx::utils::stereo {
 
-// Focal lengths are positive, and the other elements are those of a camera matrix without skew.
+// Focal lengths are plausible, and the other elements are those of a camera matrix without skew.
 void CheckCameraMatrix(const Field& field, const std::array<double, 9>& matrix);
 
 // A rotation matrix: orthonormal to kRotationTolerance, determinant +1.
@@ -24,6 +24,9 @@ void CheckProjections(const StereoFields& fields, const StereoCalibration& calib
 
 // Rectification and projections agree with rotation and translation.
 void CheckAgreement(const StereoFields& fields, const StereoCalibration& calibration);
+
+// OpenCV's Q agrees with the projections.
+void CheckDepthMatrix(const Field& field, const StereoCalibration& calibration);
 
 // Pictures of this size can be those of the calibration. A calibration that does not say its size
 // is refused when a principal point is outside the middle 40 % of the pictures: it belongs to

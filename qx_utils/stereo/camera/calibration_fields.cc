@@ -11,12 +11,14 @@ namespace {
 
 using Kind = YamlNode::Kind;
 
-// Longer values are shortened in messages.
 constexpr std::size_t kMaxQuoted = 40;
 
-std::string Quoted(const std::string& text) {
-  if (text.size() <= kMaxQuoted) return "'" + text + "'";
-  return "'" + text.substr(0, kMaxQuoted) + "...'";
+// The text in quotes. Damaged bytes become '?', and the tail of a long text dots.
+std::string Quoted(std::string text) {
+  std::replace_if(
+      text.begin(), text.end(), [](char c) { return c < ' ' || c > '~'; }, '?');
+  if (text.size() > kMaxQuoted) text = text.substr(0, kMaxQuoted) + "...";
+  return "'" + text + "'";
 }
 
 const YamlNode* ItemOf(const YamlNode& map, std::string_view name) {
@@ -46,6 +48,11 @@ void Field::Fail(const std::string& text) const {
   FailAt(file_->name, node_->line, Quoted(node_->key) + " " + text);
 }
 
+bool Field::IsSameWord(const Field& other) const {
+  return node_->kind == Kind::kScalar && other.node_->kind == Kind::kScalar &&
+         node_->text == other.node_->text;
+}
+
 const std::string& Field::Word() const {
   if (node_->kind != Kind::kScalar) Fail("is not a single value");
   return node_->text;
@@ -66,14 +73,14 @@ Field Field::Part(const char* name) const {
   return {*file_, *part};
 }
 
-int Field::Extent(const char* name) const {
+std::size_t Field::Extent(const char* name) const {
   const Field part = Part(name);
   const double value = NumberIn(part.Word()).value_or(-1);
   if (!(0 <= value && value <= 1000) || value != std::floor(value)) {
     FailAt(file_->name, part.node_->line,
            Quoted(node_->key) + " has " + Quoted(part.Word()) + " " + name);
   }
-  return static_cast<int>(value);
+  return static_cast<std::size_t>(value);
 }
 
 std::vector<double> Field::ListedNumbers(const YamlNode& list) const {
@@ -92,34 +99,39 @@ std::vector<double> Field::ListedNumbers(const YamlNode& list) const {
   return numbers;
 }
 
-std::vector<double> Field::Numbers() const {
-  if (node_->kind == Kind::kList) return ListedNumbers(*node_);
-  if (node_->kind != Kind::kMap) Fail("is not a matrix");
-  const int rows = Extent("rows"), columns = Extent("cols");
-  std::vector<double> values = ListedNumbers(*Part("data").node_);
-  if (values.size() != static_cast<std::size_t>(rows) * static_cast<std::size_t>(columns)) {
-    Fail("has " + std::to_string(values.size()) + " values, expected " +
-         std::to_string(rows * columns));
+std::vector<double> Field::CountedNumbers(const YamlNode& list, std::size_t count) const {
+  std::vector<double> values = ListedNumbers(list);
+  if (values.size() != count) {
+    Fail("has " + std::to_string(values.size()) + " values, expected " + std::to_string(count));
   }
   return values;
 }
 
-std::vector<double> Field::Matrix(int rows, int columns) const {
-  if (node_->kind == Kind::kMap) {
-    const int actual_rows = Extent("rows"), actual_columns = Extent("cols");
-    const bool same = actual_rows == rows && actual_columns == columns;
-    const bool transposed_vector = columns == 1 && actual_rows == columns && actual_columns == rows;
-    if (!same && !transposed_vector) {
-      Fail("is " + std::to_string(actual_rows) + " x " + std::to_string(actual_columns) +
-           ", expected " + std::to_string(rows) + " x " + std::to_string(columns));
-    }
+void Field::CheckElements() const {
+  const YamlNode* const type = ItemOf(*node_, "dt");
+  if (type == nullptr) return;
+  const std::string& name = Field(*file_, *type).Word();
+  if (name.size() != 1) Fail("has elements of type " + Quoted(name) + ", expected single numbers");
+}
+
+std::vector<double> Field::Numbers() const {
+  if (node_->kind == Kind::kList) return ListedNumbers(*node_);
+  if (node_->kind != Kind::kMap) Fail("is not a matrix");
+  CheckElements();
+  const std::size_t rows = Extent("rows"), columns = Extent("cols");
+  return CountedNumbers(*Part("data").node_, rows * columns);
+}
+
+std::vector<double> Field::Matrix(std::size_t rows, std::size_t columns) const {
+  if (node_->kind == Kind::kList) return CountedNumbers(*node_, rows * columns);
+  if (node_->kind != Kind::kMap) Fail("is not a matrix");
+  const std::size_t actual_rows = Extent("rows"), actual_columns = Extent("cols");
+  const bool is_row_vector = columns == 1 && actual_rows == 1 && actual_columns == rows;
+  if (!is_row_vector && (actual_rows != rows || actual_columns != columns)) {
+    Fail("is " + std::to_string(actual_rows) + " x " + std::to_string(actual_columns) +
+         ", expected " + std::to_string(rows) + " x " + std::to_string(columns));
   }
-  std::vector<double> values = Numbers();
-  if (values.size() != static_cast<std::size_t>(rows) * static_cast<std::size_t>(columns)) {
-    Fail("has " + std::to_string(values.size()) + " values, expected " +
-         std::to_string(rows * columns));
-  }
-  return values;
+  return Numbers();
 }
 
 std::optional<Field> FieldSource::Find(const Names& names) const {
@@ -129,8 +141,9 @@ std::optional<Field> FieldSource::Find(const Names& names) const {
       const auto is_item = [&item](const char* name) { return item.key == name; };
       if (std::none_of(names.begin(), names.end(), is_item)) continue;
       const Field field(*file, item);
-      if (found)
+      if (found && !found->IsSameWord(field)) {
         field.Fail("is there twice: also " + Quoted(found->Key()) + " in " + found->Place());
+      }
       found = field;
     }
   }

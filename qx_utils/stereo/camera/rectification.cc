@@ -21,6 +21,11 @@ struct Rotations {
   double baseline;
 };
 
+[[noreturn]] void FailApart() {
+  throw std::invalid_argument(
+      "the calibration cannot be rectified: the cameras hardly see the same");
+}
+
 // Half of the rotation between the cameras goes to each, in opposite directions, after which they
 // look the same way. Then both are turned by the smallest angle that makes the baseline the x axis.
 Rotations RectifyingRotations(const StereoCalibration& calibration) {
@@ -30,6 +35,9 @@ Rotations RectifyingRotations(const StereoCalibration& calibration) {
   const double baseline = Norm(t);
   // The direction from the left camera to the right one, and its cross product with the x axis.
   const Vector3 direction = {-t[0] / baseline, -t[1] / baseline, -t[2] / baseline};
+  const auto& r = calibration.rotation;
+  const bool within_quarter_turn = r[0] + r[4] + r[8] >= 1;
+  if (!within_quarter_turn || !(direction[0] > 0)) FailApart();
   const double sine = std::hypot(direction[1], direction[2]);
   const double scale = sine == 0 ? 0 : std::atan2(sine, direction[0]) / sine;
   const Matrix3 aligned = RotationOf({0, direction[2] * scale, -direction[1] * scale});
@@ -73,8 +81,7 @@ double RectifiedFocalLength(const StereoCalibration& calibration, const View& vi
   const double down = (height - 1) / (view.bottom - view.top);
   const double focal_length = std::max({across, down, kLeastZoom * own});
   if (!(view.left < view.right && view.top < view.bottom && focal_length <= kMostZoom * own)) {
-    throw std::invalid_argument(
-        "the calibration cannot be rectified: the two cameras hardly see the same");
+    FailApart();
   }
   return focal_length;
 }

@@ -14,10 +14,12 @@ namespace {
 
 constexpr std::size_t kMaxFileBytes = std::size_t{1} << 20;
 
+constexpr const char* kByteOrderMark = "\xEF\xBB\xBF";
+
 // OpenCV's first line ("%YAML:1.0") is no directive of YAML, and it reads "data:[" without the
 // space that YAML wants. Line numbers stay as they are.
 std::string AsYaml(std::string text) {
-  if (text.rfind("\xEF\xBB\xBF", 0) == 0) text.erase(0, 3);
+  if (text.rfind(kByteOrderMark, 0) == 0) text.erase(0, 3);
   if (text.rfind("%YAML", 0) == 0) text.erase(0, text.find('\n'));
   for (std::size_t at = 0; (at = text.find(":[", at)) != std::string::npos; at += 2) {
     text.insert(at + 1, " ");
@@ -25,14 +27,18 @@ std::string AsYaml(std::string text) {
   return text;
 }
 
-CalibrationFile ParseFile(const std::string& name, const std::string& text) {
+void CheckText(const std::string& name, const std::string& text) {
   if (text.size() > kMaxFileBytes) FailAt(name, 1, "is larger than 1 MiB");
-  const std::size_t start = text.find_first_not_of(" \t\r\n");
-  if (start == std::string::npos) FailAt(name, 1, "is empty");
   if (text.find('\0') != std::string::npos) FailAt(name, 1, "is not a text file");
+  const std::size_t start = text.find_first_not_of(std::string(" \t\r\n") + kByteOrderMark);
+  if (start == std::string::npos) FailAt(name, 1, "is empty");
   if (text[start] == '<') {
     FailAt(name, 1, "is XML: write the calibration as YAML, as OpenCV does for *.yml");
   }
+}
+
+CalibrationFile ParseFile(const std::string& name, const std::string& text) {
+  CheckText(name, text);
   CalibrationFile file = {name, ParseYaml(name, AsYaml(text))};
   if (file.root.kind != YamlNode::Kind::kMap) FailAt(name, 1, "has no named values");
   return file;
@@ -74,12 +80,12 @@ void SetDistortion(CameraCalibration& camera, const Field& field) {
 
 void SetSize(CameraCalibration& camera, const CameraFields& fields) {
   if (fields.width || fields.height) {
-    if (!fields.height) fields.width->Fail("is there without the height");
-    if (!fields.width) fields.height->Fail("is there without the width");
+    if (!fields.height) fields.width->Fail("is given without the height");
+    if (!fields.width) fields.height->Fail("is given without the width");
     camera.width = fields.width->PictureSize();
     camera.height = fields.height->PictureSize();
   } else if (fields.size) {
-    const std::vector<double> size = fields.size->Matrix(1, 2);
+    const std::array<double, 2> size = fields.size->Matrix<1, 2>();
     if (!(1 <= size[0] && size[0] <= 65535 && 1 <= size[1] && size[1] <= 65535)) {
       fields.size->Fail("is not a width and a height in pixels");
     }
@@ -91,14 +97,14 @@ void SetSize(CameraCalibration& camera, const CameraFields& fields) {
 CameraCalibration CameraOf(const CameraFields& fields) {
   CameraCalibration camera;
   SetSize(camera, fields);
-  camera.camera_matrix = fields.camera_matrix.Matrix<9>(3);
+  camera.camera_matrix = fields.camera_matrix.Matrix<3, 3>();
   CheckCameraMatrix(fields.camera_matrix, camera.camera_matrix);
   camera.distortion_model = ModelOf(fields);
   SetDistortion(camera, fields.distortion);
   if (fields.rectification) {
-    camera.rectification = fields.rectification->Matrix<9>(3);
+    camera.rectification = fields.rectification->Matrix<3, 3>();
     CheckRotation(*fields.rectification, camera.rectification);
-    camera.projection = fields.projection->Matrix<12>(3);
+    camera.projection = fields.projection->Matrix<3, 4>();
     CheckProjection(*fields.projection, camera);
   }
   return camera;
@@ -131,9 +137,9 @@ StereoCalibration CalibrationOf(const StereoFields& fields) {
   CheckSameSize(fields, calibration);
   calibration.has_rectification = fields.left.rectification.has_value();
   if (fields.rotation) {
-    calibration.rotation = fields.rotation->Matrix<9>(3);
+    calibration.rotation = fields.rotation->Matrix<3, 3>();
     CheckRotation(*fields.rotation, calibration.rotation);
-    calibration.translation = fields.translation->Matrix<3>(3);
+    calibration.translation = fields.translation->Matrix<3, 1>();
     CheckTranslation(*fields.translation, calibration.translation);
   }
   if (calibration.has_rectification) {
@@ -143,6 +149,7 @@ StereoCalibration CalibrationOf(const StereoFields& fields) {
     } else {
       DeriveExtrinsics(calibration);
     }
+    if (fields.depth_matrix) CheckDepthMatrix(*fields.depth_matrix, calibration);
   }
   return calibration;
 }

@@ -117,7 +117,8 @@ void CheckBrackets(const std::string& file, const std::string& text) {
 void FailAt(const std::string& file, int line, const std::string& text) {
   std::string printable = text;
   std::replace_if(
-      printable.begin(), printable.end(), [](char c) { return c < ' ' || c > '~'; }, '?');
+      printable.begin(), printable.end(), [](unsigned char c) { return c < 0x20 || c == 0x7F; },
+      '?');
   throw std::invalid_argument(file + ":" + std::to_string(line) + ": " + printable);
 }
 

@@ -16,8 +16,8 @@ struct YamlNode {
   std::vector<YamlNode> items;  // of a list or map
 };
 
-// Ends the reading of a calibration file: throws std::invalid_argument "file:line: text". Bytes of
-// `text` that are not printable ASCII become '?', so that it is one line on every terminal.
+// Ends the reading of a calibration file: throws std::invalid_argument "file:line: text". Control
+// characters of `text` become '?', so that it is one line.
 [[noreturn]] void FailAt(const std::string& file, int line, const std::string& text);
 
 // Parses the first document of `text`.
