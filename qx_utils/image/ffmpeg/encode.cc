@@ -3,13 +3,9 @@
 #include <algorithm>
 #include <string>
 
+#include "qx_utils/image/ffmpeg/color.h"
 #include "qx_utils/image/ffmpeg/failure.h"
 #include "qx_utils/image/ffmpeg/jpeg_quality.h"
-#include "qx_utils/image/ffmpeg/swscale.h"
-
-extern "C" {
-#include <libswscale/swscale.h>
-}
 
 namespace qx::utils::image::engine {
 namespace {
@@ -73,7 +69,7 @@ FfmpegPtr<AVFrame> Converted(const PictureView& picture, AVPixelFormat format,
   FfmpegPtr<AVFrame> frame = Allocated(picture, format);
   PictureView target = ViewOf(*frame);
   target.coding = coding;
-  ScaleInto(picture, target, SWS_BICUBIC | SWS_ACCURATE_RND | SWS_FULL_CHR_H_INP);
+  ConvertInto(picture, target);
   return frame;
 }
 
@@ -101,7 +97,7 @@ FfmpegPtr<AVFrame> YuvForJpeg(const PictureView& picture, std::uint32_t quality)
     FfmpegPtr<AVFrame> frame = Allocated(source, AV_PIX_FMT_YUV420P);
     PictureView target = ViewOf(*frame);
     target.coding = kJpegCoding;
-    ScaleInto(source, target, SWS_BICUBIC | SWS_ACCURATE_RND);
+    ConvertInto(source, target);
     return frame;
   }
   return Converted(source,

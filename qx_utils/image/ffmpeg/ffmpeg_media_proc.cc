@@ -6,6 +6,7 @@
 #include <new>
 
 #include "qx_utils/image/ffmpeg/color.h"
+#include "qx_utils/image/ffmpeg/crop.h"
 #include "qx_utils/image/ffmpeg/decode.h"
 #include "qx_utils/image/ffmpeg/encode.h"
 #include "qx_utils/image/ffmpeg/scale.h"
@@ -31,7 +32,10 @@ class FfmpegMediaProc : public MediaProc {
  public:
   std::vector<Frame> Crop(Frame frame, const std::vector<Box>& boxes, std::size_t width,
                           std::size_t height, bool resize) override {
-    return Result("Crop", [&] { return engine::CropPicture(frame, boxes, width, height, resize); });
+    const auto crops =
+        Result("Crop", [&] { return engine::CropPicture(frame, boxes, width, height, resize); });
+    if (!crops.refusal.empty()) LOG(ERROR) << "Crop: " << crops.refusal;
+    return crops.frames;
   }
   Frame Resize(Frame frame, std::size_t width, std::size_t height) override {
     return Result("Resize", [&] { return engine::ResizePicture(frame, width, height); });

@@ -145,6 +145,7 @@ PictureView ViewOf(const AVFrame& picture) {
   }
   view.coding = {picture.color_range == AVCOL_RANGE_JPEG,
                  static_cast<std::uint8_t>(picture.colorspace)};
+  view.padded = true;
   return view;
 }
 

@@ -28,6 +28,7 @@ struct PictureView {
   std::array<std::uint8_t*, 4> data{};
   std::array<int, 4> pitch{};  // bytes from one row to the next
   YuvCoding coding;            // of YUV formats
+  bool padded = false;         // FFmpeg's own: code that reads past the ends of rows is safe
 };
 
 // Throws a Failure for a picture without pixels or with more than kMaxEnginePixels.

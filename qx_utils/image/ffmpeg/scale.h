@@ -1,17 +1,18 @@
-// The engine's Resize and Crop.
+// The engine's Resize.
 #pragma once
 
 #include <cstddef>
-#include <vector>
 
 #include "qx_utils/image/ffmpeg/picture_view.h"
-#include "qxtools/media_proc.h"
 
 namespace qx::utils::image::engine {
 
-// As MediaProc's, except that they throw Failure or std::bad_alloc.
+// As MediaProc's, except that it throws Failure or std::bad_alloc.
 FramePtr ResizePicture(const FramePtr& frame, std::size_t width, std::size_t height);
-std::vector<FramePtr> CropPicture(const FramePtr& frame, const std::vector<MediaProc::Box>& boxes,
-                                  std::size_t width, std::size_t height, bool resize);
+
+// Returns: a new frame with the picture in another size. `format` is its format.
+// Errors:  as above.
+FramePtr ScaledPicture(const PictureView& picture, QXPixelFormat format, std::size_t width,
+                       std::size_t height);
 
 }  // namespace qx::utils::image::engine
