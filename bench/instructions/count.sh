@@ -65,6 +65,10 @@ build stereo bench/instructions/stereo.cc \
   qx_utils/stereo/kernels/{features,disparity_map}_{scalar,neon}.cc
 table stereo 'stage x H x W' 'scalar neon' 'features 96 448' 'median3 96 448' 'median5 96 448'
 
+build remap bench/instructions/remap.cc qx_utils/stereo/camera/remap_table.cc \
+  qx_utils/stereo/kernels/remap_{scalar,neon}.cc
+table remap 'picture x H x W' 'loop scalar neon' 'grey 48 640' 'colour 48 640'
+
 build semi_global bench/instructions/semi_global.cc \
   qx_utils/stereo/kernels/semi_global{,_scalar,_neon}.cc
 table semi_global 'H x W x D x paths' 'scalar neon' \

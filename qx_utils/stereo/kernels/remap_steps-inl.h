@@ -126,29 +126,42 @@ inline void FetchColours(const RemapView& map, const GreyView& source, std::size
       __builtin_memcpy(to_above, from, kColourPair);
       __builtin_memcpy(to_below, from + source.pitch, kColourPair);
     } else {
+      to_above[0] = to_above[1] = to_below[0] = to_below[1] = 0;
       FetchPair<3>(source, PositionOf(map, at + i), to_above + 2, to_below + 2);
     }
+  }
+}
+
+// Computes the `columns` pixels, at most kRemapStep, from pixel `at` of the map on. All are fetched
+// before the first is blended: bytes that have just been stored are slow to load as vectors.
+template <typename Isa>
+void RemapColourStep(const RemapView& map, const GreyView& source, std::size_t at,
+                     std::size_t columns, std::uint8_t* result) {
+  constexpr std::size_t kGroupBytes = 3 * kRemapGroup;
+  std::uint8_t above[kRemapStep * kColourPair], below[kRemapStep * kColourPair];
+  for (std::size_t x = 0; x < columns; x += kRemapGroup) {
+    FetchColours(map, source, at + x, above + x * kColourPair, below + x * kColourPair);
+  }
+  std::size_t x = 0;
+  const auto blend = [&](std::uint8_t* to) QXTOOLS_INLINE_BODY {
+    Isa::BlendColours(above + x * kColourPair, below + x * kColourPair, map.fx + at + x,
+                      map.fy + at + x, to);
+  };
+  for (; 3 * (columns - x) >= kGroupBytes + kColourSlack; x += kRemapGroup) blend(result + 3 * x);
+  for (; x < columns; x += kRemapGroup) {
+    std::uint8_t last[kGroupBytes + kColourSlack];
+    blend(last);
+    CopyBytes(last, 3 * Smaller(columns - x, kRemapGroup), result + 3 * x);
   }
 }
 
 template <typename Isa>
 void RemapColour(const RemapView& map, const GreyView& source, std::size_t first_row,
                  std::size_t end_row, std::uint8_t* result) {
-  constexpr std::size_t kGroupBytes = 3 * kRemapGroup;
   for (std::size_t y = first_row; y < end_row; ++y) {
-    for (std::size_t x = 0; x < map.width; x += kRemapGroup) {
-      const std::size_t at = y * map.stride + x;
-      std::uint8_t above[kRemapGroup * kColourPair] = {}, below[kRemapGroup * kColourPair] = {};
-      FetchColours(map, source, at, above, below);
-      std::uint8_t* const to = result + (y * map.width + x) * 3;
-      const std::size_t left = (map.width - x) * 3;
-      if (left >= kGroupBytes + kColourSlack) {
-        Isa::BlendColours(above, below, map.fx + at, map.fy + at, to);
-        continue;
-      }
-      std::uint8_t last[kGroupBytes + kColourSlack];
-      Isa::BlendColours(above, below, map.fx + at, map.fy + at, last);
-      CopyBytes(last, left < kGroupBytes ? left : kGroupBytes, to);
+    for (std::size_t x = 0; x < map.width; x += kRemapStep) {
+      RemapColourStep<Isa>(map, source, y * map.stride + x, Smaller(map.width - x, kRemapStep),
+                           result + (y * map.width + x) * 3);
     }
   }
 }
