@@ -48,6 +48,10 @@ void Field::Fail(const std::string& text) const {
   FailAt(file_->name, node_->line, Quoted(node_->key) + " " + text);
 }
 
+void Field::FailWord(const std::string& expected) const {
+  Fail("is " + Quoted(node_->text) + ", expected " + expected);
+}
+
 bool Field::IsSameWord(const Field& other) const {
   return node_->kind == Kind::kScalar && other.node_->kind == Kind::kScalar &&
          node_->text == other.node_->text;
@@ -62,7 +66,7 @@ int Field::PictureSize() const {
   constexpr double kMaxSize = 65535;
   const double value = NumberIn(Word()).value_or(0);
   if (!(1 <= value && value <= kMaxSize) || value != std::floor(value)) {
-    Fail("is " + Quoted(Word()) + ", expected 1 .. 65535 pixels");
+    FailWord("1 .. 65535 pixels");
   }
   return static_cast<int>(value);
 }

@@ -9,14 +9,9 @@
 #include <utility>
 #include <vector>
 
-#include "qx_utils/stereo/camera/yaml_text.h"
+#include "qx_utils/stereo/camera/calibration_file.h"
 
 namespace qx::utils::stereo {
-
-struct CalibrationFile {
-  std::string name;
-  YamlNode root;
-};
 
 // One value; borrows its file.
 class Field {
@@ -31,6 +26,9 @@ class Field {
 
   // Throws std::invalid_argument "file:line: 'key' text".
   [[noreturn]] void Fail(const std::string& text) const;
+
+  // For a single value: fails with "is 'value', expected ...".
+  [[noreturn]] void FailWord(const std::string& expected) const;
 
   // Each fails unless the value is ...
   [[nodiscard]] const std::string& Word() const;      // ... a single value

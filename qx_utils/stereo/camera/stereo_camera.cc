@@ -1,69 +1,22 @@
 #include "qxtools/stereo_camera.h"
 
 #include <algorithm>
-#include <filesystem>
-#include <fstream>
 #include <stdexcept>
 
 #include "qx_utils/stereo/camera/calibration_checks.h"
+#include "qx_utils/stereo/camera/calibration_file.h"
 #include "qx_utils/stereo/camera/calibration_formats.h"
 #include "qx_utils/stereo/camera/matrix3.h"
 
 namespace qx::utils::stereo {
 namespace {
 
-constexpr std::size_t kMaxFileBytes = std::size_t{1} << 20;
-
-constexpr const char* kByteOrderMark = "\xEF\xBB\xBF";
-
-// OpenCV's first line ("%YAML:1.0") is no directive of YAML, and it reads "data:[" without the
-// space that YAML wants. Line numbers stay as they are.
-std::string AsYaml(std::string text) {
-  if (text.rfind(kByteOrderMark, 0) == 0) text.erase(0, 3);
-  if (text.rfind("%YAML", 0) == 0) text.erase(0, text.find('\n'));
-  for (std::size_t at = 0; (at = text.find(":[", at)) != std::string::npos; at += 2) {
-    text.insert(at + 1, " ");
-  }
-  return text;
-}
-
-void CheckText(const std::string& name, const std::string& text) {
-  if (text.size() > kMaxFileBytes) FailAt(name, 1, "is larger than 1 MiB");
-  if (text.find('\0') != std::string::npos) FailAt(name, 1, "is not a text file");
-  const std::size_t start = text.find_first_not_of(std::string(" \t\r\n") + kByteOrderMark);
-  if (start == std::string::npos) FailAt(name, 1, "is empty");
-  if (text[start] == '<') {
-    FailAt(name, 1, "is XML: write the calibration as YAML, as OpenCV does for *.yml");
-  }
-}
-
-CalibrationFile ParseFile(const std::string& name, const std::string& text) {
-  CheckText(name, text);
-  CalibrationFile file = {name, ParseYaml(name, AsYaml(text))};
-  if (file.root.kind != YamlNode::Kind::kMap) FailAt(name, 1, "has no named values");
-  return file;
-}
-
-std::string ReadText(const std::string& path) {
-  std::error_code error;
-  const auto status = std::filesystem::status(path, error);
-  if (std::filesystem::is_directory(status)) throw std::invalid_argument(path + ": is a directory");
-  std::ifstream stream(path, std::ios::binary);
-  if (!stream) throw std::invalid_argument(path + ": cannot be opened");
-  std::string text(kMaxFileBytes + 1, '\0');
-  stream.read(text.data(), static_cast<std::streamsize>(text.size()));
-  if (stream.bad()) throw std::invalid_argument(path + ": cannot be read");
-  text.resize(static_cast<std::size_t>(stream.gcount()));
-  return text;
-}
-
 DistortionModel ModelOf(const CameraFields& fields) {
   if (!fields.model) return DistortionModel::kPlumbBob;
   const std::string& name = fields.model->Word();
   if (name == "plumb_bob" || name == "rational_polynomial") return DistortionModel::kPlumbBob;
   if (name == "equidistant" || name == "fisheye") return DistortionModel::kEquidistant;
-  fields.model->Fail("is '" + name +
-                     "', expected plumb_bob, rational_polynomial, equidistant or fisheye");
+  fields.model->FailWord("plumb_bob, rational_polynomial, equidistant or fisheye");
 }
 
 void SetDistortion(CameraCalibration& camera, const Field& field) {
@@ -164,14 +117,14 @@ StereoCalibration ParseStereoCalibration(
   }
   std::vector<CalibrationFile> files;
   files.reserve(texts.size());
-  for (const auto& [name, text] : texts) files.push_back(ParseFile(name, text));
+  for (const auto& [name, text] : texts) files.push_back(ParseCalibrationFile(name, text));
   return CalibrationOf(FindFields(files));
 }
 
 StereoCalibration ReadStereoCalibration(const std::vector<std::string>& paths) {
   std::vector<std::pair<std::string, std::string>> texts;
   texts.reserve(paths.size());
-  for (const std::string& path : paths) texts.emplace_back(path, ReadText(path));
+  for (const std::string& path : paths) texts.emplace_back(path, ReadCalibrationText(path));
   return ParseStereoCalibration(texts);
 }
 
