@@ -11,8 +11,8 @@ import sys
 
 # Variable, the subcommands that read it, meaning.
 ENVIRONMENT = (
-    ("QXTOOLS_FORCE_ISA", "stereo isa doctor", "Instruction set to use instead of the best one, by a name that qxtools isa lists."),
-    ("OMP_NUM_THREADS", "stereo", "Number of threads for matching; default: one per processor."),
+    ("QXTOOLS_FORCE_ISA", "stereo rectify isa doctor", "Instruction set to use instead of the best one, by a name that qxtools isa lists."),
+    ("OMP_NUM_THREADS", "stereo rectify", "Number of threads for matching and rectification; default: one per processor."),
     ("QXTOOLS_BOARD_GEOMETRY", "stereo board doctor",
      "Emulated board: height, width, channels and disparities of its kernel, for example 96x320x32x48."),
     ("QXTOOLS_BOARD_RUN_TIME_US", "stereo board", "Emulated board: minimum duration of a run, in microseconds."),

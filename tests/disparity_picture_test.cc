@@ -85,8 +85,8 @@ TEST(DisparityPicture, LegendLabelsAreRoundEvenlySpacedAndApart) {
 TEST(StereoPipeline, IsAsAccurateAsItWasInFloatingPoint) {
   const std::string clips = QXTOOLS_CLIPS_DIR "/";
   StereoJob job;
-  job.left = clips + "aloe-left.pgm";
-  job.right = clips + "aloe-right.pgm";
+  job.inputs.left = clips + "aloe-left.pgm";
+  job.inputs.right = clips + "aloe-right.pgm";
   job.ground_truth = clips + "aloe-disparity-left.pgm";
   job.ground_truth_scale = 2;
   job.matching.disparities = 112;

@@ -18,11 +18,13 @@ void AddDecode(CLI::App& app);
 void AddDoctor(CLI::App& app);
 void AddIsa(CLI::App& app);
 void AddProbe(CLI::App& app);
+void AddRectify(CLI::App& app);
 void AddStereo(CLI::App& app);
 
 // Restricts an option's values; its help and its error message say which it accepts.
-// AcceptNumbers(): whole numbers from `low` to `high`.
+// AcceptNumbers(): whole numbers from `low` to `high`; AcceptPositive(): numbers above 0.
 void AcceptNumbers(CLI::Option* option, std::uint64_t low, std::uint64_t high = UINT64_MAX);
+void AcceptPositive(CLI::Option* option);
 void AcceptChoices(CLI::Option* option, const std::vector<std::string>& choices);
 
 }  // namespace qx::tools

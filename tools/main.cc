@@ -4,6 +4,7 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <charconv>
+#include <cmath>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -23,8 +24,8 @@ namespace {
 
 // In the order of --help.
 constexpr std::initializer_list<void (*)(CLI::App&)> kSubcommands = {
-    qx::tools::AddStereo, qx::tools::AddProbe, qx::tools::AddDecode,
-    qx::tools::AddBoard,  qx::tools::AddIsa,   qx::tools::AddDoctor};
+    qx::tools::AddStereo, qx::tools::AddRectify, qx::tools::AddProbe, qx::tools::AddDecode,
+    qx::tools::AddBoard,  qx::tools::AddIsa,     qx::tools::AddDoctor};
 
 enum ExitStatus { kSuccess = 0, kFailure = 1, kUsage = 2 };
 
@@ -40,9 +41,11 @@ void OccupyStandardStreams() {
 // decode and write: on two cores `stereo` needed 1.6 times as long. OpenMP reads its setting when
 // it is loaded, so the program starts itself again with it; if that fails, it continues as it is.
 void WaitWithoutSpinning(int argc, char** argv) {
-  const auto is_stereo = [](const char* word) { return std::strcmp(word, "stereo") == 0; };
+  const auto matches_or_rectifies = [](const char* word) {
+    return std::strcmp(word, "stereo") == 0 || std::strcmp(word, "rectify") == 0;
+  };
   if (std::getenv("OMP_WAIT_POLICY") != nullptr) return;
-  if (std::none_of(argv + 1, argv + argc, is_stereo)) return;
+  if (std::none_of(argv + 1, argv + argc, matches_or_rectifies)) return;
   setenv("OMP_WAIT_POLICY", "passive", 0);
   execv("/proc/self/exe", argv);
 }
@@ -123,6 +126,15 @@ void AcceptNumbers(CLI::Option* option, std::uint64_t low, std::uint64_t high) {
                  : "from " + std::to_string(low) + " to " + std::to_string(high));
   };
   option->type_name("N")->check(CLI::Validator(check, ""));
+}
+
+void AcceptPositive(CLI::Option* option) {
+  const auto check = [](const std::string& text) -> std::string {
+    double number = 0;
+    const bool is_number = CLI::detail::lexical_cast(text, number);
+    return is_number && number > 0 && std::isfinite(number) ? "" : "'" + text + "' is not above 0";
+  };
+  option->type_name("X")->check(CLI::Validator(check, ""));
 }
 
 void AcceptChoices(CLI::Option* option, const std::vector<std::string>& choices) {

@@ -1,4 +1,3 @@
-#include <cmath>
 #include <cstdio>
 #include <memory>
 #include <nlohmann/json.hpp>
@@ -7,6 +6,8 @@
 
 #include "tools/commands.h"
 #include "tools/console/messages.h"
+#include "tools/depth_arguments.h"
+#include "tools/stereo_inputs.h"
 #include "tools/stereo_pipeline.h"
 
 namespace qx::tools {
@@ -21,15 +22,16 @@ using utils::stereo::kMaxDisparities;
 constexpr double kSuspicious = 50;
 
 struct StereoArguments {
+  StereoInputs inputs;
+  DepthArguments depth;
   StereoJob job;
   std::string backend = "cpu";
   std::string paths = "8";
-  bool side_by_side = false;
   bool no_fill = false;
   bool json = false;
 };
 
-using Stages = std::pair<const char*, double>[7];
+using Stages = std::pair<const char*, double>[9];
 
 void PrintStage(const char* name, double seconds, std::size_t frames) {
   const double count = static_cast<double>(frames);
@@ -55,6 +57,10 @@ void PrintText(const StereoJob& job, const StereoSummary& summary, const Stages&
               first + job.matching.disparities - 1, job.directory.c_str());
   std::printf("%.1f %% of the pixels have no reliable match; %s\n", 100 * summary.missing,
               job.matching.fill ? "their surroundings fill them" : "they are left out");
+  if (job.depth.IsWanted()) {
+    std::printf("%.1f %% of the pixels have a depth; 1 is %.9g mm\n", 100 * summary.with_depth,
+                job.depth.millimetres);
+  }
   std::printf("  %-11s %10s %10s\n", "stage", "ms/frame", "frames/s");
   for (const auto& [name, seconds] : stages) {
     if (seconds > 0) PrintStage(name, seconds, summary.frames);
@@ -77,17 +83,15 @@ void PrintJson(const StereoJob& job, const StereoSummary& summary, const Stages&
   if (summary.before) {
     report["accuracy"] = {{"before", JsonOf(*summary.before)}, {"after", JsonOf(*summary.after)}};
   }
+  if (job.depth.IsWanted()) {
+    report["depth"] = {{"share", summary.with_depth}, {"millimetres", job.depth.millimetres}};
+  }
   PrintReport(report, true);
 }
 
 void CheckArguments(const StereoArguments& arguments) {
   const StereoJob& job = arguments.job;
-  if (job.right.empty() && !arguments.side_by_side) {
-    throw CLI::RequiredError("RIGHT");
-  }
-  if (!job.right.empty() && arguments.side_by_side) {
-    throw CLI::ValidationError("--side-by-side", "takes one input, which shows both views");
-  }
+  CheckStereoInputs(arguments.inputs);
   if (job.matching.first_disparity + job.matching.disparities > kMaxDisparities) {
     throw CLI::ValidationError("--disparities",
                                "the largest disparity is " + std::to_string(kMaxDisparities - 1));
@@ -97,52 +101,40 @@ void CheckArguments(const StereoArguments& arguments) {
 void RunStereoCommand(StereoArguments& arguments) {
   CheckArguments(arguments);
   StereoJob& job = arguments.job;
+  job.inputs = arguments.inputs;
+  job.depth = CheckDepth(arguments.depth);
   if (arguments.backend == "fpga") job.matching.backend = utils::stereo::StereoBackend::kFpga;
   job.matching.fill = !arguments.no_fill;
   job.matching.paths = arguments.paths == "4" ? 4 : 8;
   const StereoSummary summary = RunStereo(job);
+  const utils::stereo::StereoTimes& matching = summary.stages.matching;
   const Stages stages = {{"decode", summary.decode},
-                         {"features", summary.matching.features},
-                         {"cost", summary.matching.cost},
-                         {"aggregation", summary.matching.aggregation},
-                         {"selection", summary.matching.selection},
-                         {"filling", summary.matching.filling},
+                         {"rectify", summary.stages.rectification},
+                         {"features", matching.features},
+                         {"cost", matching.cost},
+                         {"aggregation", matching.aggregation},
+                         {"selection", matching.selection},
+                         {"filling", matching.filling},
+                         {"depth", summary.stages.depth},
                          {"write", summary.write}};
   arguments.json ? PrintJson(job, summary, stages) : PrintText(job, summary, stages);
   if (100 * summary.missing < kSuspicious) return;
-  PrintWarning(
-      "most pixels have no reliable match: check that the pair is rectified, that left is left, "
-      "and that --disparities " +
-      std::to_string(job.matching.disparities) + " is enough");
+  const bool is_raw = !job.inputs.calibration.empty();
+  PrintWarning("most pixels have no reliable match: check " +
+               std::string(is_raw ? "the calibration" : "that the pair is rectified") +
+               ", that left is left, and that --disparities " +
+               std::to_string(job.matching.disparities) + " is enough");
 }
 
-std::string CheckScale(const std::string& text) {
-  double scale = 0;
-  const bool is_number = CLI::detail::lexical_cast(text, scale);
-  return is_number && scale > 0 && std::isfinite(scale) ? "" : "'" + text + "' is not above 0";
-}
-
-void AddInputs(CLI::App& stereo, StereoArguments& arguments) {
+void AddTruth(CLI::App& stereo, StereoArguments& arguments) {
   StereoJob& job = arguments.job;
-  stereo
-      .add_option("LEFT", job.left, "Left picture (PNG, JPEG, PGM, BMP, TIFF, ...) or H.264 video")
-      ->type_name("")
-      ->required();
-  stereo.add_option("RIGHT", job.right, "Right one: the same size and number of frames")
-      ->type_name("");
-  stereo.add_flag("--side-by-side", arguments.side_by_side,
-                  "LEFT shows both views: the left one in its left half");
-  AcceptNumbers(
-      stereo.add_option("--frames", job.frames, "Stop after N frames; default: after all"), 1);
   auto* truth = stereo.add_option("--ground-truth", job.ground_truth,
                                   "Picture of the first left frame's disparities: grey value = "
                                   "disparity * scale, 0 unknown");
   truth->type_name("FILE");
-  stereo.add_option("--gt-scale", job.ground_truth_scale, "Scale of the ground truth")
-      ->check(CLI::Validator(CheckScale, ""))
-      ->type_name("X")
-      ->needs(truth)
-      ->capture_default_str();
+  auto* scale =
+      stereo.add_option("--gt-scale", job.ground_truth_scale, "Scale of the ground truth");
+  AcceptPositive(scale->needs(truth)->capture_default_str());
 }
 
 void AddMatching(CLI::App& stereo, StereoArguments& arguments) {
@@ -179,10 +171,12 @@ void AddOutputs(CLI::App& stereo, StereoArguments& arguments) {
 void AddStereo(CLI::App& app) {
   const auto arguments = std::make_shared<StereoArguments>();
   CLI::App* stereo =
-      app.add_subcommand("stereo", "Match a rectified stereo pair and write disparity pictures");
-  AddInputs(*stereo, *arguments);
+      app.add_subcommand("stereo", "Match a stereo pair and write disparity, depth and points");
+  auto* calibration = AddStereoInputs(*stereo, arguments->inputs);
+  AddTruth(*stereo, *arguments);
   AddMatching(*stereo, *arguments);
   AddOutputs(*stereo, *arguments);
+  AddDepth(*stereo, calibration, arguments->depth);
   stereo->footer(
       "For each frame the directory receives disparity-NNNN.png, in colour with a legend of 36\n"
       "rows below the picture, and one file to compute with:\n"
@@ -192,14 +186,31 @@ void AddStereo(CLI::App& app) {
       "  png16  disparity-NNNN-16bit.png with the same values\n"
       "  pfm    disparity-NNNN.pfm, floats: disparity in pixels; infinity where a pixel is left\n"
       "         out\n"
-      "Depth = focal length in pixels * distance of the cameras / disparity in pixels.\n"
+      "With --calibration the pictures are those of raw cameras: they are rectified first, and "
+      "the\n"
+      "results have the size of the rectified left picture. `qxtools rectify` shows it. Files of\n"
+      "depth are\n"
+      "  pfm    depth-NNNN.pfm, floats, in the calibration's unit: the distance along the optical\n"
+      "         axis; NaN where there is no reliable match, infinity for a disparity of 0\n"
+      "  png    depth-NNNN.png, 16 bits, in millimetres, 1 .. 65535; 0 where the depth is unknown\n"
+      "         or does not fit\n"
+      "  ply    points-NNNN.ply, binary: x to the right, y down and z ahead of the rectified left\n"
+      "         camera, in the calibration's unit, colours, and confidence if it is computed\n"
+      "Only reliable matches have a depth: filling is for disparities.\n"
+      "A calibration's unit is that of its translation: metres in ROS files, which is the "
+      "default,\n"
+      "and elsewhere that of the squares of the chessboard. If they count as 1, name their size.\n"
       "Pixels without a reliable match are filled from their surroundings unless --no-fill is\n"
       "given. Their share is printed. If it is half or more, there is a warning.\n"
       "Decoding, matching and writing overlap: \"all\" is what a frame takes from end to end.\n\n"
       "Examples:\n"
       "  qxtools stereo left.h264 right.h264 -o out --disparities 64 --frames 10\n"
       "  qxtools stereo left.png right.png -o out --ground-truth disparity.png --gt-scale 4\n"
-      "  qxtools stereo both.mp4 --side-by-side -o out --json | jq .ms_per_frame");
+      "  qxtools stereo both.mp4 --side-by-side -o out --json | jq .ms_per_frame\n"
+      "  qxtools stereo left.jpg right.jpg --calibration intrinsics.yml extrinsics.yml -o out \\\n"
+      "    --depth --unit 25mm\n"
+      "  qxtools stereo left.mp4 right.mp4 --calibration left.yaml right.yaml -o out \\\n"
+      "    --points --farthest 10 --least-confidence 128");
   stereo->callback([arguments] { RunStereoCommand(*arguments); });
 }
 

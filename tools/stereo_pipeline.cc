@@ -1,88 +1,28 @@
 #include "tools/stereo_pipeline.h"
 
 #include <algorithm>
-#include <array>
-#include <chrono>
 #include <cmath>
-#include <condition_variable>
 #include <cstdint>
-#include <cstdio>
-#include <deque>
 #include <exception>
-#include <filesystem>
 #include <functional>
-#include <mutex>
 #include <stdexcept>
 #include <thread>
 #include <utility>
 
+#include "tools/channel.h"
 #include "tools/console/messages.h"
 #include "tools/media/ffmpeg.h"
 #include "tools/media/stereo_source.h"
 #include "tools/pictures/image_files.h"
+#include "tools/pictures/numbered_file.h"
 #include "tools/pictures/output_file.h"
+#include "tools/stopwatch.h"
 
 namespace qx::tools {
 namespace {
 
 using utils::stereo::kMissingDisparity;
 using utils::stereo::StereoResult;
-
-constexpr std::size_t kAhead = 2;  // pairs that wait between two stages
-
-// Adds the time from its construction to its destruction to a number of seconds.
-class Stopwatch {
- public:
-  explicit Stopwatch(double& seconds) : seconds_(seconds) {}
-  ~Stopwatch() {
-    seconds_ += std::chrono::duration<double>(std::chrono::steady_clock::now() - start_).count();
-  }
-  Stopwatch(const Stopwatch&) = delete;
-  Stopwatch& operator=(const Stopwatch&) = delete;
-
- private:
-  double& seconds_;
-  const std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
-};
-
-// Hands items from one thread to the next one.
-template <typename T>
-class Channel {
- public:
-  // Waits while the channel is full. Returns: false when it is closed; the item is then dropped.
-  bool Push(T item) {
-    std::unique_lock<std::mutex> lock(mutex_);
-    changed_.wait(lock, [this] { return closed_ || items_.size() < kAhead; });
-    if (closed_) return false;
-    items_.push_back(std::move(item));
-    changed_.notify_all();
-    return true;
-  }
-
-  // Waits while the channel is empty. Returns: nothing when it is closed, too.
-  std::optional<T> Pop() {
-    std::unique_lock<std::mutex> lock(mutex_);
-    changed_.wait(lock, [this] { return closed_ || !items_.empty(); });
-    if (items_.empty()) return std::nullopt;
-    std::optional<T> item(std::move(items_.front()));
-    items_.pop_front();
-    changed_.notify_all();
-    return item;
-  }
-
-  // Called by either side: no item will follow, or none is wanted.
-  void Close() {
-    const std::lock_guard<std::mutex> lock(mutex_);
-    closed_ = true;
-    changed_.notify_all();
-  }
-
- private:
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  std::deque<T> items_;
-  bool closed_ = false;
-};
 
 DisparityImage ImageOf(const velkar::vision::ImageFrame& map) {
   DisparityImage image(static_cast<int>(map.Width()), static_cast<int>(map.Height()));
@@ -101,21 +41,22 @@ class Pipeline {
   void Decode();
   void Match();
   void WriteAll();
-  void Write(const StereoResult& result);
+  void Write(const StereoResult& matches);
   void WriteFile(const char* stem, const char* ending,
                  const std::function<void(OutputFile&)>& write) const;
-  void Count(const StereoResult& result);
+  void Count(const PairResult& result);
 
   const StereoJob& job_;
   StereoSummary summary_;
   Image<std::uint8_t> truth_;
-  const bool keep_gaps_;
-  utils::stereo::StereoMatcher matcher_;
+  PairMatcher matcher_;
   std::optional<PairReader> reader_;
   OutputDirectory directory_;
   Channel<PicturePair> pairs_;
-  Channel<StereoResult> results_;
+  Channel<PairResult> results_;
   std::size_t missing_ = 0;
+  std::size_t seen_ = 0;
+  std::size_t with_depth_ = 0;
 };
 
 // With ground truth the gaps are filled in any case, to be compared.
@@ -127,12 +68,13 @@ utils::stereo::StereoOptions MatchingOptions(const StereoJob& job) {
 
 Pipeline::Pipeline(const StereoJob& job)
     : job_(job),
-      keep_gaps_(!job.matching.fill),
-      matcher_(MatchingOptions(job)),
+      matcher_(MatchingOptions(job), job.inputs.calibration, job.depth),
       directory_(job.directory) {
   if (!job.ground_truth.empty()) truth_ = ReadPicture(job.ground_truth);
   const Stopwatch watch(summary_.decode);  // picture files are decoded here
-  reader_.emplace(job.left, job.right, job.frames);
+  const StereoInputs& inputs = job.inputs;
+  reader_.emplace(inputs.left, inputs.right, inputs.frames,
+                  job.depth.points ? Colours::kLeft : Colours::kNone);
 }
 
 void Pipeline::Decode() {
@@ -146,16 +88,8 @@ void Pipeline::Decode() {
 }
 
 void Pipeline::Match() {
-  utils::stereo::StereoTimes& sum = summary_.matching;
   while (const auto pair = pairs_.Pop()) {
-    StereoResult result = matcher_.Match(pair->left, pair->right);
-    const utils::stereo::StereoTimes times = matcher_.LastTimes();
-    sum.features += times.features;
-    sum.cost += times.cost;
-    sum.aggregation += times.aggregation;
-    sum.selection += times.selection;
-    sum.filling += times.filling;
-    if (!results_.Push(std::move(result))) return;
+    if (!results_.Push(matcher_.Match(*pair))) return;
   }
 }
 
@@ -163,26 +97,31 @@ void Pipeline::WriteAll() {
   Progress progress(reader_->Expected());
   while (const auto result = results_.Pop()) {
     Count(*result);
-    Write(*result);
+    const Stopwatch watch(summary_.write);
+    directory_.Create();
+    Write(result->matches);
+    if (job_.depth.IsWanted()) {
+      WriteDepth(job_.depth, result->depth, job_.directory, summary_.frames);
+    }
     progress.Update(++summary_.frames);
   }
 }
 
-void Pipeline::Count(const StereoResult& result) {
-  const DisparityImage map = ImageOf(*result.disparity);
-  missing_ +=
-      static_cast<std::size_t>(std::count(map.values.begin(), map.values.end(), kMissingDisparity));
+void Pipeline::Count(const PairResult& result) {
+  const DisparityImage map = ImageOf(*result.matches.disparity);
+  const auto missing = std::count(map.values.begin(), map.values.end(), kMissingDisparity);
+  missing_ += static_cast<std::size_t>(missing) - result.unseen;
+  seen_ += map.values.size() - result.unseen;
+  with_depth_ += result.depth.known;
   summary_.width = map.width;
   summary_.height = map.height;
   if (summary_.frames > 0 || truth_.values.empty()) return;
   summary_.before = Evaluate(map, truth_, job_.ground_truth_scale);
-  summary_.after = Evaluate(ImageOf(*result.filled), truth_, job_.ground_truth_scale);
+  summary_.after = Evaluate(ImageOf(*result.matches.filled), truth_, job_.ground_truth_scale);
 }
 
-void Pipeline::Write(const StereoResult& result) {
-  const Stopwatch watch(summary_.write);
-  directory_.Create();
-  const DisparityImage map = ImageOf(keep_gaps_ ? *result.disparity : *result.filled);
+void Pipeline::Write(const StereoResult& matches) {
+  const DisparityImage map = ImageOf(job_.matching.fill ? *matches.filled : *matches.disparity);
   WriteFile("disparity", ".png", [&](OutputFile& file) {
     WritePng(Paint(map, {job_.matching.first_disparity, job_.matching.disparities}), file);
   });
@@ -193,32 +132,15 @@ void Pipeline::Write(const StereoResult& result) {
   } else {
     WriteFile("disparity", "-16bit.png", [&](OutputFile& file) { WritePng(SamplesOf(map), file); });
   }
-  if (!result.confidence) return;
+  if (!job_.matching.confidence) return;
   Image<std::uint8_t> confidence(map.width, map.height);
-  std::copy_n(result.confidence->Data(), confidence.values.size(), confidence.values.begin());
+  std::copy_n(matches.confidence->Data(), confidence.values.size(), confidence.values.begin());
   WriteFile("confidence", ".png", [&](OutputFile& file) { WritePng(confidence, file); });
 }
 
 void Pipeline::WriteFile(const char* stem, const char* ending,
                          const std::function<void(OutputFile&)>& write) const {
-  std::array<char, 48> name = {};
-  std::snprintf(name.data(), name.size(), "%s-%04zu", stem, summary_.frames);
-  OutputFile file((std::filesystem::path(job_.directory) / name.data()).string() + ending);
-  write(file);
-  file.Commit();
-}
-
-// Runs a stage on a thread of its own and then closes its channels. Keeps what it throws.
-template <typename Stage, typename... Channels>
-std::thread Start(std::exception_ptr& failure, Stage stage, Channels&... channels) {
-  return std::thread([&failure, stage, &channels...] {
-    try {
-      stage();
-    } catch (...) {
-      failure = std::current_exception();
-    }
-    (channels.Close(), ...);
-  });
+  WriteNumbered(job_.directory, stem, summary_.frames, ending, write);
 }
 
 StereoSummary Pipeline::Run() {
@@ -245,8 +167,9 @@ StereoSummary Pipeline::Run() {
     if (failure) std::rethrow_exception(failure);
   }
   reader_->ReportDamage();
-  summary_.missing = static_cast<double>(missing_) / static_cast<double>(summary_.frames) /
-                     summary_.width / summary_.height;
+  summary_.stages = matcher_.Times();
+  summary_.missing = static_cast<double>(missing_) / static_cast<double>(seen_);
+  summary_.with_depth = static_cast<double>(with_depth_) / static_cast<double>(seen_);
   return summary_;
 }
 

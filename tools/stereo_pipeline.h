@@ -7,20 +7,22 @@
 #include <string>
 
 #include "qxtools/stereo_matcher.h"
+#include "tools/depth_outputs.h"
 #include "tools/image.h"
+#include "tools/pair_matcher.h"
 #include "tools/pictures/disparity_picture.h"
+#include "tools/stereo_inputs.h"
 
 namespace qx::tools {
 
 struct StereoJob {
-  std::string left;
-  std::string right;  // empty: the pictures of `left` show both views side by side
+  StereoInputs inputs;
   std::string directory;
-  std::size_t frames = 0;  // 0: all
   utils::stereo::StereoOptions matching;
   std::string format = "pgm";  // of the files to compute with
   std::string ground_truth;    // picture file; empty: none
   double ground_truth_scale = 1;
+  DepthJob depth;  // needs a calibration
 };
 
 // Shares of the pixels whose true disparity is known, 0 .. 1. Missing pixels count as off.
@@ -34,12 +36,14 @@ struct StereoSummary {
   std::size_t frames = 0;
   int width = 0;
   int height = 0;
-  double missing = 0;  // share of all pixels that have no reliable match
+  // Shares of the pixels that the left camera sees: all of them unless the pictures are raw.
+  double missing = 0;     // have no reliable match
+  double with_depth = 0;  // have a depth
 
   // Seconds, of all frames.
   double decode = 0;
   double write = 0;
-  utils::stereo::StereoTimes matching;
+  PairTimes stages;
   double elapsed = 0;  // less than the sum, as the stages overlap
 
   // Of the first pair, before and after filling; empty without ground truth.

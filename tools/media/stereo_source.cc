@@ -140,11 +140,11 @@ std::unique_ptr<PictureSource> OpenPictureSource(const std::string& input) {
 }
 
 PairReader::PairReader(const std::string& left, const std::string& right, std::size_t pairs,
-                       bool wants_colours)
+                       Colours colours)
     : left_{left, OpenPictureSource(left)},
       right_{right, right.empty() ? nullptr : OpenPictureSource(right)},
       pairs_(pairs),
-      wants_colours_(wants_colours) {}
+      colours_(colours) {}
 
 std::optional<PicturePair> PairReader::Next() {
   if (pairs_ != 0 && count_ == pairs_) return std::nullopt;
@@ -167,13 +167,13 @@ std::optional<PicturePair> PairReader::Next() {
   }
   ++count_;
   PicturePair pair{std::move(left), std::move(right), nullptr, nullptr};
-  if (wants_colours_) AddColours(pair);
+  AddColours(pair);
   return pair;
 }
 
 void PairReader::AddColours(PicturePair& pair) const {
-  pair.left_colours = left_.source->Colours();
-  pair.right_colours = right_.source->Colours();
+  if (colours_ != Colours::kNone) pair.left_colours = left_.source->Colours();
+  if (colours_ == Colours::kBoth) pair.right_colours = right_.source->Colours();
 }
 
 // Copies the two halves of a picture.
@@ -188,7 +188,7 @@ PicturePair PairReader::Split(const FramePtr& picture) const {
     return CopyOf<std::uint8_t>(view.data + first, view.pitch, width, view.height);
   };
   PicturePair pair{half(0), half(width), nullptr, nullptr};
-  const FramePtr colours = wants_colours_ ? left_.source->Colours() : nullptr;
+  const FramePtr colours = colours_ != Colours::kNone ? left_.source->Colours() : nullptr;
   if (!colours) return pair;
   const auto half_of_colours = [&](std::size_t first) {
     return CopyOf<Rgb>(colours->Data() + 3 * first, std::size_t{3} * view.width, width,

@@ -53,6 +53,9 @@ struct LumaView {
   std::uint32_t height;
 };
 
+// Which colours PairReader reads besides the luma.
+enum class Colours { kNone, kLeft, kBoth };
+
 struct PicturePair {
   FramePtr left;
   FramePtr right;
@@ -68,7 +71,7 @@ class PairReader {
   //         pairs  how many to read; 0 for as many as there are.
   // Errors: as OpenPictureSource().
   PairReader(const std::string& left, const std::string& right, std::size_t pairs,
-             bool wants_colours = false);
+             Colours colours = Colours::kNone);
 
   // Returns: nothing after `pairs` pairs, or when both inputs end.
   // Errors:  std::exception whose text says which input is damaged or ends too early, or how the
@@ -100,7 +103,7 @@ class PairReader {
   Input left_;
   Input right_;
   std::size_t pairs_;
-  bool wants_colours_;
+  Colours colours_;
   std::size_t count_ = 0;
 };
 
