@@ -9,8 +9,10 @@
 
 #include "qx_utils/ffmpeg_video_decoder/decoded_frame.h"
 #include "qx_utils/image/ffmpeg/planes.h"
+#include "qx_utils/image/kernels/pixel_rows.h"
 #include "qxtools/ffmpeg_media_proc.h"
 #include "tests/testing/guarded_buffer.h"
+#include "tests/testing/kernel_variants.h"
 #include "tests/testing/log_capture.h"
 #include "tests/testing/test.h"
 #include "vision/image_frame_fields.h"
@@ -343,6 +345,45 @@ TEST(MediaCvtColor, KeepsSixteenBitsAndTheCodingOfItsSource) {
   EXPECT_TRUE(ffmpeg::LayoutOf(planar)->full_range);
   EXPECT_EQ(ffmpeg::LayoutOf(planar)->matrix_coefficients, 1);
   EXPECT_EQ(Engine().CvtColor(video, kQXPixelFormatUint8), nullptr);
+}
+
+// What all functions of a kernel write for `n` pixels, between protected pages.
+std::vector<std::uint8_t> Outputs(const PixelRowsKernel& kernel, std::size_t n) {
+  const testing::GuardedBuffer packed(4 * n), three(3 * n), pairs(2 * n), a(n), b(n), c(n), d(n);
+  std::mt19937 random(static_cast<unsigned>(n));
+  std::generate_n(packed.data(), 4 * n, [&] { return static_cast<std::uint8_t>(random()); });
+  const ToYuv to = {{8414, 16519, 3208}, {-4857, -9535, 14392}, {14392, -12052, -2340}, 16};
+  const FromYuv from = {16, 9539, 13075, -3209, -6660, 16525};
+  const ChannelRows rows = {{a.data(), b.data(), c.data(), d.data()}};
+  const RgbRows rgb = {a.data(), b.data(), c.data()};
+  std::vector<std::uint8_t> all;
+  const auto keep = [&](const testing::GuardedBuffer& buffer) {
+    all.insert(all.end(), buffer.data(), buffer.data() + buffer.size());
+  };
+  kernel.split4(packed.data(), n, rows);
+  kernel.merge3(rows, n, three.data());
+  keep(three);
+  kernel.luma_from_rgb(to, rgb, n, d.data());
+  keep(d);
+  kernel.chroma_from_rgb(to, rgb, rgb, n / 2, pairs.data(), pairs.data() + n);
+  keep(pairs);
+  kernel.rgb_from_yuv(from, {packed.data(), packed.data() + n, packed.data() + 2 * n}, n, rgb);
+  kernel.merge4(rows, n, packed.data());
+  keep(packed);
+  kernel.split3(three.data(), n, rows);
+  kernel.merge2(a.data(), b.data(), n, pairs.data());
+  keep(pairs);
+  kernel.split2(pairs.data(), n, c.data(), d.data());
+  for (const auto* row : {&a, &b, &c, &d}) keep(*row);
+  return all;
+}
+
+TEST(PixelRows, EveryVariantWritesTheBytesOfTheScalarOne) {
+  for (const PixelRowsVariant& variant : testing::SupportedVariants(PixelRowsVariants)) {
+    for (const std::size_t n : {1U, 2U, 3U, 7U, 15U, 16U, 17U, 31U, 32U, 33U, 64U, 65U, 127U}) {
+      EXPECT_EQ(Outputs(*variant.kernel, n), Outputs(kPixelRowsScalar, n)) << variant.name << n;
+    }
+  }
 }
 
 TEST(MediaEngine, GivesFourThreadsTheResultsOfOne) {

@@ -5,10 +5,10 @@
 #include <cstring>
 #include <vector>
 
-#include "qx_utils/image/ffmpeg/channels.h"
-#include "qx_utils/image/ffmpeg/planes.h"
+#include "qx_utils/image/ffmpeg/pixel_order.h"
 #include "qx_utils/image/ffmpeg/swscale.h"
-#include "qx_utils/image/ffmpeg/yuv_rows.h"
+#include "qx_utils/image/ffmpeg/yuv_matrix.h"
+#include "qx_utils/image/kernels/pixel_rows.h"
 #include "qxtools/argb.h"
 
 extern "C" {
@@ -51,18 +51,37 @@ std::uint8_t* Row(const PictureView& view, std::size_t plane, int y) {
   return view.data[plane] + std::ptrdiff_t{y} * view.pitch[plane];
 }
 
-// Rows of one byte per pixel, owned.
+// Rows of one byte per pixel, owned. Each has room for one pixel more.
 template <std::size_t count>
 class RowBuffers {
  public:
   explicit RowBuffers(int pixels)
-      : pixels_(static_cast<std::size_t>(pixels)), bytes_(count * pixels_) {}
-  std::uint8_t* operator[](std::size_t row) { return bytes_.data() + row * pixels_; }
+      : row_bytes_(static_cast<std::size_t>(pixels) + 1), bytes_(count * row_bytes_) {}
+
+  std::uint8_t* operator[](std::size_t row) { return bytes_.data() + row * row_bytes_; }
+  std::uint8_t* Channel(int row) { return (*this)[static_cast<std::size_t>(row)]; }
+  ChannelRows Channels() { return {{(*this)[0], (*this)[1], (*this)[2], (*this)[3]}}; }
+  RgbRows Rgb(const PixelOrder& order) {
+    return {Channel(order.red), Channel(order.green), Channel(order.blue)};
+  }
 
  private:
-  std::size_t pixels_;
+  std::size_t row_bytes_;
   std::vector<std::uint8_t> bytes_;
 };
+
+std::size_t Pixels(const PictureView& view) { return static_cast<std::size_t>(view.width); }
+std::size_t ChromaSamples(const PictureView& view) { return (Pixels(view) + 1) / 2; }
+
+void SplitRow(const PictureView& source, int channels, int y, const ChannelRows& rows) {
+  const PixelRowsKernel& kernel = ActivePixelRows();
+  (channels == 4 ? kernel.split4 : kernel.split3)(Row(source, 0, y), Pixels(source), rows);
+}
+
+void MergeRow(const ChannelRows& rows, int channels, const PictureView& target, int y) {
+  const PixelRowsKernel& kernel = ActivePixelRows();
+  (channels == 4 ? kernel.merge4 : kernel.merge3)(rows, Pixels(target), Row(target, 0, y));
+}
 
 // Grey of 16 bits is that of 8 bits times 257, the nearest way back.
 void LoadGrey(const PictureView& source, int y, std::uint8_t* grey) {
@@ -87,17 +106,18 @@ void StoreGrey(const std::uint8_t* grey, const PictureView& target, int y) {
   for (int x = 0; x < target.width; ++x) words[x] = static_cast<std::uint16_t>(grey[x] * 257U);
 }
 
-// Row `y` of packed pixels, one channel after the other. The alpha is dropped.
+// Rows of packed pixels, one channel after the other. The alpha is dropped.
 class RgbReader {
  public:
   explicit RgbReader(const PictureView& source)
       : source_(source), order_(*PixelOrderOf(source.format)), rows_(source.width) {}
 
+  // Returns: row `y`, and its last pixel once more.
   RgbRows Read(int y) {
-    SplitChannels(Row(source_, 0, y), order_.channels, source_.width,
-                  {rows_[0], rows_[1], rows_[2], rows_[3]});
-    const auto channel = [this](int index) { return rows_[static_cast<std::size_t>(index)]; };
-    return {channel(order_.red), channel(order_.green), channel(order_.blue)};
+    SplitRow(source_, order_.channels, y, rows_.Channels());
+    const RgbRows rgb = rows_.Rgb(order_);
+    for (std::uint8_t* row : {rgb.r, rgb.g, rgb.b}) row[Pixels(source_)] = row[Pixels(source_) - 1];
+    return rgb;
   }
 
  private:
@@ -113,19 +133,13 @@ class RgbWriter {
       : target_(target), order_(*PixelOrderOf(target.format)), rows_(target.width) {
     if (order_.alpha < 0) return;
     const std::uint8_t alpha = target.format == AV_PIX_FMT_ARGB ? kArgbAlpha : kOpaque;
-    std::fill_n(rows_[static_cast<std::size_t>(order_.alpha)], target.width, alpha);
+    std::fill_n(rows_.Channel(order_.alpha), target.width, alpha);
   }
 
   // Where to put the channels before Write().
-  RgbRows rows() {
-    const auto channel = [this](int index) { return rows_[static_cast<std::size_t>(index)]; };
-    return {channel(order_.red), channel(order_.green), channel(order_.blue)};
-  }
+  RgbRows rows() { return rows_.Rgb(order_); }
 
-  void Write(int y) {
-    MergeChannels({rows_[0], rows_[1], rows_[2], rows_[3]}, order_.channels, target_.width,
-                  Row(target_, 0, y));
-  }
+  void Write(int y) { MergeRow(rows_.Channels(), order_.channels, target_, y); }
 
  private:
   const PictureView& target_;
@@ -133,46 +147,36 @@ class RgbWriter {
   RowBuffers<4> rows_;
 };
 
-// The planes of a row of chroma samples; `swapped` and `interleaved` are where V comes first and
-// where U and V take turns.
-struct ChromaLayout {
-  bool interleaved;
-  bool swapped;
+bool IsInterleaved(AVPixelFormat format) { return format != AV_PIX_FMT_YUV420P; }
+
+// U and V of a row, without luma.
+struct ChromaRows {
+  const std::uint8_t* u;
+  const std::uint8_t* v;
 };
 
-ChromaLayout ChromaLayoutOf(AVPixelFormat format) {
-  return {format != AV_PIX_FMT_YUV420P, format == AV_PIX_FMT_NV21};
+// Returns: row `y` of the chroma planes, as it is or taken apart into `buffer`.
+ChromaRows LoadChroma(const PictureView& source, int y, RowBuffers<2>& buffer) {
+  if (!IsInterleaved(source.format)) return {Row(source, 1, y), Row(source, 2, y)};
+  ActivePixelRows().split2(Row(source, 1, y), ChromaSamples(source), buffer[0], buffer[1]);
+  if (source.format == AV_PIX_FMT_NV21) return {buffer[1], buffer[0]};
+  return {buffer[0], buffer[1]};
 }
 
-// U and V of row `y` of the chroma planes, as they are or taken apart into `buffer`.
-YuvRows LoadChroma(const PictureView& source, int y, RowBuffers<2>& buffer) {
-  const ChromaLayout layout = ChromaLayoutOf(source.format);
-  if (!layout.interleaved) return {nullptr, Row(source, 1, y), Row(source, 2, y)};
-  const std::uint8_t* const pairs = Row(source, 1, y);
-  std::uint8_t* const first = buffer[0];
-  std::uint8_t* const second = buffer[1];
-  const auto samples = static_cast<std::size_t>((source.width + 1) / 2);
-  for (std::size_t x = 0; x < samples; ++x) {
-    first[x] = pairs[2 * x];
-    second[x] = pairs[2 * x + 1];
-  }
-  return {nullptr, layout.swapped ? second : first, layout.swapped ? first : second};
-}
-
-void StoreChroma(const std::uint8_t* u, const std::uint8_t* v, const PictureView& target, int y) {
-  const ChromaLayout layout = ChromaLayoutOf(target.format);
-  const auto samples = static_cast<std::size_t>((target.width + 1) / 2);
-  if (!layout.interleaved) {
-    std::copy_n(u, samples, Row(target, 1, y));
-    std::copy_n(v, samples, Row(target, 2, y));
+void StoreChroma(ChromaRows rows, const PictureView& target, int y) {
+  const std::size_t samples = ChromaSamples(target);
+  if (!IsInterleaved(target.format)) {
+    std::copy_n(rows.u, samples, Row(target, 1, y));
+    std::copy_n(rows.v, samples, Row(target, 2, y));
     return;
   }
-  if (layout.swapped) std::swap(u, v);
-  std::uint8_t* const pairs = Row(target, 1, y);
-  for (std::size_t x = 0; x < samples; ++x) {
-    pairs[2 * x] = u[x];
-    pairs[2 * x + 1] = v[x];
-  }
+  if (target.format == AV_PIX_FMT_NV21) std::swap(rows.u, rows.v);
+  ActivePixelRows().merge2(rows.u, rows.v, samples, Row(target, 1, y));
+}
+
+// Replaces the values of a row by their counterparts.
+void LookUp(const ValueTable& table, const std::uint8_t* from, int pixels, std::uint8_t* to) {
+  std::transform(from, from + pixels, to, [&](std::uint8_t value) { return table[value]; });
 }
 
 void GreyToGrey(const PictureView& source, const PictureView& target) {
@@ -184,13 +188,14 @@ void GreyToGrey(const PictureView& source, const PictureView& target) {
 }
 
 void GreyToYuv(const PictureView& source, const PictureView& target) {
+  const ValueTable luma = LumaFromGrey(target.coding);
   RowBuffers<2> row(source.width);
   for (int y = 0; y < source.height; ++y) {
     LoadGrey(source, y, row[0]);
-    LumaFromGrey(target.coding, row[0], source.width, Row(target, 0, y));
+    LookUp(luma, row[0], source.width, Row(target, 0, y));
   }
   std::fill_n(row[1], source.width, std::uint8_t{128});
-  for (int y = 0; y < (source.height + 1) / 2; ++y) StoreChroma(row[1], row[1], target, y);
+  for (int y = 0; y < (source.height + 1) / 2; ++y) StoreChroma({row[1], row[1]}, target, y);
 }
 
 void GreyToRgb(const PictureView& source, const PictureView& target) {
@@ -205,9 +210,10 @@ void GreyToRgb(const PictureView& source, const PictureView& target) {
 }
 
 void YuvToGrey(const PictureView& source, const PictureView& target) {
+  const ValueTable table = GreyFromLuma(source.coding);
   RowBuffers<1> grey(source.width);
   for (int y = 0; y < source.height; ++y) {
-    GreyFromLuma(source.coding, Row(source, 0, y), source.width, grey[0]);
+    LookUp(table, Row(source, 0, y), source.width, grey[0]);
     StoreGrey(grey[0], target, y);
   }
 }
@@ -222,20 +228,23 @@ void YuvToYuv(const PictureView& source, const PictureView& target) {
   }
   RowBuffers<2> buffer(source.width);
   for (int y = 0; y < (source.height + 1) / 2; ++y) {
-    const YuvRows chroma = LoadChroma(source, y, buffer);
-    StoreChroma(chroma.u, chroma.v, target, y);
+    StoreChroma(LoadChroma(source, y, buffer), target, y);
   }
 }
 
 void YuvToRgb(const PictureView& source, const PictureView& target) {
+  const PixelRowsKernel& kernel = ActivePixelRows();
   const FromYuv coefficients = FromYuvOf(source.coding);
-  RowBuffers<2> buffer(source.width);
+  RowBuffers<2> buffer(source.width), doubled(source.width);
   RgbWriter writer(target);
-  YuvRows rows{};
   for (int y = 0; y < source.height; ++y) {
-    if (y % 2 == 0) rows = LoadChroma(source, y / 2, buffer);
-    rows.y = Row(source, 0, y);
-    RgbFromYuv(coefficients, rows, source.width, writer.rows());
+    if (y % 2 == 0) {
+      const ChromaRows chroma = LoadChroma(source, y / 2, buffer);
+      kernel.merge2(chroma.u, chroma.u, ChromaSamples(source), doubled[0]);
+      kernel.merge2(chroma.v, chroma.v, ChromaSamples(source), doubled[1]);
+    }
+    kernel.rgb_from_yuv(coefficients, {Row(source, 0, y), doubled[0], doubled[1]}, Pixels(source),
+                        writer.rows());
     writer.Write(y);
   }
 }
@@ -246,12 +255,13 @@ void RgbToGrey(const PictureView& source, const PictureView& target) {
   RgbReader reader(source);
   RowBuffers<1> grey(source.width);
   for (int y = 0; y < source.height; ++y) {
-    LumaFromRgb(coefficients, reader.Read(y), source.width, grey[0]);
+    ActivePixelRows().luma_from_rgb(coefficients, reader.Read(y), Pixels(source), grey[0]);
     StoreGrey(grey[0], target, y);
   }
 }
 
 void RgbToYuv(const PictureView& source, const PictureView& target) {
+  const PixelRowsKernel& kernel = ActivePixelRows();
   const ToYuv coefficients = ToYuvOf(target.coding);
   RgbReader even(source), odd(source);
   RowBuffers<2> chroma(source.width);
@@ -259,18 +269,17 @@ void RgbToYuv(const PictureView& source, const PictureView& target) {
     const RgbRows upper = even.Read(y);
     const bool pair = y + 1 < source.height;
     const RgbRows lower = pair ? odd.Read(y + 1) : upper;
-    LumaFromRgb(coefficients, upper, source.width, Row(target, 0, y));
-    if (pair) LumaFromRgb(coefficients, lower, source.width, Row(target, 0, y + 1));
-    ChromaFromRgb(coefficients, upper, lower, source.width, chroma[0], chroma[1]);
-    StoreChroma(chroma[0], chroma[1], target, y / 2);
+    kernel.luma_from_rgb(coefficients, upper, Pixels(source), Row(target, 0, y));
+    if (pair) kernel.luma_from_rgb(coefficients, lower, Pixels(source), Row(target, 0, y + 1));
+    kernel.chroma_from_rgb(coefficients, upper, lower, ChromaSamples(source), chroma[0], chroma[1]);
+    StoreChroma({chroma[0], chroma[1]}, target, y / 2);
   }
 }
 
 void WidenToArgb(const PictureView& source, const PictureView& target) {
   auto* const widen = source.format == AV_PIX_FMT_RGB24 ? CvtColorRGB2ARGB : CvtColorBGR2ARGB;
-  const std::size_t pixels = static_cast<std::size_t>(source.width);
   for (int y = 0; y < source.height; ++y) {
-    widen(Row(source, 0, y), 3 * pixels, Row(target, 0, y), 4 * pixels);
+    widen(Row(source, 0, y), 3 * Pixels(source), Row(target, 0, y), 4 * Pixels(source));
   }
 }
 
@@ -280,18 +289,14 @@ void RgbToRgb(const PictureView& source, const PictureView& target) {
   if (from.alpha < 0 && target.format == AV_PIX_FMT_ARGB) return WidenToArgb(source, target);
   RowBuffers<5> rows(source.width);
   std::fill_n(rows[4], source.width, kOpaque);
-  const auto row = [&](int channel) { return rows[static_cast<std::size_t>(channel)]; };
   ChannelRows out{};
-  out[static_cast<std::size_t>(to.red)] = row(from.red);
-  out[static_cast<std::size_t>(to.green)] = row(from.green);
-  out[static_cast<std::size_t>(to.blue)] = row(from.blue);
-  if (to.alpha >= 0) {
-    out[static_cast<std::size_t>(to.alpha)] = row(from.alpha >= 0 ? from.alpha : 4);
-  }
+  out.row[to.red] = rows.Channel(from.red);
+  out.row[to.green] = rows.Channel(from.green);
+  out.row[to.blue] = rows.Channel(from.blue);
+  if (to.alpha >= 0) out.row[to.alpha] = rows.Channel(from.alpha >= 0 ? from.alpha : 4);
   for (int y = 0; y < source.height; ++y) {
-    SplitChannels(Row(source, 0, y), from.channels, source.width,
-                  {rows[0], rows[1], rows[2], rows[3]});
-    MergeChannels(out, to.channels, source.width, Row(target, 0, y));
+    SplitRow(source, from.channels, y, rows.Channels());
+    MergeRow(out, to.channels, target, y);
   }
 }
 

@@ -6,10 +6,11 @@
 #include <new>
 #include <optional>
 
-#include "qx_utils/image/ffmpeg/channels.h"
 #include "qx_utils/image/ffmpeg/failure.h"
+#include "qx_utils/image/ffmpeg/pixel_order.h"
 #include "qx_utils/image/ffmpeg/planes.h"
 #include "qx_utils/image/ffmpeg/scaler_cache.h"
+#include "qx_utils/image/kernels/pixel_rows.h"
 
 extern "C" {
 #include <libavutil/imgutils.h>
@@ -97,27 +98,33 @@ AVPixelFormat PlanarFormat(const PixelOrder& order) {
   return order.channels == 4 ? AV_PIX_FMT_YUVA444P : AV_PIX_FMT_YUV444P;
 }
 
+ChannelRows RowOf(const PictureView& planes, int y) {
+  ChannelRows rows{};
+  for (std::size_t i = 0; i < planes.data.size(); ++i) {
+    if (planes.data[i] != nullptr)
+      rows.row[i] = planes.data[i] + std::ptrdiff_t{y} * planes.pitch[i];
+  }
+  return rows;
+}
+
 PictureView SplitRows(const PictureView& source, int first, const PixelOrder& order,
                       const PictureView& strip) {
-  const int rows = std::min(strip.height, source.height - first);
-  for (int y = 0; y < rows; ++y) {
-    ChannelRows channels = strip.data;
-    for (std::size_t i = 0; i < channels.size(); ++i)
-      channels[i] += std::ptrdiff_t{y} * strip.pitch[i];
-    SplitChannels(source.data[0] + std::ptrdiff_t{first + y} * source.pitch[0], order.channels,
-                  source.width, channels);
+  const PixelRowsKernel& kernel = ActivePixelRows();
+  const auto split = order.channels == 4 ? kernel.split4 : kernel.split3;
+  const PictureView packed = RowsOf(source, first, std::min(strip.height, source.height - first));
+  for (int y = 0; y < packed.height; ++y) {
+    split(packed.data[0] + std::ptrdiff_t{y} * packed.pitch[0],
+          static_cast<std::size_t>(source.width), RowOf(strip, y));
   }
-  return RowsOf(strip, 0, rows);
+  return RowsOf(strip, 0, packed.height);
 }
 
 void MergeRows(const PictureView& planes, const PixelOrder& order, const PictureView& target) {
+  const PixelRowsKernel& kernel = ActivePixelRows();
+  const auto merge = order.channels == 4 ? kernel.merge4 : kernel.merge3;
   for (int y = 0; y < target.height; ++y) {
-    ChannelRows channels = planes.data;
-    for (std::size_t i = 0; i < channels.size(); ++i) {
-      channels[i] += std::ptrdiff_t{y} * planes.pitch[i];
-    }
-    MergeChannels(channels, order.channels, target.width,
-                  target.data[0] + std::ptrdiff_t{y} * target.pitch[0]);
+    merge(RowOf(planes, y), static_cast<std::size_t>(target.width),
+          target.data[0] + std::ptrdiff_t{y} * target.pitch[0]);
   }
 }
 

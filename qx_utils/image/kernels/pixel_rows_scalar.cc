@@ -1,0 +1,7 @@
+#include "qx_utils/image/kernels/pixel_rows-inl.h"
+
+namespace qx::utils::image {
+
+const PixelRowsKernel kPixelRowsScalar = MakePixelRows();
+
+}  // namespace qx::utils::image
