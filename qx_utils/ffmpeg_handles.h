@@ -38,6 +38,13 @@ using SideDataSize = std::size_t;
 using SideDataSize = int;
 #endif
 
+// The type of a buffer's size.
+#if LIBAVUTIL_VERSION_MAJOR >= 57
+using BufferSize = std::size_t;
+#else
+using BufferSize = int;
+#endif
+
 // Reads a packet that owns its payload. FFmpeg before 4.3 also returns payloads that the next read
 // overwrites.
 inline int ReadPacket(AVFormatContext* context, AVPacket* packet) {

@@ -14,7 +14,8 @@
 
 demo_packages=(
   g++ cmake ninja-build pkg-config
-  libavformat-dev libavcodec-dev libavutil-dev libswscale-dev libgoogle-glog-dev libyaml-cpp-dev
+  libavformat-dev libavcodec-dev libavutil-dev libswscale-dev libturbojpeg0-dev libgoogle-glog-dev
+  libyaml-cpp-dev
   libcli11-dev nlohmann-json3-dev libpng-dev
   ffmpeg python3
 )
@@ -27,7 +28,7 @@ test_packages=(
 faults_packages=(valgrind)
 cameras_packages=(vlc-bin vlc-plugin-base)
 command -v npm >/dev/null || cameras_packages+=(npm) # other sources' packages conflict with Debian's
-bench_packages=(libyuv-dev libdnnl-dev libopencv-dev libturbojpeg0-dev)
+bench_packages=(libyuv-dev libdnnl-dev libopencv-dev)
 package_packages=(dpkg-dev lintian file)
 roots_packages=(mmdebstrap qemu-user "lld-$llvm" "clang-$llvm" g++-aarch64-linux-gnu)
 

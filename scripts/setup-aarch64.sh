@@ -12,6 +12,7 @@
 suite=${1-bookworm}
 root=${2-$project/build/roots/aarch64}
 packages=libavformat-dev,libavcodec-dev,libavutil-dev,libswscale-dev,libgoogle-glog-dev,libyaml-cpp-dev
+packages+=,libturbojpeg0-dev
 packages+=,libgtest-dev,libgmock-dev,nlohmann-json3-dev,libpng-dev,libc6-dev,libgomp1
 case $suite in
   bookworm) packages+=,libcli11-dev,libstdc++-12-dev,libomp-$llvm-dev ;;

@@ -10,7 +10,7 @@ scripts/install-packages.sh roots
 
 root=$project/build/roots/debian11
 packages=g++,cmake,ninja-build,pkg-config,libavformat-dev,libavcodec-dev,libavutil-dev,libswscale-dev
-packages+=,libgoogle-glog-dev,libyaml-cpp-dev,libgtest-dev,libgmock-dev
+packages+=,libgoogle-glog-dev,libyaml-cpp-dev,libturbojpeg0-dev,libgtest-dev,libgmock-dev
 packages+=,nlohmann-json3-dev,libpng-dev,ffmpeg,python3-gi,gir1.2-gst-rtsp-server-1.0
 packages+=,gstreamer1.0-plugins-base,gstreamer1.0-plugins-good,gstreamer1.0-plugins-bad
 if [ ! -f "$root/.complete" ]; then

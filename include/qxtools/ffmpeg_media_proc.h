@@ -1,12 +1,12 @@
-// The media-processing engine that comes with the library: FFmpeg's picture codecs and scaler
-// behind the front ends of media_proc.h. It runs on the processor and needs no device.
+// The media-processing engine that comes with the library: FFmpeg's picture codecs and scaler, and
+// libjpeg-turbo to write JPEG, behind the front ends of media_proc.h. It runs on the processor and
+// needs no device.
 //
 //   using namespace qx::utils;
 //   image::InstallFfmpegMediaProc();
 //   auto picture = image::Decode(file.data(), file.size(), 0);
 //   auto small = image::Resize(picture, 640, 360, 0);
-//   const auto jpeg = image::Encode(small, image::kImageFileFormatJpeg, image::EncodeParams{90},
-//   0);
+//   const auto jpeg = image::Encode(small, image::kImageFileFormatJpeg, {90}, 0);
 //
 // Frames:  All formats of QXPixelFormat except kQXPixelFormatUint8 are taken and made. The pitch of
 //          a decoder's frame comes from LayoutOf(); the planes of other frames follow without gaps,
@@ -54,11 +54,10 @@ constexpr std::uint64_t kMaxEnginePixels = std::uint64_t{1} << 27;
 //         gamma and resolution. JPEG files with four components (CMYK) are refused. So are
 //         truncated files and those in which FFmpeg finds damage: a picture is whole or not there.
 //         Bytes after the end of the picture are ignored.
-// Encode  JPEG: quality 1 .. 100 as the quantiser tables of ITU-T T.81, annex K, scaled the way
-// that
-//         is usual since the first free codecs; 0 is 90. Chroma is 4:2:0 up to quality 90 and for
-//         4:2:0 and grey frames, 4:4:4 above. Grey is written with neutral chroma. Alpha is
-//         dropped.
+// Encode  JPEG (baseline): `quality` scales the quantiser tables of ITU-T T.81, annex K; 50 leaves
+//         them as they are, and 0 is 90. Gray8 gives one component. Chroma is 4:2:0 up to quality
+//         90, and at any quality for 4:2:0 frames; otherwise 4:4:4. Alpha is dropped. Sides are at
+//         most 65,500 pixels.
 //         PNG: grey of 8 and 16 bits, RGB, and RGB with alpha for ARGB8888 and BGRA8888, all exact.
 //         BMP: grey and RGB, exact; alpha is dropped.
 //         4:2:0 frames become RGB for PNG and BMP. Gray16 is refused for JPEG and BMP.

@@ -1,24 +1,20 @@
 #include "qx_utils/image/ffmpeg/encode.h"
 
 #include <algorithm>
+#include <cmath>
 #include <string>
 
 #include "qx_utils/image/ffmpeg/color.h"
 #include "qx_utils/image/ffmpeg/failure.h"
-#include "qx_utils/image/ffmpeg/jpeg_quality.h"
+#include "qx_utils/image/ffmpeg/jpeg_writer.h"
 
 namespace qx::utils::image::engine {
 namespace {
 
 using internal::FfmpegPtr;
 
-// FFmpeg's quantiser scale by which the quantiser tables are used as they are.
-constexpr int kNeutralScale = 8;
 constexpr std::uint32_t kDefaultQuality = 90;
 constexpr std::uint32_t kLastSubsampledQuality = 90;
-
-// What JPEG files hold.
-constexpr YuvCoding kJpegCoding = {true, AVCOL_SPC_BT470BG};
 
 std::uint32_t QualityOf(const EncodeParams& params) {
   if (params.quality > 100) {
@@ -63,46 +59,41 @@ FfmpegPtr<AVFrame> Allocated(const PictureView& picture, AVPixelFormat format) {
   return frame;
 }
 
-FfmpegPtr<AVFrame> Converted(const PictureView& picture, AVPixelFormat format,
-                             const YuvCoding& coding = {}) {
+FfmpegPtr<AVFrame> Converted(const PictureView& picture, AVPixelFormat format) {
   if (picture.format == format) return Lent(picture);
   FfmpegPtr<AVFrame> frame = Allocated(picture, format);
-  PictureView target = ViewOf(*frame);
-  target.coding = coding;
-  ConvertInto(picture, target);
+  ConvertInto(picture, ViewOf(*frame));
   return frame;
 }
 
-// Adds neutral chroma.
-FfmpegPtr<AVFrame> GreyAs420(const PictureView& picture) {
+// Stretches samples of 16 .. 235, and chroma of 16 .. 240, to full range.
+void Stretch(const PictureView& picture) {
+  for (std::size_t plane = 0; plane < 3; ++plane) {
+    const double offset = plane == 0 ? 16 : 128, target = plane == 0 ? 0 : 128;
+    const double scale = plane == 0 ? 255.0 / 219 : 255.0 / 224;
+    std::array<std::uint8_t, 256> table{};
+    for (std::size_t i = 0; i < table.size(); ++i) {
+      const double value = (static_cast<double>(i) - offset) * scale + target;
+      table[i] = static_cast<std::uint8_t>(std::clamp(std::lround(value), 0L, 255L));
+    }
+    const PlaneSize size = SizeOfPlane(picture, plane);
+    for (std::ptrdiff_t y = 0; y < size.rows; ++y) {
+      std::uint8_t* const row = picture.data[plane] + y * picture.pitch[plane];
+      for (int x = 0; x < size.row_bytes; ++x) row[x] = table[row[x]];
+    }
+  }
+}
+
+// Returns: planar samples of full range.
+// Inputs:  picture  4:2:0
+FfmpegPtr<AVFrame> InFullRange(const PictureView& picture) {
+  if (picture.format == AV_PIX_FMT_YUV420P && picture.coding.full_range) return Lent(picture);
   FfmpegPtr<AVFrame> frame = Allocated(picture, AV_PIX_FMT_YUV420P);
-  PictureView luma = ViewOf(*frame);
-  luma.format = AV_PIX_FMT_GRAY8;
-  CopySamples(picture, luma);
-  const int chroma_rows = (picture.height + 1) / 2;
-  for (const int plane : {1, 2}) {
-    const auto bytes = static_cast<std::ptrdiff_t>(frame->linesize[plane]) * chroma_rows;
-    std::fill_n(frame->data[plane], bytes, std::uint8_t{128});
-  }
+  PictureView target = ViewOf(*frame);
+  target.coding = picture.coding;
+  ConvertInto(picture, target);
+  if (!picture.coding.full_range) Stretch(target);
   return frame;
-}
-
-FfmpegPtr<AVFrame> YuvForJpeg(const PictureView& picture, std::uint32_t quality) {
-  if (picture.format == AV_PIX_FMT_GRAY8) return GreyAs420(picture);
-  const PictureView source = picture;
-  if (IsSubsampled(source.format)) {
-    const bool as_is = source.format == AV_PIX_FMT_YUV420P && source.coding.full_range &&
-                       IsBt601(source.coding.matrix);
-    if (as_is) return Lent(source);
-    FfmpegPtr<AVFrame> frame = Allocated(source, AV_PIX_FMT_YUV420P);
-    PictureView target = ViewOf(*frame);
-    target.coding = kJpegCoding;
-    ConvertInto(source, target);
-    return frame;
-  }
-  return Converted(source,
-                   quality > kLastSubsampledQuality ? AV_PIX_FMT_YUV444P : AV_PIX_FMT_YUV420P,
-                   kJpegCoding);
 }
 
 void Refuse16Bits(const PictureView& picture, const char* name) {
@@ -128,26 +119,6 @@ FfmpegPtr<AVFrame> ForBmp(const PictureView& picture) {
   Refuse16Bits(picture, "BMP");
   return picture.format == AV_PIX_FMT_GRAY8 ? Lent(picture) : Converted(picture, AV_PIX_FMT_BGR24);
 }
-
-// Lends an encoder quantiser tables for its lifetime; FFmpeg would free its own.
-class QuantiserLoan {
- public:
-  QuantiserLoan(AVCodecContext& context, std::uint32_t quality)
-      : context_(context), tables_(QuantiserTablesFor(quality)) {
-    context_.intra_matrix = tables_.luma.data();
-    context_.chroma_intra_matrix = tables_.chroma.data();
-  }
-  ~QuantiserLoan() {
-    context_.intra_matrix = nullptr;
-    context_.chroma_intra_matrix = nullptr;
-  }
-  QuantiserLoan(const QuantiserLoan&) = delete;
-  QuantiserLoan& operator=(const QuantiserLoan&) = delete;
-
- private:
-  AVCodecContext& context_;
-  QuantiserTables tables_;
-};
 
 FfmpegPtr<AVCodecContext> NewEncoder(AVCodecID id, const AVFrame& picture) {
   const AVCodec* codec = avcodec_find_encoder(id);
@@ -176,19 +147,14 @@ std::vector<unsigned char> EncodeLossless(AVCodecID id, const AVFrame& picture) 
   return Encoded(*context, picture);
 }
 
-std::vector<unsigned char> EncodeJpeg(const PictureView& view, std::uint32_t quality) {
-  Refuse16Bits(view, "JPEG");
-  const FfmpegPtr<AVFrame> picture = YuvForJpeg(view, quality);
-  // FFmpeg's encoder takes full range only under these names.
-  picture->format =
-      picture->format == AV_PIX_FMT_YUV420P ? AV_PIX_FMT_YUVJ420P : AV_PIX_FMT_YUVJ444P;
-  const FfmpegPtr<AVCodecContext> context = NewEncoder(AV_CODEC_ID_MJPEG, *picture);
-  const QuantiserLoan loan(*context, quality);
-  context->color_range = AVCOL_RANGE_JPEG;
-  context->flags |= AV_CODEC_FLAG_QSCALE;
-  context->global_quality = picture->quality = FF_QP2LAMBDA * kNeutralScale;
-  Check(avcodec_open2(context.get(), nullptr, nullptr), "avcodec_open2");
-  return Encoded(*context, *picture);
+std::vector<unsigned char> EncodeJpeg(const PictureView& picture, std::uint32_t quality) {
+  Refuse16Bits(picture, "JPEG");
+  if (!IsSubsampled(picture.format)) {
+    return WriteJpeg(picture, quality, quality <= kLastSubsampledQuality);
+  }
+  const FfmpegPtr<AVFrame> source =
+      IsBt601(picture.coding.matrix) ? InFullRange(picture) : Converted(picture, AV_PIX_FMT_RGB24);
+  return WriteJpeg(ViewOf(*source), quality, true);
 }
 
 }  // namespace

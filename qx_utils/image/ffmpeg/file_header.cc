@@ -90,13 +90,33 @@ FileHeader ReadPng(const Bytes& file) {
   return {AV_CODEC_ID_PNG, file.BigEndian(16, 4), file.BigEndian(20, 4), file.size()};
 }
 
-FileHeader ReadBmp(const Bytes& file) {
-  constexpr std::uint32_t kOldHeader = 12;
-  if (file.LittleEndian(14, 4) == kOldHeader) {
-    return {AV_CODEC_ID_BMP, file.LittleEndian(18, 2), file.LittleEndian(20, 2), file.size()};
+// FFmpeg takes a file whose last row is cut for one without padding of its rows.
+void CheckBmpRows(const Bytes& file, const FileHeader& header, std::uint64_t bits_per_pixel) {
+  const std::uint64_t row_bytes = (header.width * bits_per_pixel + 31) / 32 * 4;
+  const std::uint64_t offset = file.LittleEndian(10, 4);
+  if (header.height == 0) return;  // refused later, with its size
+  if (offset > file.size() || row_bytes > (file.size() - offset) / header.height) {
+    throw Failure("the file is truncated");
   }
-  const std::uint32_t height = file.LittleEndian(22, 4);  // negative when the top row comes first
-  return {AV_CODEC_ID_BMP, file.LittleEndian(18, 4), std::min(height, 0 - height), file.size()};
+}
+
+FileHeader ReadBmp(const Bytes& file) {
+  constexpr std::uint32_t kOldHeader = 12, kRunLength8 = 1, kRunLength4 = 2;
+  FileHeader header{AV_CODEC_ID_BMP, 0, 0, file.size()};
+  if (file.LittleEndian(14, 4) == kOldHeader) {
+    header.width = file.LittleEndian(18, 2);
+    header.height = file.LittleEndian(20, 2);
+    CheckBmpRows(file, header, file.LittleEndian(24, 2));
+    return header;
+  }
+  header.width = file.LittleEndian(18, 4);
+  const std::uint32_t height = file.LittleEndian(22, 4);
+  header.height = std::min(height, 0 - height);  // negative when the top row comes first
+  const std::uint32_t compression = file.LittleEndian(30, 4);
+  if (compression != kRunLength8 && compression != kRunLength4) {
+    CheckBmpRows(file, header, file.LittleEndian(28, 2));
+  }
+  return header;
 }
 
 FileHeader ReadWebp(const Bytes& file) {

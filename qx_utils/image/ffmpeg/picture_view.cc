@@ -6,6 +6,7 @@
 
 extern "C" {
 #include <libavutil/imgutils.h>
+#include <libavutil/pixdesc.h>
 }
 
 #include "qx_utils/ffmpeg_video_decoder/decoded_frame.h"
@@ -74,6 +75,17 @@ FrameLayout LayoutOfPicture(const YuvCoding& coding) {
 std::uint32_t ChannelsOf(QXPixelFormat format) {
   if (format == kQXPixelFormatRGB888 || format == kQXPixelFormatBGR888) return 3;
   return format == kQXPixelFormatARGB8888 || format == kQXPixelFormatBGRA8888 ? 4 : 1;
+}
+
+FramePtr MakeFrame(std::uint8_t* data, std::uint32_t bytes, std::shared_ptr<void> holder,
+                   QXPixelFormat format, const FrameLayout& layout) {
+  auto frame = std::make_unique<ImageFrameImpl>();
+  frame->pixel_format = format;
+  ImageFrameFields::SetData(*frame, data, bytes);
+  ImageFrameFields::SetShape(*frame, layout.height, layout.width, ChannelsOf(format));
+  ImageFrameFields::SetHolder(*frame, std::move(holder));
+  if (IsYuv420(format)) return ffmpeg::WithLayout(std::move(frame), layout);
+  return frame;
 }
 
 }  // namespace
@@ -153,18 +165,27 @@ FramePtr NewPicture(QXPixelFormat format, std::size_t width, std::size_t height,
                     const YuvCoding& coding) {
   CheckSize(width, height);
   FrameLayout layout = LayoutOfPicture(coding);
-  const auto columns = static_cast<std::uint32_t>(width), rows = static_cast<std::uint32_t>(height);
-  const std::uint32_t bytes = LayOut(format, columns, rows, layout);
+  const std::uint32_t bytes =
+      LayOut(format, static_cast<std::uint32_t>(width), static_cast<std::uint32_t>(height), layout);
   // FFmpeg's vector code may write past the last row.
   const std::shared_ptr<std::uint8_t[]> memory(
       new std::uint8_t[bytes + std::size_t{AV_INPUT_BUFFER_PADDING_SIZE}]);
-  auto frame = std::make_unique<ImageFrameImpl>();
-  frame->pixel_format = format;
-  ImageFrameFields::SetData(*frame, memory.get(), bytes);
-  ImageFrameFields::SetShape(*frame, rows, columns, ChannelsOf(format));
-  ImageFrameFields::SetHolder(*frame, memory);
-  if (IsYuv420(format)) return ffmpeg::WithLayout(std::move(frame), layout);
-  return frame;
+  return MakeFrame(memory.get(), bytes, memory, format, layout);
+}
+
+FramePtr FrameOver(std::uint8_t* data, std::shared_ptr<void> holder, QXPixelFormat format,
+                   const PictureView& picture) {
+  FrameLayout layout = LayoutOfPicture(picture.coding);
+  const std::uint32_t bytes = LayOut(format, static_cast<std::uint32_t>(picture.width),
+                                     static_cast<std::uint32_t>(picture.height), layout);
+  return MakeFrame(data, bytes, std::move(holder), format, layout);
+}
+
+PlaneSize SizeOfPlane(const PictureView& picture, std::size_t plane) {
+  const AVPixFmtDescriptor& format = *av_pix_fmt_desc_get(picture.format);
+  const int shift = plane == 1 || plane == 2 ? format.log2_chroma_h : 0;
+  const int rows = -(-picture.height >> shift);  // rounded up
+  return {av_image_get_linesize(picture.format, picture.width, static_cast<int>(plane)), rows};
 }
 
 void CopySamples(const PictureView& source, const PictureView& target) {

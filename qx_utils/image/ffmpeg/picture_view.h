@@ -55,6 +55,18 @@ PictureView ViewOf(const AVFrame& picture);
 FramePtr NewPicture(QXPixelFormat format, std::size_t width, std::size_t height,
                     const YuvCoding& coding = {});
 
+// Returns: such a frame over memory without gaps that `holder` owns; size and coding are those of
+//          `picture`.
+// Errors:  as NewPicture().
+FramePtr FrameOver(std::uint8_t* data, std::shared_ptr<void> holder, QXPixelFormat format,
+                   const PictureView& picture);
+
+struct PlaneSize {
+  int row_bytes;
+  int rows;
+};
+PlaneSize SizeOfPlane(const PictureView& picture, std::size_t plane);
+
 // Copies the samples between pictures of the same format and size.
 void CopySamples(const PictureView& source, const PictureView& target);
 

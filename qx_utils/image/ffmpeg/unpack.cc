@@ -103,9 +103,8 @@ QXPixelFormat FormatFor(const Palette& palette) {
   return all_grey ? kQXPixelFormatGray8 : kQXPixelFormatRGB888;
 }
 
-FramePtr UnpackPalette(const PictureView& picture) {
+FramePtr UnpackPalette(const PictureView& picture, QXPixelFormat format) {
   const Palette palette = PaletteOf(picture);
-  const QXPixelFormat format = FormatFor(palette);
   return UnpackRows(picture, format, [&](const std::uint8_t* from, std::uint8_t* to) {
     for (int x = 0; x < picture.width; ++x) {
       const PaletteEntry& color = palette[from[x]];
@@ -116,6 +115,13 @@ FramePtr UnpackPalette(const PictureView& picture) {
       *to++ = color.blue;
     }
   });
+}
+
+// Returns: the row of the table for a picture; null when it has none.
+const Unpacker* UnpackerOf(const PictureView& picture) {
+  const auto matches = [&](const Unpacker& unpacker) { return unpacker.from == picture.format; };
+  const auto* found = std::find_if(std::begin(kUnpackers), std::end(kUnpackers), matches);
+  return found != std::end(kUnpackers) ? found : nullptr;
 }
 
 // The library's format for a picture that has no row in the table.
@@ -130,15 +136,19 @@ QXPixelFormat NearestFormat(const PictureView& picture) {
 
 }  // namespace
 
-FramePtr Unpack(const PictureView& picture) {
-  if (picture.format == AV_PIX_FMT_PAL8) return UnpackPalette(picture);
-  for (const Unpacker& unpacker : kUnpackers) {
-    if (unpacker.from != picture.format) continue;
-    return UnpackRows(picture, unpacker.to, [&](const std::uint8_t* from, std::uint8_t* to) {
-      unpacker.row(from, to, picture.width);
-    });
-  }
-  return ConvertPicture(picture, NearestFormat(picture));
+QXPixelFormat UnpackedFormat(const PictureView& picture) {
+  if (picture.format == AV_PIX_FMT_PAL8) return FormatFor(PaletteOf(picture));
+  const Unpacker* unpacker = UnpackerOf(picture);
+  return unpacker != nullptr ? unpacker->to : NearestFormat(picture);
+}
+
+FramePtr Unpack(const PictureView& picture, QXPixelFormat format) {
+  if (picture.format == AV_PIX_FMT_PAL8) return UnpackPalette(picture, format);
+  const Unpacker* unpacker = UnpackerOf(picture);
+  if (unpacker == nullptr) return ConvertPicture(picture, format);
+  return UnpackRows(picture, format, [&](const std::uint8_t* from, std::uint8_t* to) {
+    unpacker->row(from, to, picture.width);
+  });
 }
 
 }  // namespace qx::utils::image::engine

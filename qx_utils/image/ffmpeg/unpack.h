@@ -5,9 +5,12 @@
 
 namespace qx::utils::image::engine {
 
-// Returns: a frame with the decoded picture, in the format that ffmpeg_media_proc.h documents.
+// Returns: the library's format for a decoded picture, as ffmpeg_media_proc.h documents it.
 // Inputs:  picture  a palette (PAL8) is in its second plane, with alpha
+QXPixelFormat UnpackedFormat(const PictureView& picture);
+
+// Returns: a new frame with the picture in that format.
 // Errors:  Failure, std::bad_alloc.
-FramePtr Unpack(const PictureView& picture);
+FramePtr Unpack(const PictureView& picture, QXPixelFormat format);
 
 }  // namespace qx::utils::image::engine
