@@ -1,15 +1,25 @@
 // Every allocation on the calling thread, and every call of FFmpeg's that can report failure, fails
 // in its turn. Memory that is lost on the way is seen by the address sanitizer's build.
+#include <turbojpeg.h>
+
 #include <array>
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
+#include <functional>
+#include <iterator>
 #include <new>
 #include <thread>
 #include <utility>
 
+extern "C" {
+#include <libswscale/swscale.h>
+}
+
 #include "qx_utils/ffmpeg_handles.h"
+#include "qxtools/ffmpeg_media_proc.h"
 #include "tests/testing/decoding.h"
 #include "tests/testing/fpga_runs.h"
 #include "tests/testing/stereo_frames.h"
@@ -56,6 +66,7 @@ void operator delete[](void* block, std::size_t) noexcept { std::free(block); }
   auto __wrap_##name parameters->decltype(name arguments) {                               \
     return FailsNow(#name) ? decltype(name arguments){failure} : __real_##name arguments; \
   }
+namespace internal = qx::utils::internal;
 using Bsf = AVBSFContext;
 using Codec = AVCodecContext;
 using Filter = AVBitStreamFilter;
@@ -76,6 +87,34 @@ QXTOOLS_WRAP(av_bsf_init, kFailure, (Bsf * b), (b))
 QXTOOLS_WRAP(av_bsf_send_packet, kFailure, (Bsf * b, AVPacket* p), (b, p))
 QXTOOLS_WRAP(av_bsf_receive_packet, kFailure, (Bsf * b, AVPacket* p), (b, p))
 QXTOOLS_WRAP(av_packet_ref, kFailure, (AVPacket * a, const AVPacket* b), (a, b))
+QXTOOLS_WRAP(av_packet_alloc, nullptr, (), ())
+QXTOOLS_WRAP(av_new_packet, kFailure, (AVPacket * p, int n), (p, n))
+QXTOOLS_WRAP(avcodec_find_encoder, nullptr, (AVCodecID id), (id))
+QXTOOLS_WRAP(avcodec_send_frame, kFailure, (Codec * x, const AVFrame* f), (x, f))
+QXTOOLS_WRAP(avcodec_receive_packet, kFailure, (Codec * x, AVPacket* p), (x, p))
+QXTOOLS_WRAP(av_frame_get_buffer, kFailure, (AVFrame * f, int align), (f, align))
+QXTOOLS_WRAP(av_buffer_allocz, nullptr, (internal::BufferSize n), (n))
+QXTOOLS_WRAP(av_buffer_create, nullptr,
+             (std::uint8_t * d, internal::BufferSize n, void (*f)(void*, std::uint8_t*), void* o,
+              int flags),
+             (d, n, f, o, flags))
+QXTOOLS_WRAP(sws_scale, kFailure,
+             (SwsContext * s, const std::uint8_t* const f[], const int fp[], int y, int h,
+              std::uint8_t* const t[], const int tp[]),
+             (s, f, fp, y, h, t, tp))
+QXTOOLS_WRAP(sws_getContext, nullptr,
+             (int w, int h, AVPixelFormat f, int tw, int th, AVPixelFormat tf, int flags,
+              SwsFilter* a, SwsFilter* b, const double* p),
+             (w, h, f, tw, th, tf, flags, a, b, p))
+QXTOOLS_WRAP(tjInitCompress, nullptr, (), ())
+QXTOOLS_WRAP(tjCompress2, kFailure,
+             (tjhandle h, const unsigned char* p, int w, int pitch, int rows, int format,
+              unsigned char** f, unsigned long* n, int s, int q, int flags),
+             (h, p, w, pitch, rows, format, f, n, s, q, flags))
+QXTOOLS_WRAP(tjCompressFromYUVPlanes, kFailure,
+             (tjhandle h, const unsigned char** p, int w, const int* pitches, int rows, int s,
+              unsigned char** f, unsigned long* n, int q, int flags),
+             (h, p, w, pitches, rows, s, f, n, q, flags))
 QXTOOLS_WRAP(avformat_open_input, (avformat_free_context(*c), *c = nullptr, kFailure),
              (AVFormatContext * *c, const char* url, InputFormat f, Options o), (c, url, f, o))
 extern "C" decltype(av_read_frame) __real_av_read_frame, __wrap_av_read_frame;
@@ -260,6 +299,97 @@ TEST(FaultSweep, AKeptStereoMatcherAllocatesItsResultsAndNothingElse) {
     fresh.reset();
   };
   EXPECT_GT(Sweep(kNew, false, start, finish), 12);
+}
+
+// An operation of the media engine that succeeds, and says so.
+struct MediaOperation {
+  const char* line;  // what every failure's line begins with
+  std::function<bool(image::MediaProc& engine)> run;
+};
+
+std::vector<MediaOperation> MediaOperations() {
+  std::vector<MediaOperation> operations;
+  for (const char* name : {"progressive_420.jpg", "rgba16.png", "palette4.bmp", "lossy.webp"}) {
+    std::ifstream stream(QXTOOLS_PICTURES + std::string("/") + name, std::ios::binary);
+    const std::vector<unsigned char> file(std::istreambuf_iterator<char>(stream), {});
+    operations.push_back({"Decode: ", [file](image::MediaProc& engine) {
+                            return engine.Decode(file.data(), file.size()) != nullptr;
+                          }});
+  }
+  const testing::FramePtr picture = testing::NewFrame(kQXPixelFormatNV12, 34, 66, 1);
+  const testing::FramePtr grey = testing::NewFrame(kQXPixelFormatGray8, 34, 66, 1);
+  const testing::FramePtr rgb = testing::NewFrame(kQXPixelFormatRGB888, 34, 66, 3);
+  for (const auto& [frame, format] : {std::pair(picture, image::kImageFileFormatJpeg),
+                                      {rgb, image::kImageFileFormatJpeg},
+                                      {picture, image::kImageFileFormatPng},
+                                      {grey, image::kImageFileFormatBmp}}) {
+    operations.push_back({"Encode: ", [frame = frame, format = format](image::MediaProc& engine) {
+                            return !engine.Encode(frame, format, {}).empty();
+                          }});
+  }
+  operations.push_back({"Resize: ", [picture](image::MediaProc& engine) {
+                          return engine.Resize(picture, 20, 40) != nullptr;
+                        }});
+  const std::vector<image::MediaProc::Box> boxes = {{3, 3, 20, 9}, {0, 0, 65, 33}};
+  operations.push_back({"Crop: ", [picture, boxes](image::MediaProc& engine) {
+                          return !engine.Crop(picture, boxes, 50, 7, true).empty();
+                        }});
+  operations.push_back({"CvtColor: ", [picture](image::MediaProc& engine) {
+                          return engine.CvtColor(picture, kQXPixelFormatRGB888) != nullptr;
+                        }});
+  return operations;
+}
+
+// Returns: how often the operation calls `name`. Each time that it fails, the result must be empty
+// and the log longer by one line.
+long SweepMediaOperation(const char* name, const MediaOperation& operation) {
+  const auto engine = image::CreateFfmpegMediaProc();
+  const LogCapture log;
+  bool succeeded = false, failed = false;
+  const auto attempt = [&] {
+    succeeded = operation.run(*engine);
+    failed = fault.happened;
+  };
+  std::size_t failures = 0;
+  const auto check = [&](bool threw) {
+    EXPECT_FALSE(threw);
+    EXPECT_NE(succeeded, failed) << operation.line;
+    failures += failed ? 1 : 0;
+    EXPECT_THAT(log.Messages(),
+                AllOf(SizeIs(failures), Each(::testing::StartsWith(operation.line))));
+  };
+  return Sweep(name, false, attempt, check);
+}
+
+TEST(FaultSweep, EveryFailureInTheMediaEngineIsOneLine) {
+  const std::vector<MediaOperation> operations = MediaOperations();
+  for (const char* name : {kNew,
+                           "av_packet_alloc",
+                           "av_new_packet",
+                           "avcodec_find_decoder",
+                           "avcodec_find_encoder",
+                           "avcodec_alloc_context3",
+                           "avcodec_open2",
+                           "avcodec_send_packet",
+                           "avcodec_receive_frame",
+                           "avcodec_send_frame",
+                           "avcodec_receive_packet",
+                           "av_frame_alloc",
+                           "av_frame_get_buffer",
+                           "av_buffer_allocz",
+                           "av_buffer_create",
+                           "sws_getContext",
+                           "sws_scale",
+                           "tjInitCompress",
+                           "tjCompress2",
+                           "tjCompressFromYUVPlanes"}) {
+    long uses = 0;
+    for (const MediaOperation& operation : operations) {
+      // A thread keeps its scalers, so each sweep begins in a new one.
+      std::thread([&] { uses += SweepMediaOperation(name, operation); }).join();
+    }
+    EXPECT_GT(uses, 0) << name;
+  }
 }
 
 TEST(FaultSweep, EveryAllocationOfARunOfTheKernel) {

@@ -4,6 +4,7 @@
 
 #include <exception>
 #include <new>
+#include <utility>
 
 #include "qx_utils/image/ffmpeg/color.h"
 #include "qx_utils/image/ffmpeg/crop.h"
@@ -32,10 +33,10 @@ class FfmpegMediaProc : public MediaProc {
  public:
   std::vector<Frame> Crop(Frame frame, const std::vector<Box>& boxes, std::size_t width,
                           std::size_t height, bool resize) override {
-    const auto crops =
+    auto crops =
         Result("Crop", [&] { return engine::CropPicture(frame, boxes, width, height, resize); });
     if (!crops.refusal.empty()) LOG(ERROR) << "Crop: " << crops.refusal;
-    return crops.frames;
+    return std::move(crops.frames);  // a copy could run out of memory
   }
   Frame Resize(Frame frame, std::size_t width, std::size_t height) override {
     return Result("Resize", [&] { return engine::ResizePicture(frame, width, height); });
