@@ -140,7 +140,7 @@ TEST(StereoCamera, RefusesWhatIsNoCalibration) {
       {{pair[0]}, "left.yaml:1: 'R' is missing: the rotation between the cameras"},
       {{pair[1]}, "right.yaml:1: 'M1' is missing"},
       {{pair[0], pair[0]},
-       "left.yaml:3: 'imageSize' is there twice: also 'imageSize' in left.yaml:3"}};
+       "left.yaml:3: 'image_size' is there twice: also 'image_size' in left.yaml:3"}};
   const std::string page = Contents(QXTOOLS_CALIBRATION_PAGE);
   for (const auto& [texts, expected] : refusals) {
     EXPECT_EQ(ParseError(texts), expected);

@@ -15,18 +15,18 @@ const Names kModel = {"distortion_model"};
 // data sets that write its format.
 CameraNames OpenCvNames(bool left) {
   if (left) {
-    return {{"image_width", "LEFT.width"},
-            {"image_height", "LEFT.height"},
-            {"image_size", "imageSize"},
+    return {{"image_width", "imageWidth", "LEFT.width"},
+            {"image_height", "imageHeight", "LEFT.height"},
+            {"image_size"},
             kModel,
             {"M1", "K1", "cameraMatrix1", "cameraMatrixL", "cameraMatrixLeft", "LEFT.K"},
             {"D1", "distCoeffs1", "distCoeffsL", "distCoeffsLeft", "LEFT.D"},
             {"R1", "LEFT.R"},
             {"P1", "LEFT.P"}};
   }
-  return {{"image_width", "RIGHT.width"},
-          {"image_height", "RIGHT.height"},
-          {"image_size", "imageSize"},
+  return {{"image_width", "imageWidth", "RIGHT.width"},
+          {"image_height", "imageHeight", "RIGHT.height"},
+          {"image_size"},
           kModel,
           {"M2", "K2", "cameraMatrix2", "cameraMatrixR", "cameraMatrixRight", "RIGHT.K"},
           {"D2", "distCoeffs2", "distCoeffsR", "distCoeffsRight", "RIGHT.D"},
