@@ -15,6 +15,7 @@ checks=(
   'aarch64     scripts/test-aarch64.sh'
   'ffmpeg4     scripts/test-ffmpeg4.sh'
   'packages    packaging/build-packages.sh && packaging/test-packages.sh'
+  'depth       scripts/measure-depth.sh'
   'soak        scripts/soak.sh 60'
   'fuzz        scripts/fuzz.sh 600'
 )
