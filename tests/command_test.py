@@ -384,7 +384,7 @@ class Command(unittest.TestCase):
             self.assertTrue(math.isnan(z) if d == math.inf else
                             z == math.inf if d == 0 else abs(z * d / 100 - 1) < 1e-6, (d, z))
         known = [z for z in depth if math.isfinite(z)]
-        self.assertEqual(report['depth'], dict(share=len(known) / 76800, millimetres=25.4))
+        self.assertEqual(report['depth'], dict(share=len(known) / 76800, millimetres_per_unit=25.4))
         png = self.shell('ffmpeg -v error -i depth-0000.png -pix_fmt gray16le -f rawvideo -').out
         for z, mm in zip(depth, struct.unpack('<76800H', png)):
             self.assertLessEqual(abs(z * 25.4 - mm) if z < 2500 else mm, 0.5001, z)

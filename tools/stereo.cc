@@ -58,8 +58,8 @@ void PrintText(const StereoJob& job, const StereoSummary& summary, const Stages&
   std::printf("%.1f %% of the pixels have no reliable match; %s\n", 100 * summary.missing,
               job.matching.fill ? "their surroundings fill them" : "they are left out");
   if (job.depth.IsWanted()) {
-    std::printf("%.1f %% of the pixels have a depth; 1 is %.9g mm\n", 100 * summary.with_depth,
-                job.depth.millimetres);
+    std::printf("%.1f %% of the pixels have a depth; the unit is %.9g mm\n",
+                100 * summary.with_depth, job.depth.millimetres);
   }
   std::printf("  %-11s %10s %10s\n", "stage", "ms/frame", "frames/s");
   for (const auto& [name, seconds] : stages) {
@@ -84,7 +84,8 @@ void PrintJson(const StereoJob& job, const StereoSummary& summary, const Stages&
     report["accuracy"] = {{"before", JsonOf(*summary.before)}, {"after", JsonOf(*summary.after)}};
   }
   if (job.depth.IsWanted()) {
-    report["depth"] = {{"share", summary.with_depth}, {"millimetres", job.depth.millimetres}};
+    report["depth"] = {{"share", summary.with_depth},
+                       {"millimetres_per_unit", job.depth.millimetres}};
   }
   PrintReport(report, true);
 }
@@ -186,6 +187,7 @@ void AddStereo(CLI::App& app) {
       "  png16  disparity-NNNN-16bit.png with the same values\n"
       "  pfm    disparity-NNNN.pfm, floats: disparity in pixels; infinity where a pixel is left\n"
       "         out\n"
+      "Depth = focal length in pixels * distance of the cameras / disparity in pixels.\n"
       "With --calibration the pictures are those of raw cameras: they are rectified first, and "
       "the\n"
       "results have the size of the rectified left picture. `qxtools rectify` shows it. Files of\n"

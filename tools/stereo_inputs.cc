@@ -22,7 +22,7 @@ CLI::Option* AddStereoInputs(CLI::App& command, StereoInputs& inputs) {
       command.add_option("--calibration", inputs.calibration,
                          "Calibration of raw cameras: OpenCV's YAML in one file or two, or ROS "
                          "camera_info files, left and right");
-  return calibration->type_name("FILE")->expected(1, 2);
+  return calibration->type_name("FILE...")->expected(1, 2);
 }
 
 void CheckStereoInputs(const StereoInputs& inputs) {
