@@ -9,7 +9,8 @@
 #include <stdexcept>
 
 #include "qx_utils/stereo/camera/matrix3.h"
-#include "qx_utils/stereo/camera/remap_table.h"
+#include "qx_utils/stereo/camera/rectification_table.h"
+#include "qx_utils/stereo/kernels/remap_fetch-inl.h"
 #include "qxtools/stereo_matcher.h"
 #include "tests/testing/error_of.h"
 #include "tests/testing/kernel_variants.h"
@@ -20,13 +21,8 @@
 namespace qx::utils::stereo {
 namespace {
 
-using Bytes = std::vector<std::uint8_t>;
-using testing::BytesOf;
 using testing::NewFrame;
-
-std::string TextOf(const PictureSize& size) {
-  return std::to_string(size.width) + " x " + std::to_string(size.height);
-}
+using velkar::vision::ImageFrameImpl;
 
 // The value at a place of a picture in a black surrounding, without rounding.
 double ValueAt(const GreyView& picture, std::size_t channels, std::size_t channel,
@@ -49,8 +45,12 @@ double ValueAt(const GreyView& picture, std::size_t channels, std::size_t channe
 
 class StereoRemap : public ::testing::Test {
  protected:
-  // Places are multiples of 1/128 pixel: (x, y) of a result over a source of that size.
-  using Place = std::function<PicturePoint(double x, double y, const PictureSize& source)>;
+  // Where pixel (x, y) comes from: (xx * x + xy * y + x0, yx * x + yy * y + y0), in multiples of
+  // 1/128 pixel; or from anywhere.
+  struct Kind {
+    double xx = 0, xy = 0, x0 = 0, yx = 0, yy = 0, y0 = 0;
+    bool random = false;
+  };
 
   double Anywhere(std::size_t size) {
     return static_cast<double>(random_() % (128 * size + 512)) / 128 - 2;
@@ -58,17 +58,20 @@ class StereoRemap : public ::testing::Test {
 
   // Runs all variants over a random picture that touches a protected page at its end or its start;
   // the result touches one at its end.
-  void Check(const Place& place, const PictureSize& size, const PictureSize& source,
+  void Check(const Kind& kind, const PictureSize& size, const PictureSize& source,
              std::size_t channels) {
     std::vector<PicturePoint> places;
-    const RemapTable table(size, source, [&](std::size_t x, std::size_t y) {
-      return places.emplace_back(place(static_cast<double>(x), static_cast<double>(y), source));
+    const RemapTable table(size, source, [&](std::size_t column, std::size_t row) {
+      const auto x = static_cast<double>(column), y = static_cast<double>(row);
+      places.push_back({kind.xx * x + kind.xy * y + kind.x0, kind.yx * x + kind.yy * y + kind.y0});
+      if (kind.random) places.back() = {Anywhere(source.width), Anywhere(source.height)};
+      return places.back();
     });
     ++turn_;
     const std::size_t pitch = source.width * channels + turn_ % 4;
     const GuardedBuffer memory(
         pitch * (source.height - 1) + source.width * channels,
-        turn_ % 2 == 0 ? GuardedBuffer::Guard::kEnd : GuardedBuffer::Guard::kStart);
+        turn_ / 2 % 2 == 0 ? GuardedBuffer::Guard::kEnd : GuardedBuffer::Guard::kStart);
     std::generate_n(memory.data(), memory.size(), [&] {
       return static_cast<std::uint8_t>(random_() % 4 == 0 ? random_() % 2 * 255 : random_());
     });
@@ -79,9 +82,9 @@ class StereoRemap : public ::testing::Test {
       std::fill_n(result.data(), result.size(), std::uint8_t{0xEE});
       RemapPicture(channels == 1 ? kernel.grey : kernel.colour, table.View(), picture,
                    result.data());
-      return Bytes(result.data(), result.data() + result.size());
+      return std::vector<std::uint8_t>(result.data(), result.data() + result.size());
     };
-    const Bytes expected = run(kRemapScalar);
+    const auto expected = run(kRemapScalar);
     for (std::size_t i = 0; i < expected.size(); ++i) {
       const PicturePoint& at = places[i / channels];
       ASSERT_NEAR(expected[i], ValueAt(picture, channels, i % channels, at), 0.52) << i;
@@ -99,47 +102,17 @@ class StereoRemap : public ::testing::Test {
 };
 
 TEST_F(StereoRemap, GivesTheSameBytesForEveryVariantAndThreadCount) {
-  const struct {
-    const char* name;
-    Place place;
-  } kinds[] = {{"identity",
-                [](double x, double y, auto&) {
-                  return PicturePoint{x, y};
-                }},
-               {"shift",
-                [](double x, double y, auto&) {
-                  return PicturePoint{x - 0.75, y + 1.25};
-                }},
-               {"steep",
-                [](double x, double y, auto&) {
-                  return PicturePoint{1.625 * x, y + x * 0.125};
-                }},
-               {"shrink",
-                [](double x, double y, auto&) {
-                  return PicturePoint{2.5 * x, 3 * y};
-                }},
-               {"turn",
-                [](double x, double y, auto&) {
-                  return PicturePoint{y + 0.5, x + 0.25};
-                }},
-               {"outside",
-                [](double x, double y, auto&) {
-                  return PicturePoint{x, y - 1e9};
-                }},
-               {"NaN",
-                [](double x, double y, auto&) {
-                  return PicturePoint{x > 9 ? NAN : 1, y};
-                }},
-               {"random", [&](double, double, const PictureSize& source) {
-                  return PicturePoint{Anywhere(source.width), Anywhere(source.height)};
-                }}};
+  const Kind kinds[] = {{1, 0, 0, 0, 1, 0},   {1, 0, -0.75, 0, 1, 1.25}, {1.625, 0, 0, 0.125, 1, 0},
+                        {2.5, 0, 0, 0, 3, 0}, {0, 1, 0.5, 1, 0, 0.25},   {1, 0, 0, 0, 1, -1e9},
+                        {1, 0, NAN, 0, 1, 0}, {0, 0, 0, 0, 0, 0, true}};
   constexpr PictureSize kSizes[] = {{1, 1}, {8, 2}, {31, 3}, {32, 4}, {33, 5}, {75, 6}};
   constexpr PictureSize kSources[] = {{1, 1}, {2, 2}, {15, 9}, {16, 3}, {17, 2}, {40, 9}, {99, 5}};
-  for (const auto& kind : kinds) {
+  for (const Kind& kind : kinds) {
     for (const PictureSize& size : kSizes) {
       for (const PictureSize& source : kSources) {
-        SCOPED_TRACE(kind.name + (' ' + TextOf(size)) + " of " + TextOf(source));
-        for (const std::size_t channels : {1U, 3U}) Check(kind.place, size, source, channels);
+        SCOPED_TRACE(::testing::Message() << &kind - kinds << ' ' << size.width << " of "
+                                          << source.width << 'x' << source.height);
+        for (const std::size_t channels : {1U, 3U}) Check(kind, size, source, channels);
       }
     }
   }
@@ -147,120 +120,71 @@ TEST_F(StereoRemap, GivesTheSameBytesForEveryVariantAndThreadCount) {
 
 constexpr int kWidth = 64, kHeight = 48;
 
-CameraCalibration Camera(DistortionModel model, const std::array<double, 14>& distortion) {
-  CameraCalibration camera;
-  camera.camera_matrix = {50, 0, 30, 0, 49, 25, 0, 0, 1};
-  camera.distortion_model = model;
-  camera.distortion = distortion;
-  camera.rectification = RotationOf({0.03, -0.05, 0.04});
-  camera.projection = {44, 0, 33, 0, 0, 44, 24, 0, 0, 0, 1, 0};
-  return camera;
-}
-
-StereoCalibration Cameras(const CameraCalibration& left, const CameraCalibration& right) {
-  StereoCalibration cameras;
-  cameras.left = left, cameras.right = right;
-  cameras.right.projection[3] = -4.4;
-  cameras.has_rectification = true;
-  return cameras;
+// Where pixels (4, 6), (57, 9) and (20, 40) come from, as cv::initUndistortRectifyMap and its
+// fisheye form compute it.
+TEST(StereoRectifier, MapsAreOpenCvsToAHundredthOfAPixel) {
+  constexpr auto kPlumbBob = DistortionModel::kPlumbBob;
+  const struct {
+    DistortionModel model;
+    std::array<double, 14> distortion;
+    PicturePoint places[3];
+  } cases[] = {{kPlumbBob, {}, {{0.1378, 8.4350}, {59.6111, 8.3471}, {18.5171, 44.7731}}},
+               {kPlumbBob,
+                {-0.3, 0.1, 0.004, -0.006},
+                {{3.4203, 10.4265}, {55.6823, 10.5693}, {19.0730, 43.7468}}},
+               {kPlumbBob,
+                {-0.3, 0.1, 0.004, -0.006, 0.05, 0.02, -0.03, 0.04},
+                {{3.4467, 10.4412}, {55.6535, 10.5855}, {19.1030, 43.6952}}},
+               {kPlumbBob,
+                {-0.2, 0, 0, 0, 0, 0, 0, 0, 0.02, -0.01, 0.03, 0.02},
+                {{3.3108, 10.9051}, {57.2076, 10.7983}, {19.2045, 44.2830}}},
+               {kPlumbBob,
+                {-0.2, 0.1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0.04, -0.07},
+                {{3.5795, 10.2959}, {58.2956, 9.1908}, {18.9314, 43.9980}}},
+               {DistortionModel::kEquidistant,
+                {0.03, -0.02, 0.01, -0.005},
+                {{3.6030, 10.3572}, {56.2034, 10.2636}, {19.1957, 43.6046}}}};
+  for (const auto& test : cases) {
+    CameraCalibration camera;
+    camera.camera_matrix = {50, 0, 30, 0, 49, 25, 0, 0, 1};
+    camera.distortion_model = test.model;
+    camera.distortion = test.distortion;
+    camera.rectification = RotationOf({0.03, -0.05, 0.04});
+    camera.projection = {44, 0, 33, 0, 0, 44, 24, 0, 0, 0, 1, 0};
+    const RemapTable table = RectificationTable(camera, {kWidth, kHeight});
+    const RemapView map = table.View();
+    const PicturePoint* place = test.places;
+    for (const std::size_t at : {6 * map.stride + 4, 9 * map.stride + 57, 40 * map.stride + 20}) {
+      const auto [x, y] = PositionOf(map, at);
+      EXPECT_NEAR(static_cast<double>(x) + map.fx[at] / 128.0, place->x, 0.0099);
+      EXPECT_NEAR(static_cast<double>(y) + map.fy[at] / 128.0, place->y, 0.0099);
+      ++place;
+    }
+  }
 }
 
 // Cameras that see what is at rectified column x at x - 4 and at x + 3.
 StereoCalibration ShiftedCameras() {
-  CameraCalibration left = Camera(DistortionModel::kPlumbBob, {}), right;
-  left.rectification = kIdentity3;
-  left.camera_matrix = {44, 0, 30, 0, 44, 24, 0, 0, 1};
-  right = left;
-  left.projection[2] = 34, right.projection[2] = 27;
-  return Cameras(left, right);
+  StereoCalibration cameras;
+  cameras.left.camera_matrix = {44, 0, 30, 0, 44, 24, 0, 0, 1};
+  cameras.left.rectification = kIdentity3;
+  cameras.left.projection = {44, 0, 34, 0, 0, 44, 24, 0, 0, 0, 1, 0};
+  cameras.right = cameras.left;
+  cameras.right.projection[2] = 27, cameras.right.projection[3] = -4.4;
+  cameras.has_rectification = true;
+  return cameras;
 }
 
-// Where the raw picture shows rectified pixel (u, v): the formulas as they are published.
-PicturePoint RawPlace(const CameraCalibration& camera, double u, double v) {
-  const auto& p = camera.projection;
-  const Vector3 ray =
-      Multiply(Transpose(camera.rectification), Vector3{(u - p[2]) / p[0], (v - p[6]) / p[5], 1});
-  double x = ray[0] / ray[2], y = ray[1] / ray[2];
-  const double r = std::hypot(x, y);
-  const auto& d = camera.distortion;
-  if (camera.distortion_model == DistortionModel::kEquidistant) {
-    const double t = std::atan(r);
-    const double bent = t + d[0] * std::pow(t, 3) + d[1] * std::pow(t, 5) + d[2] * std::pow(t, 7) +
-                        d[3] * std::pow(t, 9);
-    x *= bent / r, y *= bent / r;
-  } else {
-    const double radial =
-        (1 + d[0] * std::pow(r, 2) + d[1] * std::pow(r, 4) + d[4] * std::pow(r, 6)) /
-        (1 + d[5] * std::pow(r, 2) + d[6] * std::pow(r, 4) + d[7] * std::pow(r, 6));
-    const double bent_x = x * radial + 2 * d[2] * x * y + d[3] * (r * r + 2 * x * x) +
-                          d[8] * r * r + d[9] * std::pow(r, 4);
-    const double bent_y = y * radial + d[2] * (r * r + 2 * y * y) + 2 * d[3] * x * y +
-                          d[10] * r * r + d[11] * std::pow(r, 4);
-    // The plane through (0, 0, 1) that is turned about x, then about y, seen from the origin.
-    const double cx = std::cos(d[12]), sx = std::sin(d[12]), cy = std::cos(d[13]),
-                 sy = std::sin(d[13]);
-    const double w = sy * bent_x - cy * sx * bent_y + cy * cx;
-    x = (cy * cx * (cy * bent_x + sy * sx * bent_y - sy * cx) + sy * cx * w) / w;
-    y = (cy * cx * (cx * bent_y + sx) - sx * w) / w;
-  }
-  const auto& m = camera.camera_matrix;
-  return {m[0] * x + m[2], m[4] * y + m[5]};
-}
-
-// Stripes of one pixel change by 255 levels a pixel, linearly in between: they show the place.
-TEST(StereoRectifier, MapsAreThoseOfTheLensModelsToAHundredthOfAPixel) {
-  constexpr auto kPlumbBob = DistortionModel::kPlumbBob;
-  const CameraCalibration cameras[] = {
-      Camera(kPlumbBob, {}),
-      Camera(kPlumbBob, {-0.3, 0.1, 0.004, -0.006}),
-      Camera(kPlumbBob, {-0.3, 0.1, 0.004, -0.006, 0.05, 0.02, -0.03, 0.04}),
-      Camera(kPlumbBob, {-0.2, 0, 0, 0, 0, 0, 0, 0, 0.02, -0.01, 0.03, 0.02}),
-      Camera(kPlumbBob, {-0.2, 0.1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0.04, -0.07}),
-      Camera(DistortionModel::kEquidistant, {0.03, -0.02, 0.01, -0.005})};
-  const auto raw = NewFrame(kQXPixelFormatRGB888, kHeight, kWidth, 3);
-  for (std::size_t i = 0; i < kWidth * kHeight; ++i) {
-    raw->Data()[3 * i] = i % kWidth % 2 == 0 ? 0 : 255;
-    raw->Data()[3 * i + 1] = i / kWidth % 2 == 0 ? 0 : 255;
-    raw->Data()[3 * i + 2] = 255;
-  }
-  const auto stripes = [](double place) { return 255 * std::fabs(std::remainder(place, 2)); };
-  for (const CameraCalibration& camera : cameras) {
-    const StereoRectifier rectifier(Cameras(ShiftedCameras().left, camera), kWidth, kHeight);
-    const auto rectified = rectifier.RectifyRight(raw);
-    int inside = 0;
-    for (int i = 0; i < kWidth * kHeight; ++i) {
-      const int row = i / kWidth;
-      const auto [x, y] = RawPlace(camera, i % kWidth, row);
-      const std::uint8_t* const colour = rectified->Data() + 3 * i;
-      const bool is_far = !(x > -1.01 && y > -1.01 && x < kWidth + 0.01 && y < kHeight + 0.01);
-      ASSERT_TRUE(!is_far || colour[2] == 0) << i;
-      if (!(x > 0.01 && y > 0.01 && x < kWidth - 1.01 && y < kHeight - 1.01)) continue;
-      ++inside;
-      ASSERT_EQ(colour[2], 255) << i;
-      ASSERT_NEAR(colour[0], stripes(x), 3.1) << i;
-      ASSERT_NEAR(colour[1], stripes(y), 3.1) << i;
-    }
-    EXPECT_GT(inside, kWidth * kHeight / 2);
-  }
-}
-
-TEST(StereoRectifier, TakesTheLumaOfDecodedFormatsInPlace) {
+TEST(StereoRectifier, TakesLumaInPlaceAndDropsWhatOneOfTheCamerasDoesNotSee) {
   const StereoRectifier rectifier(ShiftedCameras(), kWidth, kHeight);
-  const auto grey = NewFrame(kQXPixelFormatGray8, kHeight, kWidth, 1);
-  const auto planar = NewFrame(kQXPixelFormatYUV420P, kHeight, kWidth, 1);
-  std::iota(planar->Data(), planar->Data() + planar->DataSize(), std::uint8_t{1});
-  std::copy_n(planar->Data(), grey->DataSize(), grey->Data());
-  const RectifiedPair pair = rectifier.Rectify(grey, planar);
-  EXPECT_EQ(BytesOf(pair.left), BytesOf(rectifier.RectifyLeft(planar)));
-  EXPECT_EQ(BytesOf(pair.right), BytesOf(rectifier.RectifyRight(grey)));
-  EXPECT_EQ(pair.left->Data()[kWidth + 4], grey->Data()[kWidth]);
-  EXPECT_EQ(pair.right->Data()[kWidth + 4], grey->Data()[kWidth + 7]);
-}
-
-TEST(StereoRectifier, DropsWhatOneOfTheCamerasDoesNotSee) {
-  const StereoRectifier rectifier(ShiftedCameras(), kWidth, kHeight);
-  const auto map = std::static_pointer_cast<velkar::vision::ImageFrameImpl>(
-      NewFrame(kQXPixelFormatGray16, kHeight, kWidth, 1));
+  const auto raw = NewFrame(kQXPixelFormatYUV420P, kHeight, kWidth, 1);
+  std::iota(raw->Data(), raw->Data() + raw->DataSize(), std::uint8_t{1});
+  const RectifiedPair pair = rectifier.Rectify(raw, raw);
+  for (int x = 4; x < kWidth - 3; ++x) {
+    ASSERT_EQ(pair.left->Data()[kWidth + x], raw->Data()[kWidth + x - 4]);
+    ASSERT_EQ(pair.right->Data()[kWidth + x], raw->Data()[kWidth + x + 3]);
+  }
+  const auto map = NewFrame(kQXPixelFormatGray16, kHeight, kWidth, 1);
   auto* const values = reinterpret_cast<std::uint16_t*>(map->Data());
   const struct {
     std::uint16_t disparity;
@@ -269,7 +193,7 @@ TEST(StereoRectifier, DropsWhatOneOfTheCamerasDoesNotSee) {
       {0, 0}, {256, 1}, {639, 2}, {640, 3}, {1280, 5}, {10240, 40}, {kMissingDisparity, 64}};
   const auto row = [&](int i) { return rows[i / kWidth % 7]; };
   for (int i = 0; i < kWidth * kHeight; ++i) values[i] = row(i).disparity;
-  rectifier.DropUncovered(*map);
+  rectifier.DropUncovered(static_cast<ImageFrameImpl&>(*map));
   for (int i = 0; i < kWidth * kHeight; ++i) {
     const int x = i % kWidth, match = x - row(i).columns;
     const bool seen = x >= 4 && match >= 0 && match <= kWidth - 4;
@@ -279,47 +203,38 @@ TEST(StereoRectifier, DropsWhatOneOfTheCamerasDoesNotSee) {
 
 TEST(StereoRectifier, RefusesWhatItCannotRectify) {
   const StereoRectifier rectifier(ShiftedCameras(), kWidth, kHeight);
-  const auto good = NewFrame(kQXPixelFormatGray8, kHeight, kWidth, 1);
-  const auto make = [](const std::function<void(StereoCalibration&)>& spoil, int width = kWidth) {
+  using Call = std::function<void()>;
+  using Spoil = void (*)(StereoCalibration&);
+  const auto frame = [](QXPixelFormat format, std::size_t width, std::size_t channels) {
+    return NewFrame(format, kHeight, width, channels);
+  };
+  const auto pair = [&](const auto& left, const auto& right) -> Call {
+    return [=, &rectifier] { static_cast<void>(rectifier.Rectify(left, right)); };
+  };
+  const auto drop = [&](const auto& map) -> Call {
+    return [=, &rectifier] { rectifier.DropUncovered(static_cast<ImageFrameImpl&>(*map)); };
+  };
+  const auto make = [](int width, Spoil spoil) -> Call {
     StereoCalibration cameras = ShiftedCameras();
     spoil(cameras);
-    const StereoRectifier made(cameras, width, kHeight);
+    return [=] { const StereoRectifier made(cameras, width, kHeight); };
   };
-  const auto drop = [&](QXPixelFormat format, std::size_t width) {
-    const auto map = std::static_pointer_cast<velkar::vision::ImageFrameImpl>(
-        NewFrame(format, kHeight, width, 1));
-    rectifier.DropUncovered(*map);
-  };
-  const auto keep = [](StereoCalibration&) {};
-  const struct {
-    std::function<void()> call;
-    const char* error;
-  } cases[] = {
-      {[&] { static_cast<void>(rectifier.Rectify(nullptr, good)); }, "left: the frame is null"},
-      {[&] { static_cast<void>(rectifier.Rectify(good, nullptr)); }, "right: the frame is null"},
-      {[&] {
-         static_cast<void>(rectifier.RectifyLeft(NewFrame(kQXPixelFormatGray8, kHeight, 65, 1)));
-       },
-       "left: 65 x 48 pixels, but the rectifier is for 64 x 48"},
-      {[&] {
-         static_cast<void>(
-             rectifier.RectifyRight(NewFrame(kQXPixelFormatBGR888, kHeight, kWidth, 3)));
-       },
-       "right: pixel format 13"},
-      {[&] {
-         static_cast<void>(
-             rectifier.RectifyLeft(NewFrame(kQXPixelFormatRGB888, kHeight, kWidth, 4)));
-       },
-       "left: 48 x 64 x 4 values, not three"},
-      {[&] { drop(kQXPixelFormatGray8, kWidth); }, "disparity: pixel format 1 instead of 3"},
-      {[&] { drop(kQXPixelFormatGray16, 63); }, "disparity: 48 x 63 x 1 values, but"},
-      {[&] { make(keep, 0); }, "pictures of 0 x 48 pixels cannot be rectified"},
-      {[&] { make(keep, 32768); }, "pictures of 32768 x 48 pixels cannot be rectified"},
-      {[&] { make([](auto& c) { c.left.width = 640, c.left.height = 480; }); }, "640 x 480"},
-      {[&] { make([](auto& c) { c.right.distortion[3] = NAN; }); }, "right camera's distortion"},
-      {[&] { make([](auto& c) { c.left.projection[5] = 0; }); }, "left camera's projection"}};
+  const testing::StereoFrame good = frame(kQXPixelFormatGray8, kWidth, 1), none;
+  const std::pair<Call, const char*> cases[] = {
+      {pair(none, good), "left: the frame is null"},
+      {pair(good, none), "right: the frame is null"},
+      {pair(frame(kQXPixelFormatGray8, 65, 1), good), "left: 65 x 48 pixels, but the rectifier"},
+      {pair(good, frame(kQXPixelFormatBGR888, kWidth, 3)), "right: pixel format 13"},
+      {pair(frame(kQXPixelFormatRGB888, kWidth, 4), good), "left: 48 x 64 x 4 values, not three"},
+      {drop(good), "disparity: pixel format 1 instead of 3"},
+      {drop(frame(kQXPixelFormatGray16, 63, 1)), "disparity: 48 x 63 x 1 values, but"},
+      {make(0, [](auto&) {}), "pictures of 0 x 48 pixels cannot be rectified"},
+      {make(32768, [](auto&) {}), "pictures of 32768 x 48 pixels cannot be rectified"},
+      {make(kWidth, [](auto& c) { c.left.width = 640, c.left.height = 480; }), "640 x 480"},
+      {make(kWidth, [](auto& c) { c.right.distortion[3] = NAN; }), "right camera's distortion"},
+      {make(kWidth, [](auto& c) { c.left.projection[5] = 0; }), "left camera's projection"}};
   for (const auto& test : cases) {
-    EXPECT_THAT(testing::ErrorOf<std::invalid_argument>(test.call), HasSubstr(test.error));
+    EXPECT_THAT(testing::ErrorOf<std::invalid_argument>(test.first), HasSubstr(test.second));
   }
 }
 
