@@ -2,7 +2,8 @@
 # Runs the fault tests at length, in about half an hour. Under the address and under the thread
 # sanitizer: every truncation of a short clip per container, and 1, 8 and 64 flipped bits of it,
 # from the demuxer to the last sample; 10,000 decoders destroyed in five ways; the table of
-# RTSP faults three times. Under valgrind: the tests of the demuxer, the filter and the decoder.
+# RTSP faults three times. Under valgrind: the tests of the demuxer, the filter, the decoder and the
+# scaler, FFmpeg's own vector code included.
 #
 # usage: test-faults.sh
 . "$(dirname "${BASH_SOURCE[0]}")/common.sh"
@@ -38,7 +39,8 @@ for preset in asan-ubsan tsan; do
 done
 
 say "valgrind"
-memchecked=(annexb_filter_test damaged_files_test decoder_lifecycle_test decoder_test demuxer_test)
+memchecked=(annexb_filter_test damaged_files_test decoder_lifecycle_test decoder_test demuxer_test
+  media_scale_test)
 build dev "${memchecked[@]}"
 for test in "${memchecked[@]}"; do
   run "valgrind-$test" 30 valgrind -q --error-exitcode=9 --leak-check=full \
