@@ -127,6 +127,11 @@ class Command(unittest.TestCase):
             $Q decode $C/left.mp4 -o x.y4m --fps 25:1   '25:1' is not a rate
             $Q decode a.mp4 -o x.yuv --duration 5       --duration: only for streams
             $Q decode a.mp4 -o x.yuv --reconnect        --reconnect: only for streams
+            $Q image a -o x.gif                         has no known extension (.jpg, .jpeg, .png, .bmp)
+            $Q image a -o x.png --crop 1,2,x,4          '1,2,x,4' is not a box
+            $Q image a -o x.png --resize 0x5            '0x5' is not a size
+            $Q image a -o x.png --quality 90            --quality: only for jpeg
+            $Q image a -o - --format png --json         standard output receives the picture
             $Q stereo a b -o c --backend gpu            'gpu' is not one of cpu, fpga
             $Q stereo a b -o c --disparities 257        '257' is not a whole number from 1 to 256
             $Q stereo a b -o c --ground-truth d --gt-scale 0  '0' is not above 0
@@ -175,6 +180,10 @@ class Command(unittest.TestCase):
             $Q decode $C/left.mp4 -o - >&-          standard output
             (trap '' PIPE; $Q decode $C/left.mp4 -o -) | head -c 0  Broken pipe
             (ulimit -f 100; LLVM_PROFILE_FILE=/dev/null $Q decode $C/left.mp4 -o x.yuv)  x.yuv
+            $Q image missing.jpg -o x.png           No such file
+            $Q image folder.yuv -o x.png            Is a directory
+            $Q image /dev/zero -o x.png             too large
+            $Q image garbage.mp4 -o x.png           'garbage.mp4': Decode: the data is neither
             $Q stereo $C/left.mp4 $C/hevc.mp4 -o a/b  H.265'''):
             self.run_line(line, 1, message)
             self.assertEqual(self.files(), before, line)
@@ -447,6 +456,30 @@ class Command(unittest.TestCase):
                 self.run_line(f'$Q {call} left.pgm right.pgm --calibration {files} -o new/x', 1,
                               message)
                 self.assertEqual(self.files(), before)
+
+    # The samples are those of ffmpeg's filters. Scaling may differ in rounding; 5 is what JPEG
+    # loses in the mean, mostly colour.
+    def test_image(self):
+        self.shell('ffmpeg -v error -i $C/left.mp4 -vf format=rgb24,crop=161:91 -frames:v 1 in.png;'
+                   'ffmpeg -v error -i in.png -pix_fmt yuvj420p -q:v 2 in.jpg')
+        for source, output, options, filters, most in table('''
+            in.png  x.bmp   -                               null                                  0
+            in.png  x.png   --crop=10,20,109,69             crop=100:50:10:20                     0
+            in.png  x.png   --resize=64x9 --crop=0,0,99,39  crop=100:40:0:0,scale=64:9:flags=area  1
+            in.jpg  x.png   --gray                          format=gray                           0.1
+            in.jpg  x.JPG   --quality=95                    null                                  3
+            in.png  x.jpeg  -                               null                                  5'''):
+            line = f'$Q image {source} -o {output} {options.strip("- ") and options}'
+            self.assertRegex(self.run_line(line).out.decode(), f"^'{output}': [0-9]+ x [0-9]+, ")
+            raw = '-pix_fmt rgb24 -f rawvideo -'
+            ours = self.shell(f'ffmpeg -v error -i {output} {raw}').out
+            theirs = self.shell(f'ffmpeg -v error -i {source} -vf {filters} {raw}').out
+            self.assertEqual(len(ours), len(theirs), line)
+            lost = sum(abs(a - b) for a, b in zip(ours, theirs))
+            self.assertLessEqual(lost, float(most) * len(ours), line)
+        self.run_line('$Q image - -o - --format bmp <in.png | cmp - x.bmp')
+        report = json.loads(self.run_line('$Q image in.png -o x.bmp --json').out)
+        self.assertEqual((report['width'], report['bytes']), (161, os.path.getsize('x.bmp')))
 
     def test_full_disk(self):
         small_disk = 'unshare -rm bash -c "mount -t tmpfs -o size=100k none . && cd . '

@@ -16,6 +16,7 @@ namespace qx::tools {
 void AddBoard(CLI::App& app);
 void AddDecode(CLI::App& app);
 void AddDoctor(CLI::App& app);
+void AddImage(CLI::App& app);
 void AddIsa(CLI::App& app);
 void AddProbe(CLI::App& app);
 void AddRectify(CLI::App& app);

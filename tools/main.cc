@@ -25,7 +25,7 @@ namespace {
 // In the order of --help.
 constexpr std::initializer_list<void (*)(CLI::App&)> kSubcommands = {
     qx::tools::AddStereo, qx::tools::AddRectify, qx::tools::AddProbe, qx::tools::AddDecode,
-    qx::tools::AddBoard,  qx::tools::AddIsa,     qx::tools::AddDoctor};
+    qx::tools::AddImage,  qx::tools::AddBoard,   qx::tools::AddIsa,   qx::tools::AddDoctor};
 
 enum ExitStatus { kSuccess = 0, kFailure = 1, kUsage = 2 };
 
