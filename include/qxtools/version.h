@@ -6,7 +6,7 @@
 
 namespace qx::utils {
 
-// Returns: for example "1.0.0"; valid for the life of the process.
+// Returns: for example "1.1.0"; valid for the life of the process.
 // Threads: safe from any thread.
 [[nodiscard]] QXTOOLS_EXPORT const char* Version();
 
