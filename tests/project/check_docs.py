@@ -30,8 +30,7 @@ def folders(parent="."):
 
 
 TOP = folders()
-PAGES = [page for page in sorted([*ROOT.glob("*.md"), *ROOT.glob("*/**/*.md")])
-         if page.parent == ROOT or page.relative_to(ROOT).parts[0] + "/" in TOP]
+PAGES = sorted(page for found in [ROOT.glob("*.md"), *((ROOT / folder).rglob("*.md") for folder in TOP)] for page in found)
 
 
 def headings(page):
