@@ -1,6 +1,8 @@
 // The engine's Decode and Encode, and how it is installed.
 #include "qxtools/ffmpeg_media_proc.h"
 
+#include <turbojpeg.h>
+
 #include <climits>
 #include <cmath>
 #include <fstream>
@@ -237,6 +239,26 @@ TEST(FfmpegMediaProc, JpegFilesAreAsCloseAsTheirQuality) {
   const File file = engine->Encode(odd, kImageFileFormatJpeg, {});
   EXPECT_EQ(file, engine->Encode(odd, kImageFileFormatJpeg, {90}));
   EXPECT_LE(Difference(testing::BytesOf(Decoded(file)), testing::BytesOf(odd)), 12);
+}
+
+// libswscale alone stretches chroma of an odd width over one column too few.
+TEST(FfmpegMediaProc, DecodesOddSizesWithHalfTheChromaLikeLibjpegTurbo) {
+  constexpr int kWidth = 33, kHeight = 5;
+  std::vector<unsigned char> pixels(3 * kWidth * kHeight);
+  for (std::size_t i = 0; i < pixels.size(); ++i) pixels[i] = i / 9 % 3 == i % 3 ? 220 : 30;
+  const std::unique_ptr<void, int (*)(void*)> compressor(tjInitCompress(), tjDestroy);
+  const std::unique_ptr<void, int (*)(void*)> decompressor(tjInitDecompress(), tjDestroy);
+  unsigned char* bytes = nullptr;
+  unsigned long size = 0;  // NOLINT(google-runtime-int): libjpeg-turbo's type
+  ASSERT_EQ(tjCompress2(compressor.get(), pixels.data(), kWidth, 0, kHeight, TJPF_RGB, &bytes,
+                        &size, TJSAMP_422, 95, 0),
+            0);
+  const File file(bytes, bytes + size);
+  tjFree(bytes);
+  ASSERT_EQ(tjDecompress2(decompressor.get(), file.data(), size, pixels.data(), kWidth, 0, kHeight,
+                          TJPF_RGB, TJFLAG_ACCURATEDCT),
+            0);
+  EXPECT_LE(Difference(testing::BytesOf(Decoded(file)), {pixels.begin(), pixels.end()}), 4);
 }
 
 // The samples of a decoder's frame have gaps between their rows.

@@ -12,6 +12,7 @@
 #include "qxtools/argb.h"
 
 extern "C" {
+#include <libavutil/pixdesc.h>
 #include <libswscale/swscale.h>
 }
 
@@ -309,6 +310,18 @@ constexpr Conversion kConversions[3][3] = {
     {RgbToGrey, RgbToYuv, RgbToRgb},
 };
 
+int RoundedUp(int size, int bits) { return ((size - 1) >> bits << bits) + (1 << bits); }
+
+// Returns: a picture of FFmpeg's own, whose memory is larger, up to whole chroma samples.
+PictureView WithWholeChroma(const PictureView& picture) {
+  PictureView whole = picture;
+  if (FamilyOf(picture.format) != Family::kOther || !picture.padded) return whole;
+  const AVPixFmtDescriptor& format = *av_pix_fmt_desc_get(picture.format);
+  whole.width = RoundedUp(picture.width, format.log2_chroma_w);
+  whole.height = RoundedUp(picture.height, format.log2_chroma_h);
+  return whole;
+}
+
 }  // namespace
 
 void ConvertInto(const PictureView& source, const PictureView& target) {
@@ -329,7 +342,17 @@ FramePtr ConvertPicture(const PictureView& picture, QXPixelFormat format) {
   const YuvCoding coding = keep ? picture.coding : YuvCoding{false, AVCOL_SPC_SMPTE170M};
   FramePtr result = NewPicture(format, static_cast<std::size_t>(picture.width),
                                static_cast<std::size_t>(picture.height), coding);
-  ConvertInto(picture, ViewOf(result));
+  const PictureView whole = WithWholeChroma(picture);
+  if (whole.width == picture.width && whole.height == picture.height) {
+    ConvertInto(picture, ViewOf(result));
+    return result;
+  }
+  // libswscale stretches the chroma of an odd size over one column or row too few.
+  const FramePtr larger = ConvertPicture(whole, format);
+  PictureView part = ViewOf(larger);
+  part.width = picture.width;
+  part.height = picture.height;
+  CopySamples(part, ViewOf(result));
   return result;
 }
 
