@@ -124,14 +124,11 @@ void AddRectify(CLI::App& app) {
       ->required();
   rectify->add_flag("--json", arguments->json, "Print a JSON object");
   rectify->footer(
-      "For each frame the directory receives left-NNNN.png and right-NNNN.png, in colour where "
-      "the\n"
-      "input has colour, and both-NNNN.png: the two side by side, with a line every 32 rows. With "
-      "a\n"
-      "good calibration a line crosses the same things in both views. What a camera does not see "
-      "is\n"
-      "black.\n"
-      "Printed is what turns a disparity d of the rectified pictures into depth, in the\n"
+      "For each frame the directory receives left-NNNN.png and right-NNNN.png, in colour where\n"
+      "the input has colour, and both-NNNN.png: the two side by side, with a line every 32 rows.\n"
+      "With a good calibration a line crosses the same things in both views. What a camera does\n"
+      "not see is black.\n"
+      "The printed values turn a disparity d of the rectified pictures into depth, in the\n"
       "calibration's unit: focal_length * baseline / (d - (center_x - center_x_right)).\n\n"
       "Examples:\n"
       "  qxtools rectify left.jpg right.jpg --calibration intrinsics.yml extrinsics.yml -o out\n"

@@ -60,8 +60,7 @@ Accuracy Evaluate(const DisparityImage& map, const Image<std::uint8_t>& truth, d
 // main one, to which Linux delivers SIGINT, SIGTERM and SIGHUP: see OutputFile.
 //
 // Errors: std::exception whose text names the input or output and the reason. The files of the
-// pairs
-//         before the failure are complete and stay.
+//         pairs before the failure are complete and stay.
 StereoSummary RunStereo(const StereoJob& job);
 
 }  // namespace qx::tools

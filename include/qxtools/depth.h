@@ -24,9 +24,8 @@
 // z * z / (focal_length * baseline) * e: with the square of the distance.
 //
 // Errors:  std::invalid_argument, with a text that names what is wrong, for a geometry or limits
-// out
-//          of range and for frames that are null, empty, of the wrong size or format, or too small
-//          for their own shape; std::length_error when a result does not fit the 32 bits of
+//          out of range and for frames that are null, empty, of the wrong size or format, or too
+//          small for their own shape; std::length_error when a result does not fit the 32 bits of
 //          DataSize(); std::bad_alloc. Nothing is returned then, and the inputs are unchanged.
 // Threads: every function is reentrant. Rows are divided among the caller's OpenMP threads.
 // Exact:   the same bytes for every number of threads and on every processor.
@@ -91,8 +90,7 @@ struct DepthLimits {
 };
 
 // Inputs:  disparity   kQXPixelFormatGray16, height x width x 1, as StereoMatcher returns it:
-// pixels
-//                      * kDisparityUnits, or kMissingDisparity. Borrowed for the call.
+//                      pixels * kDisparityUnits, or kMissingDisparity. Borrowed for the call.
 //          geometry    of the rectified pair, focal_length and baseline above 0.
 //          confidence  kQXPixelFormatGray8 of the same size, or null. Borrowed for the call.
 // Returns: the depth of every pixel, by the formula at the top; missing where the disparity is
@@ -122,9 +120,9 @@ struct Point {
 
 // Inputs:  depth       as ComputeDepth() returns it, with the geometry that made it.
 //          picture     the rectified left picture of the same size, for colours:
-//          kQXPixelFormatRGB888,
-//                      or kQXPixelFormatGray8 or a 4:2:0 format, whose luma becomes grey (the pitch
-//                      of a decoder's frame comes from LayoutOf()). Null: points are white.
+//                      kQXPixelFormatRGB888, or kQXPixelFormatGray8 or a 4:2:0 format, whose luma
+//                      becomes grey (the pitch of a decoder's frame comes from LayoutOf()). Null:
+//                      points are white.
 //          confidence  kQXPixelFormatGray8 of the same size, or null.
 //          Both are borrowed for the call.
 // Returns: a point for every pixel whose depth is finite, row by row from the left.

@@ -9,8 +9,7 @@ namespace qx::utils::image::engine {
 //   target < source   the mean of the inputs under [i, i + 1) * source / target, parts of inputs
 //                     weighted by their length;
 //   otherwise         the cubic convolution kernel with parameter -0.6, the one of libswscale,
-//   around
-//                     (i + 0.5) * source / target - 0.5; beyond the ends the last input is
+//                     around (i + 0.5) * source / target - 0.5; past the ends the last input is
 //                     repeated.
 // Results are rounded to nearest, and clipped to the values of the format. Each plane is a picture
 // of its own.

@@ -17,8 +17,7 @@ struct CalibrationFile {
 std::string ReadCalibrationText(const std::string& path);
 
 // Errors:  std::invalid_argument "name:line: ..." for what is too large, no text, or no YAML with
-// named
-//          values.
+//          named values.
 CalibrationFile ParseCalibrationFile(const std::string& name, const std::string& text);
 
 }  // namespace qx::utils::stereo

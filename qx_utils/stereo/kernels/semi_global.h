@@ -72,8 +72,7 @@ const SemiGlobalVariant* SemiGlobalVariants(std::size_t* count);
 //                      how much better its sum is than the best of those that are not its
 //                      neighbours
 // Exact:   the same for any number of threads and every variant, and as AggregateCosts() followed
-// by
-//          SelectDisparities().
+//          by SelectDisparities().
 // Errors:  std::bad_alloc, before any thread has started.
 void MatchVolume(const SemiGlobalKernel& kernel, const SemiGlobalJob& job,
                  const CorrelationRows& rows, SemiGlobalScratch& scratch, std::uint16_t* disparity,

@@ -2,10 +2,11 @@
 //
 // A path cost is a byte, and so is everything made of it:
 //
-//   cost(d)   = min((128 - correlation(d)) / 2, limit)    unknown_cost where d leads out of the
-//   picture path(d)   = cost(d) + min(before(d), before(d - 1) + slant, before(d + 1) + slant, m +
-//   jump) - m
-//               where `before` is the path at the pixel before, and m its minimum; 0 at the border
+//   cost(d)   = min((128 - correlation(d)) / 2, limit)
+//               or unknown_cost where d leads out of the picture
+//   path(d)   = cost(d) + min(before(d), before(d - 1) + slant, before(d + 1) + slant, m + jump)
+//               - m, where `before` is the path at the pixel before, and m its minimum; 0 at the
+//               border
 //   half(d)   = average(average(horizontal, vertical), average(the two diagonals)), rounded up
 //               each time; average(horizontal, vertical) with four paths
 //   sum(d)    = half(d) of one pass + half(d) of the other, at most 255
